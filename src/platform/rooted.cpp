@@ -1,0 +1,25 @@
+#include "rooted.h"
+
+#include <cstdlib>
+
+namespace platform {
+
+const std::string& root() {
+  static const std::string value = [] {
+    const char* named = secure_getenv("ZORV_ROOT");
+    std::string text = named != nullptr ? named : "";
+    while (!text.empty() && text.back() == '/') {
+      text.pop_back();
+    }
+    return text;
+  }();
+  return value;
+}
+
+std::string rooted(std::string_view path) {
+  std::string full = root();
+  full += path;
+  return full;
+}
+
+}  // namespace platform

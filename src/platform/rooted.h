@@ -1,0 +1,23 @@
+// Where this system's files lie.
+//
+// Every path in the code is the fixed, absolute one ("/etc/config/zorv/zorv.db"). When the
+// environment names ZORV_ROOT, rooted() puts that folder in front of a path that is about to be
+// opened, locked or executed, so that any number of complete systems live side by side without root
+// rights. Texts, logs and defaults keep showing the plain path.
+//
+// ZORV_ROOT is read once, with secure_getenv: a set-user-ID program ignores it. Safe to call from
+// any thread.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace platform {
+
+// The value of ZORV_ROOT without a trailing '/', or "" where it is not set.
+const std::string& root();
+
+// The path to hand to the kernel for the fixed path `path`.
+std::string rooted(std::string_view path);
+
+}  // namespace platform

@@ -1,0 +1,1 @@
+#include "zorv_api_mobile.h"

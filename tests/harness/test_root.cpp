@@ -1,0 +1,48 @@
+#include "harness/test_root.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace harness {
+namespace {
+
+// Short, because it becomes part of abstract socket names of at most 107 bytes.
+std::string root_path = "/tmp/zt.XXXXXX";  // NOLINT: made into the real name by mkdtemp
+
+constexpr const char* kFolders[] = {"/etc/config/zorv", "/var/log/network", "/var/lock", "/var/run",
+                                    "/usr/local/sbin"};
+
+}  // namespace
+
+void make_test_root() {
+  if (mkdtemp(root_path.data()) == nullptr) {
+    abort();
+  }
+  for (const char* folder : kFolders) {
+    std::filesystem::create_directories(root_path + folder);
+  }
+  setenv("ZORV_ROOT", root_path.c_str(), 1);
+}
+
+void remove_test_root() {
+  std::error_code ignored;
+  std::filesystem::remove_all(root_path, ignored);
+}
+
+const std::string& test_root() {
+  return root_path;
+}
+
+std::string read_file(std::string_view path) {
+  std::ifstream file(root_path + std::string(path), std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(std::string_view path, std::string_view content) {
+  std::ofstream file(root_path + std::string(path), std::ios::binary | std::ios::trunc);
+  file.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+}  // namespace harness

@@ -1,0 +1,20 @@
+// The private root of a test process: a folder that stands in for "/" through ZORV_ROOT, with the
+// folders that an installed system has. Made before the first test and removed after the last.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace harness {
+
+// Makes the root and sets ZORV_ROOT; called once, by main, before anything reads the environment.
+void make_test_root();
+void remove_test_root();
+
+const std::string& test_root();
+
+// Whole-file access below the root; `path` is the plain path, as the system's code names it.
+std::string read_file(std::string_view path);
+void write_file(std::string_view path, std::string_view content);
+
+}  // namespace harness
