@@ -1,6 +1,7 @@
 // The catalogue of notification-centre messages, and their sending through the platform's tool.
 #pragma once
 
+#include <array>
 #include <cstddef>
 
 namespace zorv {
@@ -58,10 +59,12 @@ enum class NcMsg : std::size_t {
   count
 };
 
-extern const nc_msg_struct __NC_MSG_DB__[static_cast<std::size_t>(NcMsg::count)];
+inline constexpr std::size_t kNcMsgCount = static_cast<std::size_t>(NcMsg::count);
 
-inline const nc_msg_struct* nc_msg(NcMsg which) {
-  return &__NC_MSG_DB__[static_cast<std::size_t>(which)];
+extern const std::array<nc_msg_struct, kNcMsgCount> __NC_MSG_DB__;
+
+inline const nc_msg_struct* nc_msg(NcMsg name) {
+  return &__NC_MSG_DB__[static_cast<std::size_t>(name)];
 }
 
 namespace nclog {

@@ -1,0 +1,78 @@
+// One call of one daemon method, as every client function makes it. Private to the client API.
+#pragma once
+
+#include <cassert>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <source_location>
+
+#include "kxbus.h"
+#include "zorv_api_db.h"
+
+namespace zorv_api {
+
+inline constexpr int kTimeoutSeconds = 5;
+inline constexpr int kNoDescriptor = -1;
+
+struct FreeIo {
+  void operator()(kx_io* io) const { kx_io_free(io); }
+};
+using Io = std::unique_ptr<kx_io, FreeIo>;
+
+// A fresh buffer. Without one no call is possible and the process ends, in release builds too,
+// naming `source` and the client function that asked.
+inline Io create_io(const char* source,
+                    const std::source_location& caller = std::source_location::current()) {
+  Io io(kx_io_create());
+  if (io == nullptr) {
+    __assert_fail("io != __null", source, caller.line(), caller.function_name());
+  }
+  return io;
+}
+
+inline int call(const Io& io, const char* method) {
+  return kx_call(kZorvdAddress, method, io.get(), kTimeoutSeconds, kNoDescriptor);
+}
+
+inline int call(const Io& io, const char* method, const void* request, size_t size) {
+  const int written = kx_io_write(io.get(), request, size);
+  return written != KX_SUCCESS ? written : call(io, method);
+}
+
+// A query. Returns the call's status; *result is filled only when that is 0. The bytes that came
+// are believed, not the count they announce: a reply that does not hold its records is
+// KX_IO_FAILURE. on_count is called with the count before the rows are copied.
+template <class Result, class OnCount>
+int query(const Io& io, const char* method, const db_query_cond& cond, Result* result,
+          OnCount&& on_count) {
+  using Record = typename Result::record_type;
+  const int status = call(io, method, &cond, sizeof cond);
+  if (status != KX_SUCCESS) {
+    return status;
+  }
+  size_t length = 0;
+  const auto* reply = static_cast<const char*>(kx_io_read(io.get(), &length));
+  if (reply == nullptr || length < kQueryHeaderSize) {
+    return KX_IO_FAILURE;
+  }
+  Result header;
+  std::memcpy(static_cast<void*>(&header), reply, kQueryHeaderSize);
+  const size_t carried = (length - kQueryHeaderSize) / sizeof(Record);
+  if (header.count > carried) {
+    header.count = carried;
+  }
+  on_count(header.count);
+  const auto count = static_cast<size_t>(header.count);
+  header.data = static_cast<Record*>(calloc(count, sizeof(Record)));
+  if (header.data == nullptr && count != 0) {
+    return KX_IO_FAILURE;
+  }
+  if (count != 0) {
+    std::memcpy(static_cast<void*>(header.data), reply + kQueryHeaderSize, count * sizeof(Record));
+  }
+  *result = header;
+  return KX_SUCCESS;
+}
+
+}  // namespace zorv_api
