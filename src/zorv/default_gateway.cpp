@@ -1,0 +1,240 @@
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "global_options.h"
+#include "json_ref.h"
+#include "logger.h"
+#include "long_conversion.h"
+#include "nc_msg_db.h"
+
+namespace zorv {
+namespace {
+
+LogModule log_module{"global_options"};
+
+// "ztunc" stands before "tun", which is a part of it.
+constexpr const char* kIfnamePrefixes[] = {"ztunc", "tun", "ppp", "wgc"};
+
+// One number in an interface's name tells kind and index; below the last band it tells nothing.
+struct Band {
+  int base;
+  TYPE type;
+};
+constexpr Band kBands[] = {{3000, WIREGUARD_CLIENT_TYPE},
+                           {2500, FENLO_CLIENT_TYPE},
+                           {2000, OVPN_CLIENT_TYPE},
+                           {1250, L2TP_CLIENT_TYPE},
+                           {1000, PPTP_CLIENT_TYPE}};
+
+constexpr const char* kSection = "gw_setting";
+
+// A member that is missing or no number reads as 0.
+int int_member(const json_t* object, const char* key) {
+  const double number = json_number_value(json_object_get(object, key));
+  if (number >= std::numeric_limits<int>::max()) {
+    return std::numeric_limits<int>::max();
+  }
+  if (number <= std::numeric_limits<int>::min()) {
+    return std::numeric_limits<int>::min();
+  }
+  return std::isnan(number) ? 0 : static_cast<int>(number);
+}
+
+const char* text_member(const json_t* object, const char* key) {
+  const char* const text = json_string_value(json_object_get(object, key));
+  return text != nullptr ? text : "";
+}
+
+struct Gateway {
+  int type = NONE_TYPE;
+  int index = 0;
+
+  bool operator==(const Gateway&) const = default;
+};
+
+Gateway gateway_member(const json_t* section, const char* key) {
+  const json_t* const gateway = json_object_get(section, key);
+  return {int_member(gateway, "type"), int_member(gateway, "index")};
+}
+
+void clear_failover(json_t* section) {
+  json_object_set_new(section, "failover_en", json_integer(0));
+  json_object_del(section, "failover_interval");
+  json_object_del(section, "gw2");
+}
+
+// The backup's interface takes the place of the primary's, also where it has none.
+void promote_backup(json_t* section, const Gateway& backup) {
+  json_t* const primary = json_object_get(section, "gw1");
+  json_t* const sname = json_object_get(json_object_get(section, "gw2"), "sname");
+  json_object_set_new(primary, "index", json_integer(backup.index));
+  json_object_set_new(primary, "type", json_integer(backup.type));
+  if (sname != nullptr) {
+    json_object_set(primary, "sname", sname);
+  } else {
+    json_object_del(primary, "sname");
+  }
+  clear_failover(section);
+}
+
+// Takes `gone` out of the settings; false when it is in none of them.
+bool remove_gateway(json_t* section, const Gateway& gone) {
+  const bool is_primary = gone == gateway_member(section, "gw1");
+  const bool has_backup = int_member(section, "failover_en") != 0;
+  // Without failover the backup counts as (0, 0), whatever gw2 says.
+  const Gateway backup = has_backup ? gateway_member(section, "gw2") : Gateway{};
+  if (is_primary && has_backup) {
+    promote_backup(section, backup);
+    return true;
+  }
+  if (is_primary) {
+    json_object_set_new(section, "as_gw_en", json_integer(0));
+    json_object_del(section, "gw1");
+    return true;
+  }
+  if (gone == backup) {
+    clear_failover(section);
+    return true;
+  }
+  return false;
+}
+
+void announce(NcMsg message, const json_t* gateway) {
+  const std::string kind = type_to_string(static_cast<TYPE>(int_member(gateway, "type")));
+  const std::string profile = get_profile_name(text_member(gateway, "sname"));
+  nclog::notify_send(nc_msg(message), kind.c_str(), profile.c_str(), nullptr);
+}
+
+}  // namespace
+
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
+void ifname_to_typeindex(std::string ifname, TYPE& ret_type, int& ret_index) {
+  int number = ret_index;
+  for (const char* const prefix : kIfnamePrefixes) {
+    // Found anywhere, but the number is read behind the prefix's length from the start.
+    if (ifname.find(prefix) != std::string::npos) {
+      number = long_conversion(ifname.c_str() + strlen(prefix));
+      break;
+    }
+  }
+  ret_type = NONE_TYPE;
+  ret_index = 0;
+  for (const Band& band : kBands) {
+    if (number >= band.base || number <= -band.base) {
+      ret_type = band.type;
+      ret_index = number % band.base;
+      return;
+    }
+  }
+}
+
+std::string typeindex_to_sname(TYPE type, int index) {
+  const std::string number = std::to_string(index);
+  switch (type) {
+    case PPTP_CLIENT_TYPE:
+      return "PPTP_CLIENT" + number;
+    case L2TP_CLIENT_TYPE:
+      return "L2TP_CLIENT" + number;
+    case OVPN_CLIENT_TYPE:
+      return "OPENVPN_CLIENT" + number;
+    case FENLO_CLIENT_TYPE:
+      return "FENLO_CLIENT" + number;
+    case WIREGUARD_CLIENT_TYPE:
+      return "WG_CLIENT" + number;
+    default:
+      return {};
+  }
+}
+
+std::string type_to_string(TYPE type) {
+  switch (type) {
+    case PPTP_CLIENT_TYPE:
+      return "PPTP";
+    case L2TP_CLIENT_TYPE:
+      return "L2TP/IPSec";
+    case OVPN_CLIENT_TYPE:
+      return "OpenVPN";
+    case FENLO_CLIENT_TYPE:
+      return "Fenlo";
+    case WIREGUARD_CLIENT_TYPE:
+      return "Wireguard";
+    default:
+      return {};
+  }
+}
+
+std::string interval_to_string(int interval) {
+  switch (interval) {
+    case -1:
+      return "Not";
+    case 0:
+      return "immediatly";
+    case 1:
+      return "1";
+    case 5:
+      return "5";
+    case 10:
+      return "10";
+    default:
+      return {};
+  }
+}
+
+void GlobalConfig::get_vpn_gw(JsonValue& ret_out) const {
+  TYPE type = NONE_TYPE;
+  int index = 0;
+  const JsonRef reply(easy_kx_call(kNetworkService, "api.get_currentGWinfo", nullptr));
+  if (reply == nullptr) {
+    ZORV_LOG(error, "%s: kx_call failed", "get_currentGWinfo");
+    return;
+  }
+  const json_t* const gateways = json_object_get(reply.get(), "data");
+  for (size_t i = 0; i < json_array_size(gateways); ++i) {
+    const json_t* const gateway = json_array_get(gateways, i);
+    if (!json_is_object(gateway)) {
+      ZORV_LOG(error, "val isn't an object.");
+      return;
+    }
+    if (strcmp(text_member(gateway, "interface_type"), "VPN") != 0) {
+      continue;
+    }
+    const char* const ifname = json_string_value(json_object_get(gateway, "ifname"));
+    if (ifname == nullptr) {
+      return;
+    }
+    ifname_to_typeindex(ifname, type, index);
+    break;
+  }
+  ret_out["type"] = static_cast<int>(type);
+  ret_out["index"] = index;
+}
+
+int GlobalConfig::disable_gateway(TYPE type, int index) const {
+  const JsonRef root(load());
+  json_t* const section = json_object_get(root.get(), kSection);
+  if (int_member(section, "as_gw_en") == 0 || !remove_gateway(section, {type, index})) {
+    return 0;
+  }
+  const JsonText text = dump_json(root.get());
+  save(text.get());
+  ZORV_LOG(error, "gw changed, root=%s", text_or_empty(text));
+  return 0;
+}
+
+// Every patch that keeps the gateway enabled announces it again, changed or not.
+void zorv_gw_nclog(json_t* patch) {
+  const json_t* const section = json_object_get(patch, kSection);
+  if (int_member(section, "as_gw_en") == 0) {
+    return;
+  }
+  announce(NcMsg::C002_0011, json_object_get(section, "gw1"));
+  if (int_member(section, "failover_en") == 0) {
+    return;
+  }
+  announce(NcMsg::C002_0012, json_object_get(section, "gw2"));
+  const std::string delay = interval_to_string(int_member(section, "failover_interval"));
+  nclog::notify_send(nc_msg(NcMsg::C002_0013), delay.c_str(), nullptr);
+}
+
+}  // namespace zorv

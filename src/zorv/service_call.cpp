@@ -1,0 +1,93 @@
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "global_options.h"
+#include "json_ref.h"
+#include "kxbus.h"
+#include "logger.h"
+
+namespace zorv {
+namespace {
+
+LogModule log_module{"global_options"};
+
+constexpr int kTimeoutSeconds = 5;
+constexpr int kNoDescriptor = -1;
+
+struct FreeIo {
+  void operator()(kx_io* io) const { kx_io_free(io); }
+};
+using Io = std::unique_ptr<kx_io, FreeIo>;
+
+// The answer is text and ends at its first zero byte, or with the reply.
+JsonRef parse_reply(kx_io* io) {
+  size_t length = 0;
+  const auto* reply = static_cast<const char*>(kx_io_read(io, &length));
+  if (reply == nullptr) {
+    return nullptr;
+  }
+  return JsonRef(json_loadb(reply, strnlen(reply, length), 0, nullptr));
+}
+
+}  // namespace
+
+json_t* easy_kx_call(const char* service, const char* method, const char* args) {
+  const char* const shown_args = args != nullptr ? args : "";
+  ZORV_LOG(debug, "kx_call %s.%s %s", service, method, shown_args);
+  const Io io(kx_io_create());
+  if (io == nullptr) {
+    ZORV_LOG(error, "%s: kx_io_create failed", "easy_kx_call");
+    return nullptr;
+  }
+  int status = KX_SUCCESS;
+  if (args != nullptr) {
+    status = kx_io_write(io.get(), args, strlen(args));
+  }
+  if (status == KX_SUCCESS) {
+    status = kx_call(service, method, io.get(), kTimeoutSeconds, kNoDescriptor);
+  }
+  if (status != KX_SUCCESS) {
+    ZORV_LOG(error, "%s: kx_call %s.%s %s failed", "easy_kx_call", service, method, shown_args);
+    return nullptr;
+  }
+  JsonRef root = parse_reply(io.get());
+  if (!json_is_object(root.get())) {
+    ZORV_LOG(error, "%s: root isn't an object.", "easy_kx_call");
+    return nullptr;
+  }
+  const json_t* const error = json_object_get(root.get(), "error");
+  if (!json_is_integer(error)) {
+    ZORV_LOG(error, "%s: val isn't an integer.", "easy_kx_call");
+    return nullptr;
+  }
+  if (json_integer_value(error) != 0) {
+    ZORV_LOG(error, "%s: %s.%s %s failed", "easy_kx_call", service, method, shown_args);
+    return nullptr;
+  }
+  return root.release();
+}
+
+std::string get_profile_name(std::string ifname) {  // NOLINT(performance-unnecessary-value-param)
+  const JsonRef request(json_object());
+  json_object_set_new(request.get(), "key", json_string(ifname.c_str()));
+  const JsonText request_text = dump_json(request.get());
+  const JsonRef reply(easy_kx_call(kNetworkService, "external_dev.list", request_text.get()));
+  if (reply == nullptr) {
+    return {};
+  }
+  const json_t* const device =
+      json_object_get(json_object_get(reply.get(), "data"), ifname.c_str());
+  if (!json_is_object(device)) {
+    ZORV_LOG(error, "%s: %s isn't an object.", "get_profile_name", ifname.c_str());
+    return {};
+  }
+  const json_t* const profile = json_object_get(device, "profile");
+  if (!json_is_string(profile)) {
+    ZORV_LOG(error, "%s: profile isn't string.", "get_profile_name");
+    return {};
+  }
+  return json_string_value(profile);
+}
+
+}  // namespace zorv
