@@ -9,11 +9,13 @@
 #include <cerrno>
 #include <cstddef>
 
+#include "close_from.h"
+
 namespace zorv {
 namespace {
 
 constexpr size_t kStackSize = 32 * 1024;
-constexpr int kFirstInherited = 3;  // standard input, output and error stay
+constexpr unsigned kFirstInherited = 3;  // standard input, output and error stay
 
 struct Launch {
   const char* file;
@@ -45,15 +47,6 @@ void reopen(int stream, int flags) {
   }
 }
 
-void close_inherited() {
-  if (close_range(kFirstInherited, ~0U, 0) != 0) {
-    const long limit = sysconf(_SC_OPEN_MAX);
-    for (int fd = kFirstInherited; fd < limit; ++fd) {
-      close(fd);
-    }
-  }
-}
-
 int run_program(void* argument) {
   const auto* launch = static_cast<const Launch*>(argument);
   reopen(STDIN_FILENO, O_RDONLY);
@@ -67,7 +60,7 @@ int run_program(void* argument) {
 
 int run_intermediate(void* argument) {
   const auto* launch = static_cast<const Launch*>(argument);
-  close_inherited();
+  platform::close_from(kFirstInherited);
   const int program =
       clone(run_program, launch->program_stack_top, CLONE_VM | CLONE_VFORK | SIGCHLD, argument);
   _exit(program < 0 ? 1 : 0);

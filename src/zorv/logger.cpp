@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <string>
 
 #include "rooted.h"
@@ -52,13 +53,10 @@ class Line {
     va_copy(again, arguments);
     const int wanted = vsnprintf(buffer_ + length_, sizeof buffer_ - length_, format, arguments);
     const size_t text = wanted < 0 ? 0 : static_cast<size_t>(wanted);
-    if (text >= sizeof buffer_ - length_) {
-      spilled_.assign(buffer_, length_);
-      spilled_.resize(length_ + text + 1);
-      vsnprintf(spilled_.data() + length_, text + 1, format, again);
-      spilled_.pop_back();
-    } else {
+    if (text < sizeof buffer_ - length_) {
       length_ += text;
+    } else {
+      spill(text, format, again);
     }
     va_end(again);
   }
@@ -67,6 +65,20 @@ class Line {
   size_t size() const { return spilled_.empty() ? length_ : spilled_.size(); }
 
  private:
+  // Without memory the line stays cut where the buffer ends.
+  void spill(size_t text, const char* format, va_list arguments) {
+    try {
+      spilled_.reserve(length_ + text + 1);
+      spilled_.assign(buffer_, length_);
+      spilled_.resize(length_ + text + 1);
+      vsnprintf(spilled_.data() + length_, text + 1, format, arguments);
+      spilled_.pop_back();
+    } catch (const std::bad_alloc&) {
+      spilled_.clear();
+      length_ = sizeof buffer_ - 1;
+    }
+  }
+
   char buffer_[2048];
   size_t length_ = 0;
   std::string spilled_;

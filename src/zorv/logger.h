@@ -47,10 +47,12 @@ inline bool log_wanted(LogLevel level) {
 void log_write(const LogSite& site, LogLevel level, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
-#define ZORV_HERE                                            \
-  LogSite {                                                  \
-    log_module, __LINE__, static_cast<const char*>(__func__) \
+#define ZORV_SITE(module)                                  \
+  LogSite {                                                \
+    (module), __LINE__, static_cast<const char*>(__func__) \
   }
+
+#define ZORV_HERE ZORV_SITE(log_module)
 
 #define ZORV_LOG_AT(site, level, ...)                  \
   do {                                                 \
@@ -59,4 +61,8 @@ void log_write(const LogSite& site, LogLevel level, const char* format, ...)
     }                                                  \
   } while (false)
 
+// A line of the file it stands in.
 #define ZORV_LOG(level, ...) ZORV_LOG_AT(ZORV_HERE, level, __VA_ARGS__)
+
+// A line of shared code that speaks for another module.
+#define ZORV_LOG_FOR(module, level, ...) ZORV_LOG_AT(ZORV_SITE(module), level, __VA_ARGS__)

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <source_location>
 
 #include "kxbus.h"
 #include "zorv_api_db.h"
@@ -20,13 +19,13 @@ struct FreeIo {
 };
 using Io = std::unique_ptr<kx_io, FreeIo>;
 
-// A fresh buffer. Without one no call is possible and the process ends, in release builds too,
-// naming `source` and the client function that asked.
-inline Io create_io(const char* source,
-                    const std::source_location& caller = std::source_location::current()) {
+// A fresh buffer. Without one no call is possible and the process ends, in release builds too, naming
+// `source` and the client function by its signature.
+inline Io create_io(const char* source, const char* signature,
+                    unsigned line = static_cast<unsigned>(__builtin_LINE())) {
   Io io(kx_io_create());
   if (io == nullptr) {
-    __assert_fail("io != __null", source, caller.line(), caller.function_name());
+    __assert_fail("io != __null", source, line, signature);
   }
   return io;
 }

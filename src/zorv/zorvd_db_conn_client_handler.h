@@ -1,0 +1,21 @@
+// The table conn_client_log: VPN connections the NAS made as a client.
+//
+// Each insert sends one notification, after the row is stored; a vpn_type or an action that is none
+// keeps the row and sends nothing. The vpn_type codes are not those of the server log.
+#pragma once
+
+#include "zorv_records.h"
+
+namespace store {
+
+int create_conn_client_log_db();
+// Ends the record's texts where they lack a terminator. Always 0.
+int insert_conn_client_log(db_conn_client_log_data* record);
+// Fills the caller's zeroed **out; its `data` is released with free. -1 for a bad order_by.
+int select_conn_client_log(const db_query_cond* cond, db_conn_client_log_query** out);
+int delete_conn_client_log(const db_delete_cond* cond);
+int clean_conn_client_log();
+int optimize_client_log_db();
+int finish_conn_client_log_db();
+
+}  // namespace store

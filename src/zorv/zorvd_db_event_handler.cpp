@@ -1,0 +1,69 @@
+#include "zorvd_db_event_handler.h"
+
+#include "zorvd_db_rows.h"
+
+namespace store {
+namespace {
+
+LogModule log_module{"zorvd_db_event_handler"};
+
+constexpr std::tuple<> columns;
+
+constexpr TableTraits traits{"event_log", Storage::persistent, DeleteText::accumulates};
+Table table(log_module, traits);
+
+// An event has nothing to read, its id included.
+int select_callback(void* user, int /*text_count*/, char** /*texts*/, char** /*names*/) {
+  auto& query = *static_cast<db_event_query*>(user);
+  void* grown = std::realloc(static_cast<void*>(query.data), static_cast<size_t>(query.count) + 1);
+  if (grown == nullptr) {
+    ZORV_LOG(debug, "realloc fail");
+    return 0;
+  }
+  query.data = static_cast<db_event_data*>(grown);
+  std::memset(static_cast<void*>(query.data + query.count), 0, sizeof(db_event_data));
+  ++query.count;
+  return 0;
+}
+
+}  // namespace
+
+int create_event_db() {
+  return create(table, column_texts(columns));
+}
+
+int insert_event_data(db_event_data* /*record*/) {
+  return 0;
+}
+
+int select_event_data(const db_query_cond* cond, db_event_query** out) {
+  const bool created = table.__db_field_index__ > 0;
+  const bool known_column = cond->order_by >= 0 && cond->order_by < table.__db_field_index__;
+  if (created && !known_column) {
+    return -1;
+  }
+  const char* order_name =
+      known_column ? table.__db_fields[static_cast<size_t>(cond->order_by)].c_str() : "id";
+  const record_int64 count = cond->count == -1 || cond->count > kMostRows ? kMostRows : cond->count;
+  SqlText query(sqlite3_mprintf("SELECT * FROM event_log ORDER BY %s %s LIMIT %lld OFFSET %lld;",
+                                order_name, direction(cond->order_style), count, cond->start));
+  const std::string text = query != nullptr ? query.get() : "";
+  std::string failure;
+  ZORV_LOG(debug, "select_stmt");
+  if (run(table, std::move(query), select_callback, *out, &failure) != SQLITE_OK) {
+    ZORV_LOG(error, "Error in select statement %s [%s].", text.c_str(), failure.c_str());
+  }
+  ZORV_LOG(debug, "\n %llu records returned.", (*out)->count);
+  (*out)->total = (*out)->count;
+  return 0;
+}
+
+int delete_event_data(int id) {
+  return delete_row(table, static_cast<record_uint64>(id));
+}
+
+int finish_event_db() {
+  return finish(table);
+}
+
+}  // namespace store

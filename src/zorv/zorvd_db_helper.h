@@ -1,0 +1,136 @@
+// The store engine: what every table of the record store does the same way.
+//
+// All tables live in one SQLite file. Each table module holds one Table, with its own connection,
+// and declares its columns (zorvd_db_column.h); everything else is here. The life of a table:
+//
+//   uncreated -> create -> open, closed by any statement that fails, reopened by the next one ->
+//   finish
+//
+// A failed statement is logged, closes the connection and never stops the operation it belongs to:
+// the next statement opens the file again. A temporary table is lost with its connection and
+// nothing makes it anew, so after a failure its module fails until the daemon is started again.
+//
+// The journal is off: BEGIN and END group the statements of an insert, nothing is ever rolled back.
+//
+// All of the store runs on the bus's callback thread, one request at a time, without locks.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <array>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "logger.h"
+#include "zorv_records.h"
+#include "zorvd_db_column.h"
+
+namespace store {
+
+inline constexpr const char* kDatabaseFile = "/etc/config/zorv/zorv.db";
+inline constexpr record_int64 kMostRows = 100000;          // of a page and of a reported total
+inline constexpr record_int64 kRecycleThreshold = 101999;  // rows that a table may hold
+inline constexpr record_int64 kRecycleAmount = 2000;       // oldest rows dropped beyond it
+inline constexpr size_t kTextBufferSize = 4096;            // of every statement text
+inline constexpr size_t kFieldNameSize = 40;
+inline constexpr size_t kMostFields = 128;
+inline constexpr int kBusyTimeoutMs = 3000;  // below the 5 s that a caller waits for its answer
+
+// A text that never holds more than Size - 1 characters; what does not fit is cut off.
+template <size_t Size>
+class BoundedText {
+ public:
+  void assign(std::string_view text) { text_ = text.substr(0, Size - 1); }
+  void append(std::string_view text) { text_ += text.substr(0, Size - 1 - text_.size()); }
+  void clear() { text_.clear(); }
+  bool empty() const { return text_.empty(); }
+  const char* c_str() const { return text_.c_str(); }
+
+ private:
+  std::string text_;
+};
+
+struct CloseDatabase {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+using Database = std::unique_ptr<sqlite3, CloseDatabase>;
+
+struct FreeSqlText {
+  void operator()(char* text) const { sqlite3_free(text); }
+};
+using SqlText = std::unique_ptr<char, FreeSqlText>;
+
+enum class Storage { persistent, temporary };
+
+// What a delete or a clean builds on. An accumulating text is never restored: each delete and clean
+// appends to what the ones before left, so the first runs as meant and later ones run the whole
+// text.
+enum class DeleteText { accumulates, restored };
+
+struct TableTraits {
+  const char* name;
+  Storage storage;
+  DeleteText delete_text;
+  const char* unique_column = nullptr;  // gets a unique index, made once a connection
+};
+
+struct Table {
+  Table(LogModule& module, const TableTraits& table_traits) : log(module), traits(table_traits) {}
+
+  LogModule& log;  // lines of the engine carry the table module's name
+  const TableTraits& traits;
+
+  Database __db__;
+  BoundedText<kTextBufferSize> __db_file;  // plain path; empty until created
+  BoundedText<kTextBufferSize> __db_table_name_str;
+  BoundedText<kTextBufferSize> __db_create_str;
+  BoundedText<kTextBufferSize> __db_insert_str1;
+  BoundedText<kTextBufferSize> __db_insert_field;
+  BoundedText<kTextBufferSize> __db_insert_arg;
+  BoundedText<kTextBufferSize> __db_insert_str;
+  BoundedText<kTextBufferSize> __db_update_str;
+  BoundedText<kTextBufferSize> __db_delete_str;
+  std::array<BoundedText<kFieldNameSize>, kMostFields> __db_fields;
+  int __db_field_index__ = 0;  // columns registered, "id" included
+  int __is_first_field = 1;
+};
+
+// Assembles the texts, opens the file, sets the pragmas and makes the table. 0, or -1 with the
+// connection closed. Called once a process: a second call would register the columns again.
+int create(Table& table, std::span<const ColumnText> columns);
+
+// Runs one statement, opening the connection if needed. 0 or SQLite's result, which has been
+// logged; *ret_error, when asked for, gets SQLite's text of a failure.
+int run(Table& table, SqlText statement, sqlite3_callback callback = nullptr, void* user = nullptr,
+        std::string* ret_error = nullptr);
+
+// Runs a statement that yields one integer, read as a 32-bit one. Untouched when there is none.
+int run_for_integer(Table& table, SqlText statement, record_int64& ret_value);
+
+// Runs an insert statement in its transaction, then drops the oldest rows of a table that is full.
+void insert_row(Table& table, SqlText statement);
+
+// A page: hands each row to `callback`. 0, or -1 for a column index that is out of range.
+int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callback, void* user,
+                record_uint64& ret_total);
+
+int delete_row(Table& table, record_uint64 id);
+int clean(Table& table);
+int optimize(Table& table);
+int finish(Table& table);
+
+// "ASC" or "DESC" of a condition's order_style.
+const char* direction(record_int64 order_style);
+
+template <class Record, class AllColumns>
+SqlText insert_statement(const Table& table, const AllColumns& columns, const Record& record) {
+  return std::apply(
+      [&table](auto... values) {
+        return SqlText(sqlite3_mprintf(table.__db_insert_str.c_str(), values...));
+      },
+      insert_arguments(columns, record));
+}
+
+}  // namespace store
