@@ -182,7 +182,7 @@ void JsonValue::append(JsonValue* child) {
     type = ARRAY_TYPE;
   }
   as<Array>(value).push_back(child);
-  owned.release();  // the array owns it now
+  static_cast<void>(owned.release());  // the array owns it now
 }
 
 template <class T>
