@@ -1,0 +1,170 @@
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <memory>
+#include <new>
+
+#include "commands.h"
+#include "daemon_answer.h"
+#include "display_text.h"
+#include "exit_status.h"
+#include "record_query.h"
+#include "value_text.h"
+
+namespace zorvctl {
+namespace {
+
+std::string option_name(const Column& column) {
+  std::string name = std::string("--") + column.name;
+  std::replace(name.begin(), name.end(), '_', '-');
+  return name;
+}
+
+// A zeroed record of any kind; sizes and alignment are those of the largest.
+class RecordMemory {
+ public:
+  explicit RecordMemory(const RecordKind& kind) : memory_(std::calloc(1, kind.record_size)) {
+    if (memory_ == nullptr) {
+      throw std::bad_alloc();
+    }
+  }
+  void* get() const { return memory_.get(); }
+
+ private:
+  std::unique_ptr<void, FreeMemory> memory_;
+};
+
+struct AddOption {
+  const Column* column;
+  CLI::Option* option;
+};
+
+int add_record(const RecordKind& kind, const std::vector<AddOption>& options) {
+  const RecordMemory record(kind);
+  const std::time_t now = std::time(nullptr);
+  for (const AddOption& given : options) {
+    const Column& column = *given.column;
+    if (given.option->count() == 0) {
+      if (column.kind == Kind::time && kind.time_column == std::string_view(column.name)) {
+        column.set(record.get(), static_cast<unsigned long long>(now));
+      }
+      continue;
+    }
+    Value value;
+    std::string error;
+    const std::string& text = given.option->results().front();
+    if (read_value(column, text, now, Zone::local, &value, &error) != 0) {
+      complain("{}: {}", option_name(column), error);
+      return kUsage;
+    }
+    column.set(record.get(), value);
+  }
+  std::string answer;
+  const std::string what = fmt::format("add to {}", kind.noun);
+  const int status = report_status(kind.add(record.get(), &answer), what.c_str());
+  if (status == kDone && !answer.empty() && !print(display_text(answer) + "\n")) {
+    return kFailed;
+  }
+  return status;
+}
+
+// The first id that a query meets; nothing when it meets none.
+QueryEnd first_id(const RecordKind& kind, RecordQuery query, std::optional<long long>* ret_id) {
+  query.limit = 1;
+  QueryEvents events;
+  events.on_record = [&](const void* record) {
+    *ret_id = std::get<long long>(kind.columns[0].get(record));
+  };
+  events.on_page_end = [] {};
+  events.on_wait = [](unsigned long long, unsigned long long) {};
+  return run_query(kind, query, events);
+}
+
+// The daemon answers a delete or a clean the same way whether its statement worked or not, so the
+// table is asked afterwards.
+int delete_records(const RecordKind& kind, const std::vector<long long>& ids) {
+  for (const long long id : ids) {
+    const std::string what = fmt::format("delete {} of {}", id, kind.noun);
+    if (const int status = report_status(kind.remove(id), what.c_str()); status != kDone) {
+      return status;
+    }
+    RecordQuery query;
+    query.filters.push_back({&kind.columns[0], "", id});
+    std::optional<long long> left;
+    if (const int status = report_query_end(first_id(kind, query, &left), what.c_str());
+        status != kDone) {
+      return status;
+    }
+    if (left) {
+      complain("cannot {}: it is still there, the daemon's log says why", what);
+      return kFailed;
+    }
+  }
+  return kDone;
+}
+
+int clean_records(const RecordKind& kind) {
+  const std::string what = fmt::format("clean {}", kind.noun);
+  std::optional<long long> newest;
+  first_id(kind, {}, &newest);
+  if (const int status = report_status(kind.clean(), what.c_str()); status != kDone) {
+    return status;
+  }
+  RecordQuery query;
+  query.descending = false;
+  std::optional<long long> oldest;
+  if (const int status = report_query_end(first_id(kind, query, &oldest), what.c_str());
+      status != kDone) {
+    return status;
+  }
+  // Newer ones came after the clean.
+  if (oldest && newest && *oldest <= *newest) {
+    complain("cannot {}: {} are still there, the daemon's log says why", what, kind.plural);
+    return kFailed;
+  }
+  return kDone;
+}
+
+}  // namespace
+
+void add_add_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
+  CLI::App* verb = noun.add_subcommand(
+      "add", fmt::format("Record one of the {}, as a VPN server or client would", kind.plural));
+  auto options = std::make_shared<std::vector<AddOption>>();
+  for (const Column& column : kind.columns) {
+    if (column.filled == Filled::by_caller) {
+      const bool is_moment = kind.time_column == std::string_view(column.name);
+      const std::string hint = value_hint(column) + (is_moment ? "; now if not given" : "");
+      options->push_back({&column, verb->add_option(option_name(column), hint)
+                                       ->type_name(column.kind == Kind::text ? "TEXT" : "VALUE")
+                                       ->expected(1)});
+    }
+  }
+  verb->footer("What is not given is empty or 0.");
+  verb->callback(
+      [&kind, options, run] { *run = [&kind, options] { return add_record(kind, *options); }; });
+}
+
+void add_delete_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
+  CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", kind.plural));
+  auto ids = std::make_shared<std::vector<long long>>();
+  verb->add_option("ids", *ids, "Ids, as \"list\" shows them")->required()->type_name("ID");
+  verb->callback([&kind, ids, run] { *run = [&kind, ids] { return delete_records(kind, *ids); }; });
+}
+
+void add_clean_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
+  CLI::App* verb = noun.add_subcommand("clean", fmt::format("Delete all {}", kind.plural));
+  auto all = std::make_shared<bool>(false);
+  verb->add_flag("--all", *all, "Say that all are meant: without it nothing is deleted");
+  verb->callback([&kind, all, run] {
+    *run = [&kind, all] {
+      if (!*all) {
+        complain("clean deletes all {}: say --all if that is meant", kind.plural);
+        return static_cast<int>(kUsage);
+      }
+      return clean_records(kind);
+    };
+  });
+}
+
+}  // namespace zorvctl

@@ -1,0 +1,124 @@
+#include "display_text.h"
+
+#include <fmt/format.h>
+
+#include <clocale>
+#include <cwchar>
+
+namespace zorvctl {
+namespace {
+
+constexpr Character kStray{0, 1, false};
+
+unsigned byte_at(std::string_view text, size_t index) {
+  return static_cast<unsigned char>(text[index]);
+}
+
+// Widths of characters are those of a UTF-8 locale, whatever the user's is.
+unsigned width_of(char32_t code) {
+  static const bool utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+  if (code < 0x80 || !utf8) {
+    return 1;
+  }
+  const int width = wcwidth(static_cast<wchar_t>(code));
+  return width < 0 ? 1 : static_cast<unsigned>(width);
+}
+
+}  // namespace
+
+Character first_character(std::string_view text) {
+  const unsigned lead = byte_at(text, 0);
+  if (lead < 0x80) {
+    return {lead, 1, true};
+  }
+  unsigned length = 0;
+  char32_t code = 0;
+  char32_t smallest = 0;
+  if ((lead & 0xE0) == 0xC0) {
+    length = 2;
+    code = lead & 0x1F;
+    smallest = 0x80;
+  } else if ((lead & 0xF0) == 0xE0) {
+    length = 3;
+    code = lead & 0x0F;
+    smallest = 0x800;
+  } else if ((lead & 0xF8) == 0xF0) {
+    length = 4;
+    code = lead & 0x07;
+    smallest = 0x10000;
+  } else {
+    return kStray;
+  }
+  if (text.size() < length) {
+    return kStray;
+  }
+  for (unsigned index = 1; index < length; ++index) {
+    const unsigned next = byte_at(text, index);
+    if ((next & 0xC0) != 0x80) {
+      return kStray;
+    }
+    code = (code << 6) | (next & 0x3F);
+  }
+  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+  if (code < smallest || code > 0x10FFFF || surrogate) {
+    return kStray;
+  }
+  return {code, length, true};
+}
+
+bool is_control(char32_t code) {
+  return code < 0x20 || (code >= 0x7F && code < 0xA0) ||        // C0, DEL, C1
+         code == 0x2028 || code == 0x2029 ||                    // line and paragraph separators
+         code == 0x200E || code == 0x200F || code == 0x061C ||  // direction marks
+         (code >= 0x202A && code <= 0x202E) || (code >= 0x2066 && code <= 0x2069) || code == 0xFEFF;
+}
+
+std::string display_text(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  while (!text.empty()) {
+    const Character character = first_character(text);
+    const auto code = static_cast<unsigned>(character.code);
+    if (!character.valid) {
+      result += fmt::format("\\x{:02x}", byte_at(text, 0));
+    } else if (code == '\n') {
+      result += "\\n";
+    } else if (code == '\t') {
+      result += "\\t";
+    } else if (code == '\r') {
+      result += "\\r";
+    } else if (is_control(character.code)) {
+      result += code < 0x80 ? fmt::format("\\x{:02x}", code) : fmt::format("\\u{:04x}", code);
+    } else {
+      result += text.substr(0, character.length);
+    }
+    text.remove_prefix(character.length);
+  }
+  return result;
+}
+
+unsigned display_width(std::string_view text) {
+  unsigned width = 0;
+  while (!text.empty()) {
+    const Character character = first_character(text);
+    width += width_of(character.code);
+    text.remove_prefix(character.length);
+  }
+  return width;
+}
+
+std::string_view fitting_front(std::string_view text, unsigned columns) {
+  size_t length = 0;
+  unsigned width = 0;
+  while (length < text.size()) {
+    const Character character = first_character(text.substr(length));
+    width += width_of(character.code);
+    if (width > columns) {
+      break;
+    }
+    length += character.length;
+  }
+  return text.substr(0, length);
+}
+
+}  // namespace zorvctl

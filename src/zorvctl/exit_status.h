@@ -1,0 +1,32 @@
+// How zorvctl ends, and how it complains: scripts rely on these numbers.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstdio>
+#include <string>
+#include <utility>
+
+namespace zorvctl {
+
+enum ExitStatus : int {
+  kDone = 0,         // an empty list is done, too
+  kFailed = 1,       // the daemon or the system refused
+  kUsage = 2,        // the words of the command line are wrong; nothing was asked of the daemon
+  kUnreachable = 3,  // the daemon did not answer
+  kBlocked = 4,      // only "block check": the user is blocked
+};
+
+// One line on stderr, in front of it the program's name.
+template <class... Args>
+void complain(fmt::format_string<Args...> format, Args&&... args) {
+  const std::string text = "zorvctl: " + fmt::format(format, std::forward<Args>(args)...) + "\n";
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
+// Text to stdout as it is, bytes and all. Returns false where it could not be written.
+inline bool print(const std::string& text) {
+  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+}
+
+}  // namespace zorvctl

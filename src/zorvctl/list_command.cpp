@@ -1,0 +1,253 @@
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "commands.h"
+#include "daemon_answer.h"
+#include "display_text.h"
+#include "exit_status.h"
+#include "record_query.h"
+#include "value_text.h"
+
+namespace zorvctl {
+namespace {
+
+constexpr unsigned long long kDefaultLimit = 50;
+
+struct ListOptions {
+  std::string output = "table";
+  bool json = false;
+  unsigned long long limit = kDefaultLimit;
+  unsigned long long offset = 0;
+  bool reverse = false;
+  std::string sort;
+  std::vector<std::string> filters;
+  std::string since;
+  std::string until;
+  bool utc = false;
+  bool quiet = false;
+
+  Zone zone() const { return utc ? Zone::utc : Zone::local; }
+};
+
+std::string field_names(const RecordKind& kind) {
+  std::string names;
+  for (const Column& column : kind.columns) {
+    names += (names.empty() ? "" : ", ") + std::string(column.name);
+  }
+  return names;
+}
+
+const Column* field_or_complain(const RecordKind& kind, std::string_view name) {
+  const Column* column = find_column(kind.columns, name);
+  if (column == nullptr) {
+    complain("'{}' is not a field of {}; it has: {}", display_text(name), kind.noun,
+             field_names(kind));
+  }
+  return column;
+}
+
+int read_filter(const RecordKind& kind, const std::string& word, Zone zone, RecordQuery* query) {
+  const size_t equals = word.find('=');
+  if (equals == std::string::npos) {
+    complain("'{}' is not FIELD=VALUE", display_text(word));
+    return kUsage;
+  }
+  const Column* column = field_or_complain(kind, std::string_view(word).substr(0, equals));
+  if (column == nullptr) {
+    return kUsage;
+  }
+  Filter filter{column, word.substr(equals + 1), {}};
+  Value value;
+  std::string error;
+  if (read_value(*column, filter.text, std::time(nullptr), zone, &value, &error) != 0) {
+    complain("{}", error);
+    return kUsage;
+  }
+  if (column->kind != Kind::text) {
+    filter.number = value;
+  }
+  query->filters.push_back(std::move(filter));
+  return kDone;
+}
+
+int read_window_end(const char* option, const std::string& text, Zone zone,
+                    std::optional<unsigned long long>* ret) {
+  unsigned long long seconds = 0;
+  if (text.empty()) {
+    return kDone;
+  }
+  if (parse_time(text, std::time(nullptr), zone, &seconds) != 0) {
+    complain(
+        "{}: '{}' is not a time such as 2026-11-21, \"2026-11-21 04:10\", yesterday, 2h or "
+        "@1795234206",
+        option, display_text(text));
+    return kUsage;
+  }
+  *ret = seconds;
+  return kDone;
+}
+
+int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* query) {
+  query->limit = options.limit;
+  query->offset = options.offset;
+  query->descending = !options.reverse;
+  if (!options.sort.empty()) {
+    query->order_by = field_or_complain(kind, options.sort);
+    query->descending = options.reverse;
+    if (query->order_by == nullptr) {
+      return kUsage;
+    }
+  }
+  for (const std::string& word : options.filters) {
+    if (const int status = read_filter(kind, word, options.zone(), query); status != kDone) {
+      return status;
+    }
+  }
+  const int status = read_window_end("--since", options.since, options.zone(), &query->since);
+  return status != kDone ? status
+                         : read_window_end("--until", options.until, options.zone(), &query->until);
+}
+
+Style output_style(const ListOptions& options) {
+  Style style;
+  style.zone = options.zone();
+  style.heading = !options.quiet;
+  style.terminal = isatty(STDOUT_FILENO) == 1;
+  winsize size{};
+  if (style.terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
+    style.columns = size.ws_col;
+  }
+  return style;
+}
+
+std::unique_ptr<RecordWriter> make_writer(const RecordKind& kind, const ListOptions& options,
+                                          const MakeComputed& make_computed, std::string* out) {
+  if (options.json || options.output == "json") {
+    return make_json_writer(kind.columns, out);
+  }
+  if (options.output == "csv") {
+    return make_csv_writer(kind.columns, output_style(options), out);
+  }
+  return make_table_writer(kind.columns,
+                           make_computed ? make_computed() : std::vector<ComputedColumn>{},
+                           output_style(options), out);
+}
+
+// How far a long fetch has come, on the last line of a terminal.
+class Progress {
+ public:
+  void show(unsigned long long read, unsigned long long total) {
+    if (terminal_) {
+      fmt::print(stderr, "\r{} of {} read", read, total);
+      shown_ = true;
+    }
+  }
+  void clear() {
+    if (shown_) {
+      fmt::print(stderr, "\r\x1b[K");
+      shown_ = false;
+    }
+  }
+
+ private:
+  bool terminal_ = isatty(STDERR_FILENO) == 1;
+  bool shown_ = false;
+};
+
+int list_records(const RecordKind& kind, const ListOptions& options,
+                 const MakeComputed& make_computed) {
+  RecordQuery query;
+  if (const int status = read_query(kind, options, &query); status != kDone) {
+    return status;
+  }
+  std::string out;
+  const auto writer = make_writer(kind, options, make_computed, &out);
+  Progress progress;
+  bool printed = true;
+  QueryEvents events;
+  events.on_record = [&](const void* record) { writer->add(record); };
+  events.on_wait = [&](unsigned long long read, unsigned long long total) {
+    progress.show(read, total);
+  };
+  events.on_page_end = [&] {
+    progress.clear();
+    writer->end_page();
+    printed = print(out) && printed;
+    out.clear();
+  };
+  const QueryEnd end = run_query(kind, query, events);
+  progress.clear();
+  if (std::fflush(stdout) != 0 || !printed) {
+    complain("cannot write the output");
+    return kFailed;
+  }
+  const std::string what = fmt::format("list the {}", kind.plural);
+  if (end == QueryEnd::more && !options.quiet) {
+    complain("{} {} shown, there are more: -n 0 shows all", options.limit, kind.plural);
+  }
+  return report_query_end(end, what.c_str());
+}
+
+std::string list_footer(const RecordKind& kind) {
+  if (kind.columns.empty()) {
+    return "";
+  }
+  return fmt::format(
+      "Fields: {0}.\n"
+      "VALUE is what the field must equal; codes have names, times and durations are understood\n"
+      "as with --since. A time is 2026-11-21, \"2026-11-21 04:10\", 04:10, today, yesterday, 2h, "
+      "7d\n"
+      "(that long ago) or @1795234206; a date alone means its 00:00.\n"
+      "Only the newest 100000 {1} can be shown.\n\n"
+      "Examples:\n"
+      "  zorvctl {2} list -n 0 -S yesterday -o csv\n"
+      "  zorvctl {2} list {3}=alice -j\n"
+      "  zorvctl {2} list --sort {4} -r -n 10",
+      field_names(kind), kind.plural, kind.noun,
+      find_column(kind.columns, "username") != nullptr ? "username" : "user_id", kind.time_column);
+}
+
+}  // namespace
+
+void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_computed, Run* run) {
+  auto options = std::make_shared<ListOptions>();
+  CLI::App* verb =
+      noun.add_subcommand("list", fmt::format("Show {}, the newest first", kind.plural));
+  verb->add_option("-o,--output", options->output, "table, json (one object a line) or csv")
+      ->check(CLI::IsMember({"table", "json", "csv"}))
+      ->type_name("FORMAT");
+  verb->add_flag("-j,--json", options->json, "The same as -o json");
+  verb->add_option(
+          "-n,--limit", options->limit,
+          fmt::format("At most N {} ({} if not given, 0 for all)", kind.plural, kDefaultLimit))
+      ->check(CLI::Range(0LL, std::numeric_limits<long long>::max()))
+      ->type_name("N");
+  verb->add_option("--offset", options->offset, "Leave out the first N")
+      ->check(CLI::Range(0LL, std::numeric_limits<long long>::max()))
+      ->type_name("N");
+  verb->add_flag("-r,--reverse", options->reverse, "The other way round");
+  if (!kind.columns.empty()) {
+    verb->add_option("--sort", options->sort, "Order by this field, the smallest first")
+        ->type_name("FIELD");
+    verb->add_option("filters", options->filters, "Only those where FIELD equals VALUE")
+        ->type_name("FIELD=VALUE");
+  }
+  if (kind.time_column != nullptr) {
+    verb->add_option("-S,--since", options->since, "Only from this time on")->type_name("TIME");
+    verb->add_option("-U,--until", options->until, "Only up to this time")->type_name("TIME");
+  }
+  verb->add_flag("--utc", options->utc, "Times, shown and given, are in UTC");
+  verb->add_flag("-q,--quiet", options->quiet, "No heading, and no word about further records");
+  verb->footer(list_footer(kind));
+  verb->callback([&kind, options, make_computed = std::move(make_computed), run] {
+    *run = [&kind, options, make_computed] { return list_records(kind, *options, make_computed); };
+  });
+}
+
+}  // namespace zorvctl

@@ -1,0 +1,195 @@
+#include "openvpn_environment.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <string_view>
+
+#include "display_text.h"
+
+namespace zorvctl {
+namespace {
+
+constexpr int kOpenVpn = 4;
+constexpr int kLoginFail = 1;
+constexpr int kLoginOk = 2;
+constexpr int kLogout = 3;
+
+struct TypeName {
+  std::string_view name;
+  ScriptType type;
+};
+// The server sets "user-pass-verify", its manual says "auth-user-pass-verify".
+constexpr TypeName kTypeNames[] = {
+    {"", ScriptType::none},
+    {"client-connect", ScriptType::client_connect},
+    {"client-disconnect", ScriptType::client_disconnect},
+    {"user-pass-verify", ScriptType::user_pass_verify},
+    {"auth-user-pass-verify", ScriptType::user_pass_verify},
+};
+
+// What of a client's self-description goes into device_info, in this order.
+struct DevicePart {
+  const char* variable;
+  std::string_view before;
+};
+constexpr DevicePart kDeviceParts[] = {
+    {"IV_PLAT", ", "},    {"IV_PLAT_VER", " "}, {"IV_VER", ", OpenVPN "},
+    {"IV_GUI_VER", ", "}, {"IV_SSL", ", "},     {"IV_HWADDR", ", "},
+};
+
+std::string_view value_of(const Environment& environment, std::string_view name) {
+  const auto found = environment.find(name);
+  return found == environment.end() ? std::string_view() : std::string_view(found->second);
+}
+
+// The first of the variables that is set to something.
+std::string_view first_of(const Environment& environment,
+                          std::initializer_list<std::string_view> names) {
+  for (const std::string_view name : names) {
+    if (const auto value = value_of(environment, name); !value.empty()) {
+      return value;
+    }
+  }
+  return {};
+}
+
+unsigned long long number_of(const Environment& environment, std::string_view name,
+                             unsigned long long highest) {
+  const std::string_view text = value_of(environment, name);
+  unsigned long long number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error == std::errc::result_out_of_range) {
+    return highest;
+  }
+  const bool whole = error == std::errc() && end == text.data() + text.size();
+  return whole ? std::min(number, highest) : 0;
+}
+
+// The longest front of `text` that fits into `size` bytes and ends between two characters.
+std::string_view cut_to(std::string_view text, size_t size) {
+  if (text.size() <= size) {
+    return text;
+  }
+  size_t length = 0;
+  while (length < size) {
+    const size_t next = length + first_character(text.substr(length)).length;
+    if (next > size) {
+      break;
+    }
+    length = next;
+  }
+  return text.substr(0, length);
+}
+
+void put_text(char (&field)[kTextSize], std::string_view text) {
+  const std::string_view cut = cut_to(text, sizeof field - 1);
+  std::memcpy(field, cut.data(), cut.size());
+  field[cut.size()] = '\0';
+}
+
+std::string device_info(const Environment& environment) {
+  std::string text;
+  for (const DevicePart& part : kDeviceParts) {
+    const std::string_view value = value_of(environment, part.variable);
+    if (value.empty()) {
+      continue;
+    }
+    std::string_view before = part.before;
+    if (text.empty() && before.starts_with(", ")) {
+      before.remove_prefix(2);
+    }
+    text += before;
+    text += value;
+  }
+  return text;
+}
+
+// What all three have in common.
+db_conn_server_log record_of(const Environment& environment, int action) {
+  db_conn_server_log record{};
+  record.vpn_type = kOpenVpn;
+  record.action = action;
+  put_text(record.username, login_name(environment));
+  put_text(record.device_info, device_info(environment));
+  put_text(record.source_ip,
+           first_of(environment, {"trusted_ip", "trusted_ip6", "untrusted_ip", "untrusted_ip6"}));
+  put_text(record.outgoing, value_of(environment, "dev"));
+  return record;
+}
+
+constexpr unsigned long long kAnyNumber = std::numeric_limits<unsigned long long>::max();
+
+unsigned long long login_time(const Environment& environment) {
+  return number_of(environment, "time_unix", kAnyNumber);
+}
+
+void put_vpn_ip(const Environment& environment, db_conn_server_log* record) {
+  put_text(record->vpn_ip,
+           first_of(environment, {"ifconfig_pool_remote_ip", "ifconfig_pool_remote_ip6"}));
+}
+
+}  // namespace
+
+Environment environment_of(const char* const* entries) {
+  Environment environment;
+  for (; entries != nullptr && *entries != nullptr; ++entries) {
+    const std::string_view entry = *entries;
+    const size_t equals = entry.find('=');
+    if (equals != std::string_view::npos) {
+      environment.emplace(entry.substr(0, equals), entry.substr(equals + 1));
+    }
+  }
+  return environment;
+}
+
+ScriptType script_type(const Environment& environment) {
+  const std::string_view name = value_of(environment, "script_type");
+  for (const TypeName& known : kTypeNames) {
+    if (known.name == name) {
+      return known.type;
+    }
+  }
+  return ScriptType::other;
+}
+
+std::string login_name(const Environment& environment) {
+  return std::string(cut_to(first_of(environment, {"username", "common_name"}), kTextSize - 1));
+}
+
+db_conn_server_log login_record(const Environment& environment, std::time_t now) {
+  db_conn_server_log record = record_of(environment, kLoginOk);
+  put_vpn_ip(environment, &record);
+  record.time = login_time(environment);
+  if (record.time == 0) {
+    record.time = static_cast<unsigned long long>(now);
+  }
+  return record;
+}
+
+db_conn_server_log logout_record(const Environment& environment, std::time_t now) {
+  constexpr auto kMostBytes = std::numeric_limits<long long>::max();
+  db_conn_server_log record = record_of(environment, kLogout);
+  put_vpn_ip(environment, &record);
+  record.uptime = number_of(environment, "time_duration", kAnyNumber);
+  record.tx_total = static_cast<long long>(number_of(environment, "bytes_sent", kMostBytes));
+  record.rx_total = static_cast<long long>(number_of(environment, "bytes_received", kMostBytes));
+  const unsigned long long login = login_time(environment);
+  if (login == 0 || __builtin_add_overflow(login, record.uptime, &record.time)) {
+    record.time = static_cast<unsigned long long>(now);
+  }
+  return record;
+}
+
+db_conn_server_log failed_login_record(const Environment& environment, std::time_t now) {
+  db_conn_server_log record = record_of(environment, kLoginFail);
+  record.time = static_cast<unsigned long long>(now);
+  return record;
+}
+
+bool is_expired_token(const Environment& environment) {
+  return value_of(environment, "session_state").starts_with("Expired");
+}
+
+}  // namespace zorvctl

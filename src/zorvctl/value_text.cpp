@@ -1,0 +1,203 @@
+#include "value_text.h"
+
+#include <fmt/format.h>
+
+#include <cctype>
+#include <charconv>
+
+#include "display_text.h"
+
+namespace zorvctl {
+namespace {
+
+struct Word {
+  long long code;
+  std::string_view shown;
+  std::string_view typed;
+};
+using Words = std::span<const Word>;
+
+constexpr Word kServerProtocols[] = {{1, "PPTP", "pptp"},
+                                     {2, "L2TP/IPSec", "l2tp"},
+                                     {4, "OpenVPN", "openvpn"},
+                                     {16, "Fenlo", "fenlo"}};
+constexpr Word kClientProtocols[] = {{256, "PPTP", "pptp"},
+                                     {512, "L2TP/IPSec", "l2tp"},
+                                     {1024, "OpenVPN", "openvpn"},
+                                     {4096, "Fenlo", "fenlo"}};
+constexpr Word kServerActions[] = {
+    {1, "Login Fail", "login-fail"}, {2, "Login OK", "login-ok"}, {3, "Logout", "logout"}};
+constexpr Word kClientActions[] = {{2, "Login OK", "login-ok"},
+                                   {3, "Logout", "logout"},
+                                   {4, "Get geolocation", "get-geolocation"}};
+
+Words words_of(Kind kind) {
+  switch (kind) {
+    case Kind::server_protocol:
+      return kServerProtocols;
+    case Kind::client_protocol:
+      return kClientProtocols;
+    case Kind::server_action:
+      return kServerActions;
+    case Kind::client_action:
+      return kClientActions;
+    default:
+      return {};
+  }
+}
+
+// Letters and digits only, in lower case: "Login OK", "login-ok" and "LOGIN_OK" are one word.
+std::string folded(std::string_view text) {
+  std::string result;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (std::isalnum(byte) != 0) {
+      result += static_cast<char>(std::tolower(byte));
+    }
+  }
+  return result;
+}
+
+const Word* word_by_text(Words words, std::string_view text) {
+  const std::string wanted = folded(text);
+  for (const Word& word : words) {
+    if (wanted == folded(word.shown) || wanted == folded(word.typed)) {
+      return &word;
+    }
+  }
+  return nullptr;
+}
+
+std::string number_text(const Value& value) {
+  if (const auto* number = std::get_if<long long>(&value)) {
+    return fmt::to_string(*number);
+  }
+  return fmt::to_string(std::get<unsigned long long>(value));
+}
+
+template <class Number>
+bool whole_number(std::string_view text, Number* ret) {
+  Number number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    return false;
+  }
+  *ret = number;
+  return true;
+}
+
+// A plain number within the column's limits.
+bool read_number(const Column& column, std::string_view text, Value* ret) {
+  if (column.lowest < 0) {
+    long long number = 0;
+    if (!whole_number(text, &number) || number < column.lowest ||
+        (number > 0 && static_cast<unsigned long long>(number) > column.highest)) {
+      return false;
+    }
+    *ret = number;
+    return true;
+  }
+  unsigned long long number = 0;
+  if (!whole_number(text, &number) || number > column.highest) {
+    return false;
+  }
+  *ret = number;
+  return true;
+}
+
+}  // namespace
+
+std::string bytes_text(long long bytes) {
+  constexpr long long kExactUpTo = 9999;
+  constexpr const char* kUnits[] = {"KB", "MB", "GB", "TB", "PB", "EB"};
+  if (bytes <= kExactUpTo) {
+    return fmt::format("{} B", bytes);
+  }
+  double value = static_cast<double>(bytes) / 1024;
+  size_t unit = 0;
+  // 1023.95 would be printed as 1024.0.
+  while (value >= 1023.95 && unit + 1 < std::size(kUnits)) {
+    value /= 1024;
+    ++unit;
+  }
+  return fmt::format("{:.1f} {}", value, kUnits[unit]);
+}
+
+std::string shown_value(const Column& column, const Value& value, Zone zone) {
+  switch (column.kind) {
+    case Kind::text:
+      return display_text(std::get<std::string_view>(value));
+    case Kind::integer:
+      return number_text(value);
+    case Kind::bytes:
+      return bytes_text(std::get<long long>(value));
+    case Kind::duration:
+      return duration_text(std::get<unsigned long long>(value));
+    case Kind::time:
+      return time_text(std::get<unsigned long long>(value), zone);
+    case Kind::server_protocol:
+    case Kind::client_protocol:
+    case Kind::server_action:
+    case Kind::client_action:
+      break;
+  }
+  for (const Word& word : words_of(column.kind)) {
+    if (word.code == std::get<long long>(value)) {
+      return std::string(word.shown);
+    }
+  }
+  return number_text(value);
+}
+
+std::string value_hint(const Column& column) {
+  switch (column.kind) {
+    case Kind::text:
+      return fmt::format("text of at most {} bytes", column.capacity);
+    case Kind::integer:
+      return "a whole number";
+    case Kind::bytes:
+      return "a whole number of bytes";
+    case Kind::duration:
+      return "seconds, or a duration such as 1h30m";
+    case Kind::time:
+      return "a time such as \"2026-11-21 04:10\", yesterday, 2h or @1795234206";
+    default:
+      break;
+  }
+  std::string hint;
+  for (const Word& word : words_of(column.kind)) {
+    hint += fmt::format("{}, ", word.typed);
+  }
+  return hint + "or the number";
+}
+
+int read_value(const Column& column, std::string_view text, time_t now, Zone zone, Value* ret,
+               std::string* ret_error) {
+  if (column.kind == Kind::text) {
+    if (text.size() > column.capacity) {
+      *ret_error = fmt::format("{} bytes are too long, {} hold at most {}", text.size(),
+                               column.name, column.capacity);
+      return -1;
+    }
+    *ret = text;
+    return 0;
+  }
+  if (read_number(column, text, ret)) {
+    return 0;
+  }
+  unsigned long long seconds = 0;
+  if ((column.kind == Kind::time && parse_time(text, now, zone, &seconds) == 0) ||
+      (column.kind == Kind::duration && parse_duration(text, &seconds) == 0)) {
+    *ret = seconds;
+    return 0;
+  }
+  if (const Word* word = word_by_text(words_of(column.kind), text); word != nullptr) {
+    *ret = word->code;
+    return 0;
+  }
+  *ret_error = fmt::format("'{}' is not a value of {}: {}", display_text(text), column.name,
+                           value_hint(column));
+  return -1;
+}
+
+}  // namespace zorvctl
