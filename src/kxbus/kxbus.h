@@ -37,6 +37,8 @@ int kx_call(const char* address, const char* method, kx_io* io, int timeout_s, i
 kx_io* kx_io_create(void);
 const void* kx_io_read(kx_io* io, size_t* ret_length);
 int kx_io_write(kx_io* io, const void* bytes, size_t length);
+void* kx_io_extend(kx_io* io, size_t length);
+int kx_io_overwrite(kx_io* io, size_t offset, const void* bytes, size_t length);
 int kx_io_realloc(kx_io* io, size_t size);
 int kx_reply(kx_io* io);
 void kx_io_free(kx_io* io);

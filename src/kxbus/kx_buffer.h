@@ -1,0 +1,101 @@
+// The growable bytes behind a kx_io.
+//
+// Up to 64 KiB stand in one heap block, which is also what packets are received into. What outgrows
+// it is appended to a memfd, a block at a time: the heap block then holds only the tail, rows are
+// written while they are in the cache, no page is faulted in, and a full memory or tmpfs is an
+// error code instead of a signal. Once sealed, the memfd is what travels; nobody copies it again.
+// Measured for 520 MB in rows of 5,200 bytes: 150 ms, against 680 to 950 ms for filling a mapping.
+//
+// A received body is followed by zeros up to 8 KiB and by at least one zero in any case, so it can
+// be read as a whole record or as text whatever was sent.
+//
+// One thread at a time. Operations that can fail return a KX_ status.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <span>
+
+#include "kx_descriptor.h"
+#include "kx_packet.h"
+
+namespace kxbus {
+
+// A mapping that unmaps itself.
+class Mapping {
+ public:
+  Mapping() = default;
+  Mapping(void* address, std::size_t length) : address_(address), length_(length) {}
+  Mapping(Mapping&& other) noexcept { *this = std::move(other); }
+  Mapping& operator=(Mapping&& other) noexcept {
+    std::swap(address_, other.address_);
+    std::swap(length_, other.length_);
+    return *this;
+  }
+  Mapping(const Mapping&) = delete;
+  Mapping& operator=(const Mapping&) = delete;
+  ~Mapping();
+
+  char* get() const { return static_cast<char*>(address_); }
+  std::size_t length() const { return length_; }
+
+ private:
+  void* address_ = nullptr;
+  std::size_t length_ = 0;
+};
+
+class Buffer {
+ public:
+  // False when there is no memory; nothing else may be called then.
+  bool allocate();
+
+  std::size_t size() const { return stored_ + held_; }
+
+  // The whole content, terminated; null when it is empty or cannot be mapped. Valid until the next
+  // operation that changes the content.
+  const char* read();
+
+  int append(const void* bytes, std::size_t length);
+  // `length` further bytes of zeros to be filled in place; null when they cannot be had. Valid
+  // until the next operation.
+  void* extend(std::size_t length);
+  // Replaces bytes that are already there.
+  int overwrite(std::size_t offset, const void* bytes, std::size_t length);
+  // Cuts, or grows with zeros.
+  int resize(std::size_t size);
+  void clear();
+
+  // Receiving: the space for a packet's payload, then what the packet said.
+  std::span<char> packet_space() { return {block_.get(), kLargestPayload}; }
+  void accept_packet(std::size_t body_length);
+  int accept_memfd(Descriptor memfd, std::size_t length);
+
+  // Sending: either the bytes in the block or, once sealed, the memfd.
+  bool in_packet() const { return !memfd_.valid(); }
+  const char* block() const { return block_.get(); }
+  int move_to_memfd();
+  int seal();
+  int memfd() const { return memfd_.get(); }
+
+ private:
+  int make_room(std::size_t length);
+  int store(std::size_t offset, const void* bytes, std::size_t length);
+  int flush();
+  int unseal();
+  void drop_views();
+
+  struct Free {
+    void operator()(char* block) const { free(block); }
+  };
+
+  std::unique_ptr<char, Free> block_;
+  std::size_t held_ = 0;    // bytes of content in the block
+  std::size_t stored_ = 0;  // bytes of content before them in the memfd
+  Descriptor memfd_;
+  bool sealed_ = false;
+  Mapping view_;    // of the whole content, for reading
+  Mapping window_;  // of the last part, being filled by the caller of extend()
+};
+
+}  // namespace kxbus

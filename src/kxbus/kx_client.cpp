@@ -1,0 +1,211 @@
+// The calling side: one connection, one request, one reply, one deadline.
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <new>
+
+#include "kx_address.h"
+#include "kx_allow.h"
+#include "kx_io.h"
+#include "kx_peer.h"
+#include "kx_transport.h"
+#include "kxbus.h"
+
+namespace kxbus {
+namespace {
+
+constexpr std::int64_t kNanoseconds = 1'000'000'000;
+// How long a connect waits for room in the backlog before it asks again: the kernel's wake-up can
+// get lost when another waiter that received it was killed.
+constexpr std::int64_t kBacklogPause = 100'000'000;
+
+class Deadline {
+ public:
+  explicit Deadline(int seconds) : end_(now() + seconds * kNanoseconds) {}
+  std::int64_t remaining() const { return std::max<std::int64_t>(end_ - now(), 0); }
+
+ private:
+  static std::int64_t now() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return time.tv_sec * kNanoseconds + time.tv_nsec;
+  }
+
+  std::int64_t end_;
+};
+
+int status_of_error(int error) {
+  switch (error) {
+    case ECONNREFUSED:
+    case ENOENT:
+    case ENOTDIR:
+      return KX_NOT_READY;
+    case EACCES:
+    case EPERM:
+      return KX_IS_REJECT;
+    case EMFILE:
+    case ENFILE:
+    case ETOOMANYREFS:
+      return KX_IS_BUSY;
+    case EBADF:
+      return KX_IS_INVALID;
+    default:
+      return KX_IO_FAILURE;
+  }
+}
+
+// A full backlog makes a non-blocking connect fail at once, so the wait is left to the kernel.
+int wait_for_backlog(int socket, const Address& address, const Deadline& deadline) {
+  if (fcntl(socket, F_SETFL, 0) != 0) {
+    return KX_IO_FAILURE;
+  }
+  for (;;) {
+    const std::int64_t pause = std::min(deadline.remaining(), kBacklogPause);
+    if (pause == 0) {
+      return KX_IS_BUSY;
+    }
+    timeval limit{};
+    limit.tv_usec = static_cast<suseconds_t>(pause / 1000 + 1);
+    if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+      return KX_IO_FAILURE;
+    }
+    if (connect(socket, address.get(), address.length) == 0) {
+      return KX_SUCCESS;
+    }
+    if (errno != EAGAIN && errno != EINTR) {
+      return status_of_error(errno);
+    }
+  }
+}
+
+int open_connection(const Address& address, const Deadline& deadline, Descriptor& ret_connection) {
+  Descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!connection.valid()) {
+    return status_of_error(errno);
+  }
+  int status = KX_SUCCESS;
+  if (connect(connection.get(), address.get(), address.length) != 0) {
+    status = errno == EAGAIN || errno == EINTR
+                 ? wait_for_backlog(connection.get(), address, deadline)
+                 : status_of_error(errno);
+  }
+  if (status != KX_SUCCESS) {
+    return status;
+  }
+  // Whoever holds the name could be anybody, and would get the request.
+  Peer listener;
+  if (!read_peer(connection.get(), listener) ||
+      (!is_own_kind(listener) && !AllowList(address.service).admits_listener(listener))) {
+    return KX_IS_REJECT;
+  }
+  ret_connection = std::move(connection);
+  return KX_SUCCESS;
+}
+
+int send_request(int socket, std::string_view method, Buffer& body, int passed) {
+  RequestFrame frame{method, body.size(), !body.in_packet(), passed >= 0};
+  for (;;) {
+    int descriptors[2];
+    std::size_t count = 0;
+    if (frame.body_in_memfd) {
+      if (const int status = body.seal(); status != KX_SUCCESS) {
+        return status;
+      }
+      descriptors[count++] = body.memfd();
+    }
+    if (passed >= 0) {
+      descriptors[count++] = passed;
+    }
+    HeaderBytes header;
+    encode_request(frame, header);
+    const std::span<const char> inline_body =
+        frame.body_in_memfd ? std::span<const char>() : std::span(body.block(), body.size());
+    const int error = send_packet(socket, header, inline_body, method, {descriptors, count});
+    if (error == EMSGSIZE && !frame.body_in_memfd) {
+      frame.body_in_memfd = true;  // a system with small socket buffers
+      continue;
+    }
+    // A server that has refused already does not receive; its reason can be read.
+    return error == 0 || error == EPIPE || error == ECONNRESET ? KX_SUCCESS
+                                                               : status_of_error(error);
+  }
+}
+
+int receive_reply(int socket, Buffer& body, const Deadline& deadline) {
+  Incoming incoming;
+  for (;;) {
+    const std::int64_t remaining = deadline.remaining();
+    const timespec limit{static_cast<time_t>(remaining / kNanoseconds),
+                         static_cast<long>(remaining % kNanoseconds)};
+    pollfd readable{socket, POLLIN, 0};
+    const int ready = ppoll(&readable, 1, &limit, nullptr);
+    if (ready < 0 && errno != EINTR) {
+      return KX_IO_FAILURE;
+    }
+    if (ready == 0 && remaining == 0) {
+      return KX_TIMEOUT;
+    }
+    if (ready > 0) {
+      const Receipt receipt = receive_packet(socket, body.packet_space(), incoming);
+      if (receipt == Receipt::packet) {
+        break;
+      }
+      if (receipt == Receipt::closed) {
+        return KX_IO_FAILURE;
+      }
+    }
+  }
+  ReplyFrame frame;
+  if (decode_reply(incoming.packet(body.packet_space()), frame) != KX_SUCCESS) {
+    body.clear();
+    return incoming.out_of_descriptors() ? KX_IS_BUSY : KX_IO_FAILURE;
+  }
+  if (frame.status != KX_SUCCESS) {
+    return frame.status;
+  }
+  if (frame.body_in_memfd) {
+    const int status = body.accept_memfd(std::move(incoming.descriptors[0]), frame.body_length);
+    if (status != KX_SUCCESS) {
+      body.clear();
+      return KX_IO_FAILURE;
+    }
+    return KX_SUCCESS;
+  }
+  body.accept_packet(frame.body_length);
+  return KX_SUCCESS;
+}
+
+int call(const char* address_text, const char* method, kx_io* io, int timeout_s, int passed) {
+  const std::string_view name = method != nullptr ? method : "";
+  Address address;
+  if (io == nullptr || io->on_loan || name.empty() || name.size() > kLargestMethod ||
+      timeout_s < 0 || passed < -1 || resolve_address(address_text, address) != 0) {
+    return KX_IS_INVALID;
+  }
+  const Deadline deadline(timeout_s);
+  Descriptor connection;
+  if (const int status = open_connection(address, deadline, connection); status != KX_SUCCESS) {
+    return status;
+  }
+  if (const int status = send_request(connection.get(), name, io->buffer, passed);
+      status != KX_SUCCESS) {
+    return status;
+  }
+  return receive_reply(connection.get(), io->buffer, deadline);
+}
+
+}  // namespace
+}  // namespace kxbus
+
+int kx_call(const char* address, const char* method, kx_io* io, int timeout_s, int fd) {
+  try {
+    return kxbus::call(address, method, io, timeout_s, fd);
+  } catch (const std::bad_alloc&) {
+    return KX_IO_FAILURE;
+  }
+}

@@ -1,0 +1,15 @@
+// The buffer that callers and handlers hold. A handler's is on loan: it belongs to the server and
+// carries the connection of the caller, which is closed as soon as the caller has its answer.
+#pragma once
+
+#include "kx_buffer.h"
+#include "kx_descriptor.h"
+
+struct kx_io {
+  kxbus::Buffer buffer;
+  bool on_loan = false;
+  kxbus::Descriptor caller;
+
+  // Answers a caller that still waits with a bare status.
+  void finish(int status);
+};

@@ -1,0 +1,360 @@
+#include "kx_server.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <new>
+
+#include "kx_signal.h"
+
+using kxbus::Descriptor;
+using kxbus::log_line;
+using kxbus::refuse;
+
+namespace {
+
+constexpr int kBacklogUnit = 32;
+constexpr std::size_t kSilentPerUser = 64;
+constexpr std::int64_t kSilentTime = 5000;
+constexpr std::int64_t kDeafTime = 100;
+
+// What an event is about: one of these, or generation and slot of a silent connection.
+constexpr std::uint64_t kListenerTag = ~std::uint64_t{0};
+constexpr std::uint64_t kWakeTag = kListenerTag - 1;
+constexpr std::uint64_t kSignalTag = kListenerTag - 2;
+
+std::int64_t now() {
+  timespec time{};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return time.tv_sec * std::int64_t{1000} + time.tv_nsec / 1'000'000;
+}
+
+}  // namespace
+
+int kx_server::open(const kxbus::Address& address, int backlog) {
+  if (const int error = listener_.open(address, backlog); error != 0) {
+    return error;
+  }
+  const int signals = kxbus::signal_descriptor();
+  epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+  wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  spare_.reset(fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
+  if (signals < 0 || !epoll_.valid() || !spare_.valid() || !watch(wake_.get(), kWakeTag) ||
+      !watch(signals, kSignalTag) || !watch(listener_.socket(), kListenerTag)) {
+    return errno;
+  }
+  request_.on_loan = true;
+  return request_.buffer.allocate() ? 0 : ENOMEM;
+}
+
+bool kx_server::watch(int descriptor, std::uint64_t tag) {
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLRDHUP;
+  event.data.u64 = tag;
+  return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
+}
+
+void kx_server::stop() {
+  const std::uint64_t one = 1;
+  stopping_ = true;
+  [[maybe_unused]] const ssize_t written = write(wake_.get(), &one, sizeof one);
+}
+
+int kx_server::run() {
+  if (paused_) {
+    return KX_IS_PAUSED;
+  }
+  int status = KX_SUCCESS;
+  while (!stopping_) {
+    epoll_event events[64];
+    const int count = epoll_wait(epoll_.get(), events, std::size(events), wait_time());
+    if (count < 0 && errno != EINTR) {
+      status = KX_IO_FAILURE;
+      break;
+    }
+    bool accepting = false;
+    for (int i = 0; i < count && !stopping_; ++i) {
+      const std::uint64_t tag = events[i].data.u64;
+      if (tag == kListenerTag) {
+        accepting = true;
+      } else if (tag == kSignalTag) {
+        kxbus::deliver_signals();
+      } else if (tag != kWakeTag) {
+        serve_silent(tag);
+      }
+    }
+    if (accepting && !stopping_) {
+      accept_one();
+    }
+    if ((silent_count_ > 0 || deaf_until_ != 0) && !stopping_) {
+      expire();
+    }
+  }
+  pause_everybody();
+  return status;
+}
+
+int kx_server::wait_time() const {
+  if (silent_count_ == 0 && deaf_until_ == 0) {
+    return -1;
+  }
+  std::int64_t first = deaf_until_ != 0 ? deaf_until_ : INT64_MAX;
+  for (const Silent& silent : silent_) {
+    if (silent.connection.valid()) {
+      first = std::min(first, silent.until);
+    }
+  }
+  return static_cast<int>(std::max<std::int64_t>(first - now(), 0));
+}
+
+void kx_server::accept_one() {
+  Descriptor connection(
+      accept4(listener_.socket(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!connection.valid()) {
+    if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
+      accept_with_spare();
+    }
+    return;
+  }
+  exhausted_ = false;
+  kxbus::Peer peer;
+  if (!kxbus::read_peer(connection.get(), peer)) {
+    return;
+  }
+  if (!admits(connection.get(), peer)) {
+    refuse(std::move(connection), KX_IS_REJECT);
+  } else if (!serve(connection)) {
+    keep(std::move(connection), peer.uid, now() + kSilentTime);
+  }
+}
+
+// Without a descriptor to accept with, the listener would stay readable and the loop would spin.
+void kx_server::accept_with_spare() {
+  if (!exhausted_ && log_budget_.spend()) {
+    log_line("%s: no descriptor or memory for a caller: %s", name_.c_str(), strerror(errno));
+  }
+  exhausted_ = true;
+  spare_.reset();
+  Descriptor connection(
+      accept4(listener_.socket(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  const bool accepted = connection.valid();
+  if (accepted) {
+    refuse(std::move(connection), KX_IS_BUSY);
+  }
+  spare_.reset(fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
+  if (!accepted) {
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.socket(), nullptr);
+    deaf_until_ = now() + kDeafTime;
+  }
+}
+
+bool kx_server::admits(int connection, const kxbus::Peer& peer) {
+  if (kxbus::is_own_kind(peer)) {
+    return true;
+  }
+  try {
+    if (allow_.admits_caller(connection, peer)) {
+      return true;
+    }
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  if (log_budget_.spend()) {
+    log_line("%s: denied uid %u pid %d", name_.c_str(), static_cast<unsigned>(peer.uid),
+             static_cast<int>(peer.pid));
+  }
+  return false;
+}
+
+// Serves the request of a connection and closes it. False when the request is not there yet.
+bool kx_server::serve(Descriptor& connection) {
+  kxbus::Incoming incoming;
+  const std::span<char> space = request_.buffer.packet_space();
+  switch (kxbus::receive_packet(connection.get(), space, incoming)) {
+    case kxbus::Receipt::nothing_yet:
+      return false;
+    case kxbus::Receipt::closed:
+      connection.reset();
+      return true;
+    case kxbus::Receipt::packet:
+      break;
+  }
+  kxbus::RequestFrame frame;
+  if (kxbus::decode_request(incoming.packet(space), frame) != KX_SUCCESS) {
+    refuse(std::move(connection), incoming.out_of_descriptors() ? KX_IS_BUSY : KX_IS_INVALID);
+    return true;
+  }
+  // Nobody waits for the answer any more: then nothing must be done either.
+  char byte = 0;
+  if (recv(connection.get(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) == 0) {
+    connection.reset();
+    return true;
+  }
+  dispatch(std::move(connection), incoming, frame);
+  return true;
+}
+
+void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
+                         const kxbus::RequestFrame& frame) {
+  char method[kxbus::kLargestMethod + 1];
+  method[frame.method.copy(method, kxbus::kLargestMethod)] = '\0';
+  if (frame.body_in_memfd) {
+    const int status =
+        request_.buffer.accept_memfd(std::move(incoming.descriptors[0]), frame.body_length);
+    if (status != KX_SUCCESS) {
+      refuse(std::move(connection), status);
+      return;
+    }
+  } else {
+    request_.buffer.accept_packet(frame.body_length);
+  }
+  int passed = -1;
+  if (frame.descriptor_passed) {
+    passed = incoming.descriptors[incoming.descriptor_count - 1].release();
+  }
+  request_.caller = std::move(connection);
+  try {
+    callback_(method, &request_, passed);
+  } catch (...) {
+    request_.finish(KX_IS_REJECT);
+  }
+  request_.finish(KX_IS_INVALID);
+  request_.buffer.clear();
+}
+
+void kx_server::keep(Descriptor connection, uid_t uid, std::int64_t until) {
+  const auto same_user = std::count_if(silent_.begin(), silent_.end(), [uid](const Silent& silent) {
+    return silent.connection.valid() && silent.uid == uid;
+  });
+  if (uid != 0 && same_user >= static_cast<std::ptrdiff_t>(kSilentPerUser)) {
+    give_way(&uid);
+  } else if (silent_count_ == silent_.size()) {
+    give_way(nullptr);
+  }
+  const auto slot = std::find_if(silent_.begin(), silent_.end(),
+                                 [](const Silent& silent) { return !silent.connection.valid(); });
+  const auto index = static_cast<std::uint64_t>(slot - silent_.begin());
+  const std::uint64_t tag = std::uint64_t{++slot->generation} << 32 | index;
+  if (!watch(connection.get(), tag)) {
+    refuse(std::move(connection), KX_IS_BUSY);
+    return;
+  }
+  slot->connection = std::move(connection);
+  slot->uid = uid;
+  slot->until = until;
+  ++silent_count_;
+}
+
+Descriptor kx_server::take(Silent& silent) {
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, silent.connection.get(), nullptr);
+  --silent_count_;
+  return std::move(silent.connection);
+}
+
+void kx_server::serve_silent(std::uint64_t tag) {
+  Silent& silent = silent_[tag & 0xFFFFFFFF];
+  if (!silent.connection.valid() || silent.generation != tag >> 32) {
+    return;  // it was given up while this event waited
+  }
+  Descriptor connection = take(silent);
+  if (!serve(connection)) {
+    keep(std::move(connection), silent.uid, silent.until);
+  }
+}
+
+// Frees a slot, among those of one user where `uid` is given.
+void kx_server::give_way(const uid_t* uid) {
+  Silent* longest = nullptr;
+  for (Silent& silent : silent_) {
+    if (silent.connection.valid() && (uid == nullptr || silent.uid == *uid) &&
+        (longest == nullptr || silent.until < longest->until)) {
+      longest = &silent;
+    }
+  }
+  Descriptor connection = take(*longest);
+  if (!serve(connection)) {
+    refuse(std::move(connection), KX_IS_BUSY);
+  }
+}
+
+void kx_server::expire() {
+  const std::int64_t time = now();
+  if (deaf_until_ != 0 && time >= deaf_until_) {
+    deaf_until_ = watch(listener_.socket(), kListenerTag) ? 0 : time + kDeafTime;
+  }
+  for (Silent& silent : silent_) {
+    if (silent.connection.valid() && silent.until <= time && !stopping_) {
+      Descriptor connection = take(silent);
+      if (!serve(connection)) {
+        refuse(std::move(connection), KX_IS_BUSY);
+      }
+    }
+  }
+}
+
+// Whoever is connected gets an answer, whoever comes later finds nobody.
+void kx_server::pause_everybody() {
+  paused_ = true;
+  shutdown(listener_.socket(), SHUT_RDWR);
+  for (Silent& silent : silent_) {
+    if (silent.connection.valid()) {
+      refuse(take(silent), KX_IS_PAUSED);
+    }
+  }
+  spare_.reset();
+  for (;;) {
+    Descriptor connection(
+        accept4(listener_.socket(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (connection.valid()) {
+      refuse(std::move(connection), KX_IS_PAUSED);
+    } else if (errno != EINTR && errno != ECONNABORTED) {
+      return;
+    }
+  }
+}
+
+kx_server* kx_create(const char* address, int backlog_units, int dispatchers,
+                     kx_method_callback callback) {
+  if (backlog_units < 1 || backlog_units > 128 || dispatchers != 1 || callback == nullptr) {
+    errno = EINVAL;
+    return nullptr;
+  }
+  int error = 0;
+  try {
+    kxbus::Address resolved;
+    error = kxbus::resolve_address(address, resolved);
+    if (error == 0) {
+      auto server = std::make_unique<kx_server>(resolved, callback);
+      error = server->open(resolved, backlog_units * kBacklogUnit);
+      if (error == 0) {
+        return server.release();
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    error = ENOMEM;
+  }
+  log_line("cannot serve \"%.120s\": %s", address != nullptr ? address : "", strerror(error));
+  errno = error;
+  return nullptr;
+}
+
+int kx_start(kx_server* server) {
+  return server != nullptr ? server->run() : KX_IS_INVALID;
+}
+
+void kx_stop(kx_server* server) {
+  if (server != nullptr) {
+    server->stop();
+  }
+}
+
+void kx_free(kx_server* server) {
+  const std::unique_ptr<kx_server> owned(server);
+}
