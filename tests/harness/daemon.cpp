@@ -1,0 +1,148 @@
+#include "harness/daemon.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "harness/test_root.h"
+#include "kxbus.h"
+
+namespace harness {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPatience{20};
+constexpr std::chrono::milliseconds kPause{2};
+
+// Asks again until `ready` is, or patience ends.
+template <class Ready>
+bool wait_for(Ready ready) {
+  const auto end = steady_clock::now() + kPatience;
+  while (!ready()) {
+    if (steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kPause);
+  }
+  return true;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::vector<std::string> command(const std::string& name, const std::vector<std::string>& options) {
+  std::vector<std::string> words{program(name)};
+  words.insert(words.end(), options.begin(), options.end());
+  return words;
+}
+
+}  // namespace
+
+std::string program(const std::string& name) {
+  return std::string(ZORV_BIN_FOLDER) + "/" + name;
+}
+
+void install_notify() {
+  std::error_code ignored;
+  std::filesystem::create_symlink(program("notify"), test_root() + "/usr/local/sbin/notify",
+                                  ignored);
+}
+
+bool wait_until_serving(const char* address) {
+  return wait_for([address] {
+    kx_io* io = kx_io_create();
+    const int status = kx_call(address, "no such method", io, 5, -1);
+    kx_io_free(io);
+    return status == KX_IS_INVALID || status == KX_SUCCESS;
+  });
+}
+
+Daemon::Daemon(const std::vector<std::string>& options) : process_(command("zorvd", options)) {
+  if (!wait_until_serving("@/var/run/zorvd.sock")) {
+    throw std::runtime_error("zorvd does not serve");
+  }
+}
+
+PlatformDaemon::PlatformDaemon() : process_(command("platformd", {})) {
+  if (!wait_until_serving("vpncaas") || !wait_until_serving("NetworkService")) {
+    throw std::runtime_error("platformd does not serve");
+  }
+}
+
+std::vector<LogLine> log_lines() {
+  static const std::regex prefix(
+      R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d) \d+ \[(DEBUG|INFO|WARN|ERROR)\] (\w+) \[\d+\] ([^:]+):)");
+  const std::string text = read_file(kLogFile);
+  std::vector<LogLine> lines;
+  for (std::sregex_iterator match(text.begin(), text.end(), prefix), end; match != end;) {
+    const auto from = match->position() + match->length();
+    LogLine line{(*match)[2], (*match)[3], (*match)[4], ""};
+    ++match;
+    const auto to = match != end ? match->position() : static_cast<std::ptrdiff_t>(text.size());
+    line.text = text.substr(static_cast<size_t>(from), static_cast<size_t>(to - from));
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::vector<std::string> log_texts(const std::string& module) {
+  std::vector<std::string> texts;
+  for (const LogLine& line : log_lines()) {
+    if (line.module == module) {
+      texts.push_back(line.level + " " + line.text);
+    }
+  }
+  return texts;
+}
+
+bool log_holds(const std::string& text) {
+  return read_file(kLogFile).find(text) != std::string::npos;
+}
+
+std::vector<std::string> notifications(size_t count) {
+  std::vector<std::string> lines;
+  wait_for([&] {
+    lines = lines_of(read_file(kNotifications));
+    return lines.size() >= count;
+  });
+  return lines;
+}
+
+std::vector<std::string> sql(const std::string& statement) {
+  std::vector<std::string> rows;
+  sqlite3* raw = nullptr;
+  sqlite3_open((test_root() + kDatabase).c_str(), &raw);
+  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
+  sqlite3_busy_timeout(db.get(), 5000);
+  char* error = nullptr;
+  sqlite3_exec(
+      db.get(), statement.c_str(),
+      [](void* user, int count, char** texts, char**) {
+        std::string row;
+        for (int i = 0; i < count; ++i) {
+          row += std::string(i == 0 ? "" : "|") + (texts[i] != nullptr ? texts[i] : "NULL");
+        }
+        static_cast<std::vector<std::string>*>(user)->push_back(row);
+        return 0;
+      },
+      &rows, &error);
+  if (error != nullptr) {
+    rows.push_back(std::string("error: ") + error);
+    sqlite3_free(error);
+  }
+  return rows;
+}
+
+}  // namespace harness

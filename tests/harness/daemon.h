@@ -1,0 +1,67 @@
+// The real daemon in the test's own root, and what it left behind there.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness/process.h"
+
+namespace harness {
+
+inline constexpr const char* kLogFile = "/var/log/network/ZORV.log";
+inline constexpr const char* kNotifications = "/var/log/network/notifications.jsonl";
+inline constexpr const char* kDatabase = "/etc/config/zorv/zorv.db";
+
+// A program of this build by its name, for example "zorvctl".
+std::string program(const std::string& name);
+
+// Puts the notification tool where the daemon looks for it.
+void install_notify();
+
+// zorvd in the foreground, serving when the constructor returns; ended with the object.
+class Daemon {
+ public:
+  explicit Daemon(const std::vector<std::string>& options = {});
+  // SIGTERM; the exit status.
+  int stop() { return process_.terminate(); }
+  Process& process() { return process_; }
+
+ private:
+  Process process_;
+};
+
+// platformd, serving when the constructor returns.
+class PlatformDaemon {
+ public:
+  PlatformDaemon();
+  int stop() { return process_.terminate(); }
+
+ private:
+  Process process_;
+};
+
+// Waits until somebody listens on a bus address.
+bool wait_until_serving(const char* address);
+
+// The lines of the log file, one for each prefix even where a text had no newline.
+struct LogLine {
+  std::string level;
+  std::string module;
+  std::string function;
+  std::string text;  // its newline included, where it has one
+};
+std::vector<LogLine> log_lines();
+// Those of one module, as "LEVEL text".
+std::vector<std::string> log_texts(const std::string& module);
+bool log_holds(const std::string& text);
+
+// The notifications, once there are at least `count` of them (or after some seconds, fewer).
+std::vector<std::string> notifications(size_t count);
+
+// One statement on the database file, its rows as "a|b|c".
+std::vector<std::string> sql(const std::string& statement);
+
+}  // namespace harness
