@@ -1,7 +1,10 @@
 // One call of one daemon method, as every client function makes it. Private to the client API.
 #pragma once
 
+// Release builds too have the C library report a failed assertion.
+#undef NDEBUG
 #include <cassert>
+//
 #include <cstdlib>
 #include <cstring>
 #include <memory>
