@@ -116,6 +116,7 @@ TEST(ConfFileLock, TwoWritersAndTwentyReadersSeeWholeDocuments) {
   Shared& shared = *new (memory) Shared{};
   ASSERT_EQ(save_many('0', 1), 0);
   std::vector<pid_t> readers;
+  readers.reserve(20);
   for (int i = 0; i < 20; ++i) {
     readers.push_back(in_child([&shared, i] { return read_many(shared, i); }));
   }

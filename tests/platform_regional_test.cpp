@@ -96,7 +96,7 @@ TEST_F(RegionalFormat, SettingsFile) {
       {"date_format = 5x\ntime_format = 12h\n", kIso},
       {"date_format = 99999999999999999999\ntime_format =\n", kIso},
       {"date_format\ntime_format\n=\n==\n", kIso},
-      {std::string("date_format\0 = 5\n\xFF\xFE", 20), kIso},
+      {std::string("date_format") + '\0' + " = 5\n\xFF\xFE", kIso},
       {huge, kIso},
   };
   constexpr time_t kAfternoon = 54000;

@@ -1,0 +1,120 @@
+// platformd: the stand-in for the NAS's services that the VPN service calls over the bus.
+//
+// Serves "vpncaas" on the main thread and "NetworkService" on another until SIGTERM, SIGINT or
+// SIGHUP, then exits 0. Both end together: when one cannot go on, the other is stopped too and the
+// exit status is 1. Runs in the foreground; "platformd: ready" on standard output says that both
+// addresses are served.
+#include <getopt.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "config_service.h"
+#include "kxbus.h"
+#include "log.h"
+#include "network_service.h"
+
+namespace {
+
+constexpr const char* kUsage =
+    "Usage: platformd [--state FILE] [--log-file FILE]\n"
+    "Serves the platform's bus services vpncaas and NetworkService in the foreground.\n"
+    "\n"
+    "  --state FILE     network interfaces and gateways (/etc/config/network_state.json)\n"
+    "  --log-file FILE  log there instead of on standard error\n"
+    "  -h, --help       show this text\n"
+    "  -V, --version    show the version\n";
+
+struct KxServerRelease {
+  void operator()(kx_server* server) const { kx_free(server); }
+};
+using KxServer = std::unique_ptr<kx_server, KxServerRelease>;
+
+// Set before the loops and the signals' callback run, and constant while they do.
+std::array<KxServer, 2> servers;
+
+void stop_all(int /*signal_number*/) {
+  for (const KxServer& server : servers) {
+    kx_stop(server.get());
+  }
+}
+
+int run(const KxServer& server) {
+  const int status = kx_start(server.get());
+  stop_all(0);
+  return status;
+}
+
+int serve_until_stopped() {
+  kx_set_log([](const char* text) { platformd::log_line("bus: %s", text); });
+  servers = {KxServer(kx_create("vpncaas", 4, 1, platformd::config_service_call)),
+             KxServer(kx_create("NetworkService", 4, 1, platformd::network_service_call))};
+  for (const KxServer& server : servers) {
+    if (server == nullptr) {
+      return 1;  // the bus has logged why
+    }
+  }
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    if (kx_signal(number, stop_all) != KX_SUCCESS) {
+      platformd::log_line("cannot route signal %d", number);
+      return 1;
+    }
+  }
+  int network_status = KX_SUCCESS;
+  std::thread network([&network_status] { network_status = run(servers[1]); });
+  puts("platformd: ready");
+  fflush(stdout);
+  const int config_status = run(servers[0]);
+  network.join();
+  servers = {};
+  platformd::log_line("stopped");
+  return config_status == KX_SUCCESS && network_status == KX_SUCCESS ? 0 : 1;
+}
+
+int wrong_usage(const char* reason, const char* value) {
+  fprintf(stderr, "platformd: %s: %s\n%s", reason, value, kUsage);
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  constexpr option kOptions[] = {{"state", required_argument, nullptr, 's'},
+                                 {"log-file", required_argument, nullptr, 'l'},
+                                 {"help", no_argument, nullptr, 'h'},
+                                 {"version", no_argument, nullptr, 'V'},
+                                 {nullptr, 0, nullptr, 0}};
+  const char* log_file = nullptr;
+  for (int choice = 0; (choice = getopt_long(argc, argv, "hV", kOptions, nullptr)) != -1;) {
+    if (choice == 's') {
+      platformd::set_state_file(optarg);
+    } else if (choice == 'l') {
+      log_file = optarg;
+    } else if (choice == 'h') {
+      fputs(kUsage, stdout);
+      return 0;
+    } else if (choice == 'V') {
+      puts("platformd " PLATFORMD_VERSION);
+      return 0;
+    } else {
+      fputs(kUsage, stderr);
+      return 2;
+    }
+    if ((choice == 's' || choice == 'l') && optarg[0] != '/') {
+      return wrong_usage("not an absolute path", optarg);
+    }
+  }
+  if (optind < argc) {
+    return wrong_usage("unexpected word", argv[optind]);
+  }
+  if (log_file != nullptr && platformd::log_to_file(log_file) != 0) {
+    fprintf(stderr, "platformd: %s: %s\n", log_file, strerror(errno));
+    return 1;
+  }
+  return serve_until_stopped();
+}
