@@ -1,0 +1,37 @@
+// Stands in for another service of the bus: a child process that answers as the test says, also
+// with what no real service would send.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace harness {
+
+class FakeService {
+ public:
+  // Runs in the child. No text: the request is given up without a reply.
+  using Answer = std::function<std::optional<std::string>()>;
+
+  // Serves when the constructor returns. Other methods than these are unknown to it.
+  FakeService(const char* address, std::map<std::string, Answer> answers);
+  FakeService(const char* address, const char* method, const std::optional<std::string>& reply);
+  ~FakeService() { stop(); }
+  FakeService(const FakeService&) = delete;
+  FakeService& operator=(const FakeService&) = delete;
+
+  void stop();
+
+  // What has been asked so far, in order, as "METHOD REQUEST".
+  std::vector<std::string> calls() const;
+
+ private:
+  std::string record_;
+  pid_t child_ = -1;
+};
+
+}  // namespace harness
