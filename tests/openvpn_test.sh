@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# A real OpenVPN server and client in network namespaces of their own, with zorvctl as the server's
+# hook: logins and logouts are recorded, failed logins are counted, a blocked user is refused and can
+# log in again once the block is lifted.
+#
+# openvpn_test.sh BIN_FOLDER; exits 77 where it cannot run.
+set -euo pipefail
+bin=$1
+
+skip() { echo "skipped: $1"; exit 77; }
+[ "$(id -u)" -eq 0 ] || skip "needs root rights for network namespaces"
+[ -c /dev/net/tun ] || skip "no /dev/net/tun"
+for tool in openvpn openssl ip; do command -v "$tool" >/dev/null || skip "$tool is not installed"; done
+
+root=$(mktemp -d /tmp/zo.XXXXXX)
+server="zs$$"
+client="zc$$"
+started=()
+finish() {
+  for pid in "${started[@]}"; do kill "$pid" 2>/dev/null && wait "$pid" 2>/dev/null || true; done
+  ip netns del "$server" 2>/dev/null || true
+  ip netns del "$client" 2>/dev/null || true
+  rm -rf "$root"
+}
+trap finish EXIT
+fail() {
+  echo "FAILED: $1" >&2
+  tail -n 25 "$root"/server.log "$root"/client.log >&2 || true
+  exit 1
+}
+
+ip netns add "$server" || skip "no network namespaces"
+ip netns add "$client"
+ip link add "v$server" type veth peer name "v$client"
+ip link set "v$server" netns "$server"
+ip link set "v$client" netns "$client"
+ip -n "$server" addr add 10.99.0.1/24 dev "v$server"
+ip -n "$client" addr add 10.99.0.2/24 dev "v$client"
+for ns in "$server" "$client"; do ip -n "$ns" link set "v$ns" up; ip -n "$ns" link set lo up; done
+
+# Abstract addresses belong to a network namespace: the daemon runs in the server's.
+export ZORV_ROOT=$root
+mkdir -p "$root"/etc/config/zorv "$root"/var/log/network "$root"/var/lock "$root"/var/run "$root"/usr/local/sbin
+ln -s "$bin/notify" "$root/usr/local/sbin/notify"
+echo '{"global": {"enable": true, "limit": 2, "time": 60}}' >"$root/etc/config/vpn_block.conf"
+ip netns exec "$server" "$bin/platformd" >/dev/null 2>&1 &
+started+=($!)
+ip netns exec "$server" "$bin/zorvd" &
+started+=($!)
+ctl() { ip netns exec "$server" "$bin/zorvctl" "$@"; }
+for _ in $(seq 200); do ctl block policy >/dev/null 2>&1 && ctl block list -q >/dev/null 2>&1 && break; sleep 0.05; done
+
+cd "$root"
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=server \
+  -keyout server.key -out server.crt 2>/dev/null
+cat >checker <<'CHECKER'
+#!/bin/sh
+[ "$(sed -n 2p "$1")" = secret ]
+CHECKER
+chmod 755 checker
+cat >server.conf <<CONFIG
+port 1194
+proto udp
+dev tun
+topology subnet
+server 10.8.0.0 255.255.255.0
+ca server.crt
+cert server.crt
+key server.key
+dh none
+verify-client-cert none
+username-as-common-name
+script-security 2
+setenv ZORV_ROOT $root
+auth-user-pass-verify "$bin/zorvctl hook openvpn -- $root/checker" via-file
+client-connect "$bin/zorvctl hook openvpn"
+client-disconnect "$bin/zorvctl hook openvpn"
+explicit-exit-notify 1
+keepalive 1 10
+verb 3
+CONFIG
+cat >client.conf <<CONFIG
+client
+dev tun
+proto udp
+remote 10.99.0.1 1194
+nobind
+ca server.crt
+explicit-exit-notify 1
+connect-retry-max 1
+auth-retry none
+verb 3
+CONFIG
+ip netns exec "$server" openvpn --config server.conf >server.log 2>&1 &
+started+=($!)
+for _ in $(seq 200); do grep -q 'Initialization Sequence Completed' server.log && break; sleep 0.05; done
+
+# login PASSWORD: "in" or "refused". A client that got in leaves again.
+login() {
+  printf 'alice\n%s\n' "$1" >credentials
+  ip netns exec "$client" openvpn --config client.conf --auth-user-pass credentials >client.log 2>&1 &
+  local pid=$!
+  for _ in $(seq 600); do
+    if grep -q 'Initialization Sequence Completed' client.log; then
+      kill "$pid" && wait "$pid" || true
+      echo in
+      return
+    fi
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.05
+  done
+  kill "$pid" 2>/dev/null || true
+  wait "$pid" || true
+  if grep -q AUTH_FAILED client.log; then echo refused; else echo "no answer"; fi
+}
+rows() { ctl server-log list -j -r "$@" | wc -l; }
+await_rows() {
+  for _ in $(seq 300); do [ "$(rows "${@:2}")" -ge "$1" ] && return; sleep 0.05; done
+  fail "wanted $1 rows of ${*:2}"
+}
+
+[ "$(login secret)" = in ] || fail "a right password was refused"
+await_rows 1 action=login-ok username=alice source_ip=10.99.0.2 vpn_ip=10.8.0.2
+await_rows 1 action=logout username=alice
+[ "$(login wrong)" = refused ] || fail "a wrong password was let in"
+[ "$(login wrong)" = refused ] || fail "a wrong password was let in"
+await_rows 2 action=login-fail username=alice
+ctl block check alice && fail "alice is not blocked after two failures"
+[ "$(login secret)" = refused ] || fail "a blocked user got in"
+grep -qi 'blocked' server.log || fail "the server's log does not say why"
+ctl block remove alice
+[ "$(login secret)" = in ] || fail "alice cannot log in after the block was lifted"
+await_rows 2 action=logout username=alice
+for _ in $(seq 100); do
+  [ "$(grep -c '"message_id":"0017"' var/log/network/notifications.jsonl)" -ge 6 ] && break
+  sleep 0.05
+done
+for id in 0017 0020 0021; do
+  grep -q "\"message_id\":\"$id\"" var/log/network/notifications.jsonl || fail "no notification $id"
+done
+echo "passed: recorded, counted, blocked, lifted"
