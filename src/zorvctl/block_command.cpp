@@ -47,7 +47,7 @@ bool fits(const std::string& username) {
   if (username.size() <= kLongest) {
     return true;
   }
-  complain("username: {} bytes are too long, a user name holds at most {}", username.size(),
+  complain("username: {} bytes are too many, a user name holds at most {}", username.size(),
            kLongest);
   return false;
 }

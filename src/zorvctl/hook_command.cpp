@@ -125,22 +125,40 @@ int openvpn_hook(const std::vector<std::string>& words, bool has_checker) {
   return kUsage;
 }
 
+// Whatever goes wrong here is no reason to refuse a client, unless its password is unchecked.
+int run_hook(const std::vector<std::string>& words, bool has_checker) {
+  try {
+    return openvpn_hook(words, has_checker);
+  } catch (const std::exception& error) {
+    complain("hook: {}", error.what());
+    return has_checker ? kRefuse : kGoOn;
+  }
+}
+
 }  // namespace
 
 void add_hook_noun(CLI::App& program, Run* run) {
   CLI::App* noun = program.add_subcommand("hook", "What VPN servers run to record connections");
   noun->require_subcommand(1);
   CLI::App* verb = noun->add_subcommand("openvpn", "Run by an OpenVPN 2.6 server as its script");
-  auto words = std::make_shared<std::vector<std::string>>();
-  verb->add_option("words", *words,
-                   "Behind --, the program that checks passwords; at the end, the "
-                   "file that OpenVPN adds")
-      ->type_name("[--] WORD");
+  // Only the first word is an option's: an option of many words would take some of them apart.
+  auto first = std::make_shared<std::string>();
+  const CLI::Option* word =
+      verb->add_option("word", *first,
+                       "Behind --, the password checker and its words; last, OpenVPN's file")
+          ->type_name("[--] WORD ...");
+  verb->allow_extras();
   verb->footer(kHookHelp);
-  verb->callback([verb, words, run] {
-    const std::vector<std::string> unused = verb->remaining();
-    const bool marked = std::find(unused.begin(), unused.end(), "--") != unused.end();
-    *run = [words, marked] { return openvpn_hook(*words, marked && !words->empty()); };
+  verb->callback([=] {
+    std::vector<std::string> words = verb->remaining();
+    const bool marked = !words.empty() && words.front() == "--";
+    if (marked) {
+      words.erase(words.begin());
+    }
+    if (word->count() != 0) {
+      words.insert(words.begin(), *first);
+    }
+    *run = [words, marked] { return run_hook(words, marked && !words.empty()); };
   });
 }
 

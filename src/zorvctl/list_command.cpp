@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <limits>
 #include <memory>
 #include <utility>
 
@@ -41,6 +40,40 @@ std::string field_names(const RecordKind& kind) {
     names += (names.empty() ? "" : ", ") + std::string(column.name);
   }
   return names;
+}
+
+// Broken between words, for a screen of 80 columns.
+std::string wrapped(const std::string& text) {
+  constexpr size_t kWidth = 80;
+  std::string result;
+  size_t line = 0;
+  while (text.size() - line > kWidth) {
+    const size_t blank = text.rfind(' ', line + kWidth);
+    result += text.substr(line, blank - line) + "\n";
+    line = blank + 1;
+  }
+  return result + text.substr(line);
+}
+
+CLI::Validator output_format() {
+  return {[](std::string& text) -> std::string {
+            const bool known = text == "table" || text == "json" || text == "csv";
+            return known ? "" : fmt::format("'{}' is none of table, json, csv", text);
+          },
+          ""};
+}
+
+// A number of rows; what is no such number is named in the error.
+CLI::Validator row_count() {
+  return {[](std::string& text) -> std::string {
+            const bool digits =
+                !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+            constexpr size_t kMostDigits = 18;
+            return digits && text.size() <= kMostDigits
+                       ? std::string()
+                       : fmt::format("'{}' is not a number of rows", text);
+          },
+          ""};
 }
 
 const Column* field_or_complain(const RecordKind& kind, std::string_view name) {
@@ -189,7 +222,7 @@ int list_records(const RecordKind& kind, const ListOptions& options,
   }
   const std::string what = fmt::format("list the {}", kind.plural);
   if (end == QueryEnd::more && !options.quiet) {
-    complain("{} {} shown, there are more: -n 0 shows all", options.limit, kind.plural);
+    complain("there are more {} than these {}: -n 0 shows all", kind.plural, options.limit);
   }
   return report_query_end(end, what.c_str());
 }
@@ -199,7 +232,7 @@ std::string list_footer(const RecordKind& kind) {
     return "";
   }
   return fmt::format(
-      "Fields: {0}.\n"
+      "{0}\n"
       "VALUE is what the field must equal; codes have names, times and durations are understood\n"
       "as with --since. A time is 2026-11-21, \"2026-11-21 04:10\", 04:10, today, yesterday, 2h, "
       "7d\n"
@@ -209,7 +242,7 @@ std::string list_footer(const RecordKind& kind) {
       "  zorvctl {2} list -n 0 -S yesterday -o csv\n"
       "  zorvctl {2} list {3}=alice -j\n"
       "  zorvctl {2} list --sort {4} -r -n 10",
-      field_names(kind), kind.plural, kind.noun,
+      wrapped("Fields: " + field_names(kind)), kind.plural, kind.noun,
       find_column(kind.columns, "username") != nullptr ? "username" : "user_id", kind.time_column);
 }
 
@@ -220,16 +253,16 @@ void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_com
   CLI::App* verb =
       noun.add_subcommand("list", fmt::format("Show {}, the newest first", kind.plural));
   verb->add_option("-o,--output", options->output, "table, json (one object a line) or csv")
-      ->check(CLI::IsMember({"table", "json", "csv"}))
+      ->check(output_format())
       ->type_name("FORMAT");
   verb->add_flag("-j,--json", options->json, "The same as -o json");
   verb->add_option(
           "-n,--limit", options->limit,
           fmt::format("At most N {} ({} if not given, 0 for all)", kind.plural, kDefaultLimit))
-      ->check(CLI::Range(0LL, std::numeric_limits<long long>::max()))
+      ->check(row_count())
       ->type_name("N");
   verb->add_option("--offset", options->offset, "Leave out the first N")
-      ->check(CLI::Range(0LL, std::numeric_limits<long long>::max()))
+      ->check(row_count())
       ->type_name("N");
   verb->add_flag("-r,--reverse", options->reverse, "The other way round");
   if (!kind.columns.empty()) {

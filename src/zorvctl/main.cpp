@@ -24,44 +24,46 @@ constexpr const char* kFooter =
 void add_nouns(CLI::App& program, Run* run) {
   program.require_subcommand(1);
   program.set_version_flag("--version", "zorvctl " ZORV_VERSION, "Print the version");
-  program.footer(kFooter);
   add_record_nouns(program, run);
   add_block_noun(program, run);
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);
   add_hook_noun(program, run);
+  program.footer(kFooter);  // last: what is added later inherits it
 }
 
-// "zorvctl server-log", as far as the words were understood.
-const CLI::App& chosen(const CLI::App& program, std::string* ret_words) {
+// The noun or verb that was reached, with its words in front: "server-log list".
+const CLI::App& reached(const CLI::App& program, std::string* ret_words) {
   const CLI::App* app = &program;
-  *ret_words = app->get_name();
   while (!app->get_subcommands().empty()) {
     app = app->get_subcommands().front();
-    *ret_words += " " + app->get_name();
+    *ret_words += (ret_words->empty() ? "" : " ") + app->get_name();
   }
   return *app;
 }
 
+// Why the words cannot be meant, naming the one that is wrong.
+std::string reason(const CLI::App& program, const CLI::App& app, const CLI::ParseError& error) {
+  auto unknown = program.remaining(true);
+  std::erase(unknown, "--");
+  const auto choices = app.get_subcommands([](const CLI::App*) { return true; });
+  if (choices.empty()) {
+    return unknown.empty() ? error.what() : fmt::format("'{}' is not expected", unknown.front());
+  }
+  std::string names;
+  for (const CLI::App* choice : choices) {
+    names += (names.empty() ? "" : ", ") + choice->get_name();
+  }
+  return unknown.empty() ? "say one of " + names
+                         : fmt::format("'{}' is none of {}", unknown.front(), names);
+}
+
 int wrong_words(const CLI::App& program, const CLI::ParseError& error) {
   std::string words;
-  const CLI::App& app = chosen(program, &words);
-  const auto verbs = app.get_subcommands([](const CLI::App*) { return true; });
-  const auto unknown = program.remaining(true);
-  if (!verbs.empty() && app.get_name() != "option") {
-    std::string names;
-    for (const CLI::App* verb : verbs) {
-      names += (names.empty() ? "" : ", ") + verb->get_name();
-    }
-    complain(
-        "{}: {} of {}", words,
-        unknown.empty() ? "say one" : fmt::format("'{}' is none", display_text(unknown.front())),
-        names);
-  } else {
-    complain("{}", display_text(error.what()));
-  }
-  fmt::print(stderr, "Try '{} --help'.\n", words);
+  const CLI::App& app = reached(program, &words);
+  complain("{}{}{}", words, words.empty() ? "" : ": ", display_text(reason(program, app, error)));
+  fmt::print(stderr, "Try 'zorvctl {}{}--help'.\n", words, words.empty() ? "" : " ");
   return kUsage;
 }
 

@@ -17,13 +17,9 @@
 namespace zorvctl {
 namespace {
 
-// Hands the words to the service's command, whose answer is the output, byte for byte. `verb` may
-// be null.
-int answer_command(const char* verb, const std::vector<std::string>& words) {
+// Hands the words to the service's command, whose answer is the output, byte for byte.
+int answer_command(const std::vector<std::string>& words) {
   std::vector<std::string> copies{"option"};
-  if (verb != nullptr) {
-    copies.emplace_back(verb);
-  }
   copies.insert(copies.end(), words.begin(), words.end());
   std::vector<char*> argv;
   argv.reserve(copies.size());
@@ -34,8 +30,8 @@ int answer_command(const char* verb, const std::vector<std::string>& words) {
 }
 
 // Words that are no command of the options: the answer for programs, and the reason for people.
-int answer_wrong_words(const char* verb, const std::vector<std::string>& words) {
-  answer_command(verb, words);
+int answer_wrong_words(const std::vector<std::string>& words) {
+  answer_command(words);
   complain("option: say \"get\", \"get SECTION\" or \"set JSON|@FILE|-\"");
   return kUsage;
 }
@@ -103,6 +99,21 @@ void add_option_noun(CLI::App& program, Run* run) {
   CLI::App* noun = program.add_subcommand("option", "The VPN service's global options");
   noun->require_subcommand(0, 1);
   noun->allow_extras();
+
+  auto section = std::make_shared<std::string>();
+  CLI::App* get = noun->add_subcommand("get", "Print the options, or one section of them");
+  const CLI::Option* get_section =
+      get->add_option("section", *section, "The section's name")->type_name("SECTION");
+
+  auto patch = std::make_shared<std::string>();
+  CLI::App* set = noun->add_subcommand("set", "Replace sections of the options");
+  const CLI::Option* set_patch =
+      set->add_option("patch", *patch, "An object, @FILE that holds one, or - for standard input")
+          ->type_name("JSON|@FILE|-");
+  set->footer(
+      "Each section that the object names is replaced whole. A section that the options file does\n"
+      "not have yet is not stored. The network service is told to apply the VPN gateway anew.");
+
   noun->footer(
       "The answers are the service's own, for programs: {\"data\": ..., \"error\": 0}, or\n"
       "{\"error\": -1} for words that it does not know.\n\n"
@@ -110,29 +121,24 @@ void add_option_noun(CLI::App& program, Run* run) {
       "  zorvctl option get gw_setting\n"
       "  zorvctl option set '{\"gw_setting\": {\"as_gw_en\": 0}}'");
 
-  auto section = std::make_shared<std::vector<std::string>>();
-  CLI::App* get = noun->add_subcommand("get", "Print the options, or one section of them");
-  get->add_option("section", *section, "The section's name")->type_name("SECTION");
-
-  auto patch = std::make_shared<std::vector<std::string>>();
-  CLI::App* set = noun->add_subcommand("set", "Replace sections of the options");
-  set->add_option("patch", *patch, "A JSON object, @FILE that holds one, or - for standard input")
-      ->type_name("JSON|@FILE|-");
-  set->footer(
-      "Each section that the object names is replaced whole. Sections that the options file does\n"
-      "not have yet are refused. The network service is told to apply the VPN gateway anew.");
-
-  noun->callback([noun, get, set, section, patch, run] {
-    if (set->parsed() && patch->size() == 1) {
-      *run = [patch] { return set_options(patch->front()); };
-    } else if (get->parsed() && section->size() <= 1) {
-      *run = [section] { return answer_command("get", *section); };
-    } else if (get->parsed()) {
-      *run = [section] { return answer_wrong_words("get", *section); };
+  noun->callback([=] {
+    const std::vector<std::string> more = noun->remaining(true);
+    std::vector<std::string> words;
+    if (get->parsed()) {
+      words.emplace_back("get");
     } else if (set->parsed()) {
-      *run = [patch] { return answer_wrong_words("set", *patch); };
+      words.emplace_back("set");
+    }
+    if (get_section->count() != 0) {
+      words.push_back(*section);
+    }
+    words.insert(words.end(), more.begin(), more.end());
+    if (set->parsed() && set_patch->count() != 0 && more.empty()) {
+      *run = [patch] { return set_options(*patch); };
+    } else if (get->parsed() && more.empty()) {
+      *run = [words] { return answer_command(words); };
     } else {
-      *run = [words = noun->remaining()] { return answer_wrong_words(nullptr, words); };
+      *run = [words] { return answer_wrong_words(words); };
     }
   });
 }

@@ -26,6 +26,16 @@ bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
+bool whole_number(std::string_view text, unsigned long long* ret) {
+  unsigned long long number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    return false;
+  }
+  *ret = number;
+  return true;
+}
+
 // Takes a number of exactly `digits` digits from the front of `text`.
 std::optional<int> take_digits(std::string_view& text, size_t digits) {
   if (text.size() < digits ||
@@ -179,39 +189,53 @@ std::optional<long long> named_moment(std::string_view text, time_t now, Zone zo
   return std::nullopt;
 }
 
+// "2h", "2h ago": before now; "+2h": from now on. A bare number could be anything: it has to say
+// what it counts.
+std::optional<long long> distant_moment(std::string_view text, time_t now) {
+  constexpr std::string_view kAgo = " ago";
+  const bool ahead = take(text, '+');
+  if (!ahead && text.ends_with(kAgo)) {
+    text.remove_suffix(kAgo.size());
+  }
+  unsigned long long distance = 0;
+  if (text.empty() || is_digit(text.back()) || parse_duration(text, &distance) != 0 ||
+      distance > kLatestShown) {
+    return std::nullopt;
+  }
+  const auto seconds = static_cast<long long>(distance);
+  return ahead ? now + seconds : now - seconds;
+}
+
 }  // namespace
 
 int parse_duration(std::string_view text, unsigned long long* ret_seconds) {
   unsigned long long total = 0;
-  bool unit_missing = false;
+  if (whole_number(text, &total)) {
+    *ret_seconds = total;
+    return 0;
+  }
   if (text.empty()) {
     return -1;
   }
   while (!text.empty()) {
     unsigned long long number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || unit_missing) {
+    if (error != std::errc()) {
       return -1;
     }
     text.remove_prefix(static_cast<size_t>(end - text.data()));
     take(text, ' ');
     const size_t letters = std::min(text.find_first_of("0123456789 "), text.size());
-    unsigned long long factor = 1;
-    if (letters == 0) {
-      unit_missing = true;
-    } else {
-      const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits), [&](const Unit& known) {
-        return known.name == text.substr(0, letters);
-      });
-      if (unit == std::end(kUnits)) {
-        return -1;
-      }
-      factor = unit->seconds;
-      text.remove_prefix(letters);
-      take(text, ' ');
+    const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits), [&](const Unit& known) {
+      return known.name == text.substr(0, letters);
+    });
+    if (unit == std::end(kUnits)) {
+      return -1;
     }
+    text.remove_prefix(letters);
+    take(text, ' ');
     unsigned long long seconds = 0;
-    if (__builtin_mul_overflow(number, factor, &seconds) ||
+    if (__builtin_mul_overflow(number, unit->seconds, &seconds) ||
         __builtin_add_overflow(total, seconds, &total)) {
       return -1;
     }
@@ -222,30 +246,17 @@ int parse_duration(std::string_view text, unsigned long long* ret_seconds) {
 
 int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret) {
   if (take(text, '@')) {
-    unsigned long long seconds = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-    if (error != std::errc() || end != text.data() + text.size()) {
-      return -1;
-    }
-    *ret = seconds;
-    return 0;
+    return whole_number(text, ret) ? 0 : -1;
   }
   auto found = named_moment(text, now, zone);
   if (!found) {
     found = calendar_moment(text, now, zone);
   }
-  constexpr std::string_view kAgo = " ago";
   if (!found) {
-    if (text.ends_with(kAgo)) {
-      text.remove_suffix(kAgo.size());
-    }
-    unsigned long long before = 0;
-    // A bare number could be anything: a time has to say what its numbers are.
-    if (text.empty() || is_digit(text.back()) || parse_duration(text, &before) != 0 ||
-        before > static_cast<unsigned long long>(now)) {
-      return -1;
-    }
-    found = now - static_cast<long long>(before);
+    found = distant_moment(text, now);
+  }
+  if (!found) {
+    return -1;
   }
   if (*found < 0) {
     return -1;

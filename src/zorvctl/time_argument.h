@@ -5,6 +5,7 @@
 //   00:00 the same with Z, +02:00 or -0530 behind it           in that zone 04:10, 04:10:06 today
 //   now, today, yesterday, tomorrow                      the last three at 00:00
 //   2h, 7d, 1h30m, "2h ago"                              that long before now
+//   +2h                                                  that long after now
 //   @1795234206                                          seconds since the epoch
 // A duration is a number of seconds, or numbers with the units s, m (or min), h, d, w.
 #pragma once

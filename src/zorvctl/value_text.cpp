@@ -175,7 +175,7 @@ int read_value(const Column& column, std::string_view text, time_t now, Zone zon
                std::string* ret_error) {
   if (column.kind == Kind::text) {
     if (text.size() > column.capacity) {
-      *ret_error = fmt::format("{} bytes are too long, {} hold at most {}", text.size(),
+      *ret_error = fmt::format("{} bytes are too many, {} holds at most {}", text.size(),
                                column.name, column.capacity);
       return -1;
     }

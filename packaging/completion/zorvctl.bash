@@ -1,0 +1,43 @@
+# Completion of zorvctl for bash. The words come from its own --help, so they are always those of the
+# zorvctl that is installed.
+
+_zorvctl() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  local program=${COMP_WORDS[0]} word help words
+  COMPREPLY=()
+
+  case $previous in
+    -o | --output)
+      mapfile -t COMPREPLY < <(compgen -W "table json csv" -- "$current")
+      return
+      ;;
+    -S | --since | -U | --until)
+      mapfile -t COMPREPLY < <(compgen -W "today yesterday 1h 1d 7d" -- "$current")
+      return
+      ;;
+  esac
+
+  # The noun and the verb are the first words that are no options.
+  local -a path=()
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    [[ $word == -* ]] && continue
+    ((${#path[@]} < 2)) && path+=("$word")
+  done
+  help=$("$program" "${path[@]}" --help 2>/dev/null) || return 0
+
+  if [[ $previous == --sort || ( ${#path[@]} -eq 2 && $current != -* ) ]]; then
+    # "Fields: id, username, ..." up to the first line that ends the sentence.
+    words=$(sed -n '/^Fields: /,/\.$/{s/^Fields: //;s/[,.]/ /g;p}' <<<"$help")
+    if [[ $previous != --sort ]]; then
+      words=$(sed 's/[^ ][^ ]*/&=/g' <<<"$words")
+      compopt -o nospace 2>/dev/null
+    fi
+  elif [[ $current == -* ]]; then
+    words=$(grep -oE '^ +-[^ ]+' <<<"$help" | grep -oE -- '--?[a-z][a-z-]*')
+  else
+    words=$(sed -n '/^Subcommands:/,/^$/{s/^  \([a-z][a-z-]*\) .*/\1/p}' <<<"$help")
+  fi
+  mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+}
+
+complete -F _zorvctl zorvctl
