@@ -109,7 +109,7 @@ void bound_text(const AnyColumn& column, Record& record) {
 template <size_t Size>
 void read_value(const char* text, char (&ret_value)[Size], Conversion /*unused*/ = {}) {
   const char* source = text != nullptr ? text : "NULL";
-  const size_t length = strnlen(source, Size - 1);
+  const size_t length = std::min(std::strlen(source), Size - 1);
   std::memcpy(ret_value, source, length);
   ret_value[length] = '\0';
   ret_value[Size - 1] = '\0';
