@@ -21,4 +21,8 @@ set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
 set(ENV{PKG_CONFIG_LIBDIR}
     ${CMAKE_SYSROOT}/usr/lib/arm-linux-gnueabihf/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)
 
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L ${CMAKE_SYSROOT})
+# Only tests need it.
+find_program(ZORV_QEMU qemu-arm-static)
+if(ZORV_QEMU)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${ZORV_QEMU} -L ${CMAKE_SYSROOT})
+endif()

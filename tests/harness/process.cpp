@@ -17,20 +17,8 @@
 namespace harness {
 namespace {
 
-// Where the tests run under an emulator, so do the programs they start.
-std::vector<std::string> with_emulator(const std::vector<std::string>& arguments) {
-  std::vector<std::string> words;
-  const char* emulator = getenv("ZORV_TEST_EMULATOR");
-  if (emulator != nullptr && arguments[0].find("/bin/") != std::string::npos &&
-      arguments[0].find("/usr/") != 0 && arguments[0].find("/bin/") != 0) {
-    words.emplace_back(emulator);
-  }
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  return words;
-}
-
 pid_t spawn(const std::vector<std::string>& arguments, int in, int out, int err) {
-  std::vector<std::string> words = with_emulator(arguments);
+  std::vector<std::string> words = arguments;
   std::vector<char*> argv;
   for (std::string& word : words) {
     argv.push_back(word.data());
