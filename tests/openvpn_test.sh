@@ -100,7 +100,7 @@ login() {
   printf 'alice\n%s\n' "$1" >credentials
   ip netns exec "$client" openvpn --config client.conf --auth-user-pass credentials >client.log 2>&1 &
   local pid=$!
-  for _ in $(seq 600); do
+  for _ in $(seq 1200); do
     if grep -q 'Initialization Sequence Completed' client.log; then
       kill "$pid" && wait "$pid" || true
       echo in
@@ -115,7 +115,7 @@ login() {
 }
 rows() { ctl server-log list -j -r "$@" | wc -l; }
 await_rows() {
-  for _ in $(seq 300); do [ "$(rows "${@:2}")" -ge "$1" ] && return; sleep 0.05; done
+  for _ in $(seq 600); do [ "$(rows "${@:2}")" -ge "$1" ] && return; sleep 0.05; done
   fail "wanted $1 rows of ${*:2}"
 }
 
