@@ -1,7 +1,10 @@
 // Codes of a connection record as the words of its notification.
 #pragma once
 
+#include <optional>
 #include <span>
+
+#include "logger.h"
 
 namespace store {
 
@@ -21,6 +24,30 @@ constexpr const char* word_of(std::span<const CodeWord> words, int code) {
     }
   }
   return nullptr;
+}
+
+struct ConnectionWords {
+  const char* protocol;
+  const char* status;
+};
+
+// The words of a record's two codes. Nothing, and a line that names the wrong one, when there are
+// none: such a record is kept and nobody is told of it.
+inline std::optional<ConnectionWords> connection_words(const LogSite& site,
+                                                       std::span<const CodeWord> protocols,
+                                                       int vpn_type,
+                                                       std::span<const CodeWord> statuses,
+                                                       int action) {
+  const ConnectionWords words{word_of(protocols, vpn_type), word_of(statuses, action)};
+  if (words.protocol == nullptr) {
+    ZORV_LOG_AT(site, error, "%s: db_con->vpn_type is incorrect: %d, ", site.function, vpn_type);
+    return std::nullopt;
+  }
+  if (words.status == nullptr) {
+    ZORV_LOG_AT(site, error, "%s: db_con->action is incorrect: %d, ", site.function, action);
+    return std::nullopt;
+  }
+  return words;
 }
 
 }  // namespace store

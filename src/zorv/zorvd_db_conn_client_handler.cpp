@@ -39,15 +39,9 @@ constexpr CodeWord kStatusWords[] = {
     {kLoginOk, "Login OK"}, {kLogout, "Logout"}, {kGetGeolocation, "Get geolocation"}};
 
 void notify(const LogSite& site, const Record& record) {
-  const char* protocol = word_of(kProtocols, record.vpn_type);
-  if (protocol == nullptr) {
-    ZORV_LOG_AT(site, error, "%s: db_con->vpn_type is incorrect: %d, ", site.function,
-                record.vpn_type);
-    return;
-  }
-  const char* status = word_of(kStatusWords, record.action);
-  if (status == nullptr) {
-    ZORV_LOG_AT(site, error, "%s: db_con->action is incorrect: %d, ", site.function, record.action);
+  const auto words =
+      connection_words(site, kProtocols, record.vpn_type, kStatusWords, record.action);
+  if (!words) {
     return;
   }
   std::string uptime = kBlank;
@@ -59,10 +53,11 @@ void notify(const LogSite& site, const Record& record) {
     bytesToStr(record.rx_total, received);
   }
   const bool placed = record.action != kLoginOk;
-  zorv::nclog::notify_send(
-      zorv::nc_msg(zorv::NcMsg::C002_0018), timestamp(static_cast<long long>(record.time)).c_str(),
-      uptime.c_str(), record.username, protocol, record.vpn_ip, placed ? record.wan_ip : kBlank,
-      placed ? record.country_code : kBlank, sent.c_str(), received.c_str(), status, nullptr);
+  zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C002_0018),
+                           timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
+                           record.username, words->protocol, record.vpn_ip,
+                           placed ? record.wan_ip : kBlank, placed ? record.country_code : kBlank,
+                           sent.c_str(), received.c_str(), words->status, nullptr);
 }
 
 }  // namespace

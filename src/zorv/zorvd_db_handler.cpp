@@ -42,15 +42,9 @@ void notify(const LogSite& site, const Record& record) {
   std::string received;
   bytesToStr(record.tx_total, sent);
   bytesToStr(record.rx_total, received);
-  const char* protocol = word_of(kProtocols, record.vpn_type);
-  if (protocol == nullptr) {
-    ZORV_LOG_AT(site, error, "%s: db_con->vpn_type is incorrect: %d, ", site.function,
-                record.vpn_type);
-    return;
-  }
-  const char* status = word_of(kStatusWords, record.action);
-  if (status == nullptr) {
-    ZORV_LOG_AT(site, error, "%s: db_con->action is incorrect: %d, ", site.function, record.action);
+  const auto words =
+      connection_words(site, kProtocols, record.vpn_type, kStatusWords, record.action);
+  if (!words) {
     return;
   }
   std::string uptime = kBlank;
@@ -61,7 +55,7 @@ void notify(const LogSite& site, const Record& record) {
   zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C001_0017),
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, record.source_ip, client_ip, sent.c_str(),
-                           received.c_str(), protocol, status, nullptr);
+                           received.c_str(), words->protocol, words->status, nullptr);
 }
 
 }  // namespace
