@@ -2,51 +2,52 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstring>
-#include <string_view>
 
 #include "rooted.h"
 
 namespace kxbus {
 namespace {
 
-std::string service_of(std::string_view name) {
+std::string_view service_of(std::string_view name) {
   name.remove_prefix(name.find_last_of('/') + 1);  // npos + 1 is 0
   if (name.size() > 5 && name.ends_with(".sock")) {
     name.remove_suffix(5);
   }
-  return std::string(name);
+  return name;
 }
 
 }  // namespace
 
 int resolve_address(const char* text, Address& ret_address) {
-  const std::string_view given = text != nullptr ? text : "";
-  const bool abstract = !given.starts_with('/');
-  std::string name;
+  std::string_view given = text != nullptr ? text : "";
+  const bool path = given.starts_with('/');
+  std::string_view before;
+  std::string_view behind;
   if (given.starts_with('@')) {
-    name = given.substr(1);
-  } else if (abstract && !given.empty() && given.find('/') == std::string_view::npos) {
-    name = "/var/run/" + std::string(given) + ".sock";
-  } else if (!abstract) {
-    name = given;
+    given.remove_prefix(1);
+  } else if (!path && given.find('/') == std::string_view::npos) {
+    before = "/var/run/";
+    behind = ".sock";
+  } else if (!path) {
+    return EINVAL;  // a relative path would mean something else after a change of directory
   }
-  if (name.empty() || name.ends_with('/')) {
+  if (given.empty() || given.ends_with('/')) {
     return EINVAL;
   }
   Address address;
-  address.service = service_of(name);
-  name = platform::rooted(name);
-  if (name.size() > sizeof(address.name.sun_path) - 1) {
+  char* to = address.name.sun_path + (path ? 0 : 1);
+  const std::string_view root = platform::root();
+  const std::size_t size = root.size() + before.size() + given.size() + behind.size();
+  if (size > sizeof address.name.sun_path - 1) {
     return ENAMETOOLONG;
   }
-  address.name.sun_family = AF_UNIX;
-  memcpy(address.name.sun_path + (abstract ? 1 : 0), name.data(), name.size());
-  address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  if (!abstract) {
-    address.path = name;
+  for (const std::string_view part : {root, before, given, behind}) {
+    to += part.copy(to, part.size());
   }
-  ret_address = std::move(address);
+  address.name.sun_family = AF_UNIX;
+  address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + size);
+  address.service = service_of(given);
+  ret_address = address;
   return 0;
 }
 

@@ -11,17 +11,19 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <string>
+#include <string_view>
 
 namespace kxbus {
 
 struct Address {
   sockaddr_un name{};
   socklen_t length = 0;
-  std::string path;     // the rooted path; empty for an abstract name
-  std::string service;  // last component without ".sock": whose allow list counts
+  std::string_view
+      service;  // last component without ".sock", within the text: whose allow list counts
 
   const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&name); }
+  // The rooted path, or "" for an abstract name.
+  const char* path() const { return name.sun_path; }
 };
 
 // 0, or EINVAL for a text that is no address, or ENAMETOOLONG.

@@ -27,8 +27,8 @@ namespace kxbus {
 
 class AllowList {
  public:
-  explicit AllowList(const std::string& service)
-      : plain_path_("/etc/config/kxbus/" + service + ".allow") {}
+  explicit AllowList(std::string_view service)
+      : plain_path_("/etc/config/kxbus/" + std::string(service) + ".allow") {}
 
   bool admits_caller(int socket, const Peer& peer);
   bool admits_listener(const Peer& peer);

@@ -15,10 +15,9 @@
 namespace kxbus {
 namespace {
 
-constexpr std::size_t kRecordSpace = 8 * 1024;
 constexpr std::size_t kBlockSize = kLargestPayload + 1;
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
-static_assert(kPacketBody > kRecordSpace);
+static_assert(kBlockSize > 8 * 1024);
 
 std::size_t page_size() {
   static const auto size = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
@@ -83,6 +82,11 @@ Mapping::~Mapping() {
 
 bool Buffer::allocate() {
   block_.reset(static_cast<char*>(malloc(kBlockSize)));
+  return block_ != nullptr;
+}
+
+bool Buffer::allocate_cleared() {
+  block_.reset(static_cast<char*>(calloc(kBlockSize, 1)));
   return block_ != nullptr;
 }
 
@@ -185,6 +189,11 @@ int Buffer::make_room(std::size_t length) {
   return held_ + length > kPacketBody ? move_to_memfd() : KX_SUCCESS;
 }
 
+void Buffer::hold(std::size_t length) {
+  held_ += length;
+  dirty_ = std::max(dirty_, held_);
+}
+
 int Buffer::append(const void* bytes, std::size_t length) {
   if (const int status = make_room(length); status != KX_SUCCESS) {
     return status;
@@ -196,7 +205,7 @@ int Buffer::append(const void* bytes, std::size_t length) {
   }
   if (length > 0) {
     memcpy(block_.get() + held_, bytes, length);
-    held_ += length;
+    hold(length);
   }
   return KX_SUCCESS;
 }
@@ -208,7 +217,7 @@ void* Buffer::extend(std::size_t length) {
   if (length <= kPacketBody) {
     char* space = block_.get() + held_;
     memset(space, 0, length);
-    held_ += length;
+    hold(length);
     return space;
   }
   // Allocated up front, because a page that cannot be had would be a signal later. Cut first, so
@@ -278,11 +287,17 @@ int Buffer::resize(std::size_t new_size) {
   return KX_SUCCESS;
 }
 
-void Buffer::accept_packet(std::size_t body_length) {
+void Buffer::accept_request(std::size_t payload_length, std::size_t body_length) {
   clear();
   held_ = body_length;
-  const std::size_t end = std::max(kRecordSpace, body_length + 1);
-  memset(block_.get() + body_length, 0, end - body_length);
+  dirty_ = std::max(dirty_, payload_length);
+  memset(block_.get() + held_, 0, dirty_ - held_);
+  dirty_ = held_;
+}
+
+void Buffer::accept_reply(std::size_t body_length) {
+  clear();
+  held_ = body_length;
 }
 
 int Buffer::accept_memfd(Descriptor memfd, std::size_t length) {

@@ -47,8 +47,10 @@ class Mapping {
 
 class Buffer {
  public:
-  // False when there is no memory; nothing else may be called then.
+  // False when there is no memory; nothing else may be called then. A cleared buffer can receive
+  // requests.
   bool allocate();
+  bool allocate_cleared();
 
   std::size_t size() const { return stored_ + held_; }
 
@@ -68,7 +70,8 @@ class Buffer {
 
   // Receiving: the space for a packet's payload, then what the packet said.
   std::span<char> packet_space() { return {block_.get(), kLargestPayload}; }
-  void accept_packet(std::size_t body_length);
+  void accept_request(std::size_t payload_length, std::size_t body_length);
+  void accept_reply(std::size_t body_length);
   int accept_memfd(Descriptor memfd, std::size_t length);
 
   // Sending: either the bytes in the block or, once sealed, the memfd.
@@ -80,6 +83,7 @@ class Buffer {
 
  private:
   int make_room(std::size_t length);
+  void hold(std::size_t length);
   int store(std::size_t offset, const void* bytes, std::size_t length);
   int flush();
   int unseal();
@@ -91,6 +95,7 @@ class Buffer {
 
   std::unique_ptr<char, Free> block_;
   std::size_t held_ = 0;    // bytes of content in the block
+  std::size_t dirty_ = 0;   // bytes of a cleared block that may not be zero any more
   std::size_t stored_ = 0;  // bytes of content before them in the memfd
   Descriptor memfd_;
   bool sealed_ = false;

@@ -1,6 +1,5 @@
 // The calling side: one connection, one request, one reply, one deadline.
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -59,19 +58,29 @@ int status_of_error(int error) {
   }
 }
 
-// A full backlog makes a non-blocking connect fail at once, so the wait is left to the kernel.
+bool make_blocking(int socket) {
+  return fcntl(socket, F_SETFL, 0) == 0;
+}
+
+// Limits how long the next operation of one direction waits.
+bool limit_wait(int socket, int option, std::int64_t nanoseconds) {
+  timeval limit{};
+  limit.tv_sec = static_cast<time_t>(nanoseconds / kNanoseconds);
+  limit.tv_usec = static_cast<suseconds_t>(nanoseconds % kNanoseconds / 1000);
+  if (limit.tv_sec == 0 && limit.tv_usec == 0) {
+    limit.tv_usec = 1;  // 0 would mean for ever
+  }
+  return setsockopt(socket, SOL_SOCKET, option, &limit, sizeof limit) == 0;
+}
+
+// A full backlog makes a non-blocking connect fail at once, so the waiting is done by the kernel.
 int wait_for_backlog(int socket, const Address& address, const Deadline& deadline) {
-  if (fcntl(socket, F_SETFL, 0) != 0) {
+  if (!make_blocking(socket)) {
     return KX_IO_FAILURE;
   }
-  for (;;) {
-    const std::int64_t pause = std::min(deadline.remaining(), kBacklogPause);
-    if (pause == 0) {
-      return KX_IS_BUSY;
-    }
-    timeval limit{};
-    limit.tv_usec = static_cast<suseconds_t>(pause / 1000 + 1);
-    if (setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) {
+  for (std::int64_t remaining = deadline.remaining(); remaining > 0;
+       remaining = deadline.remaining()) {
+    if (!limit_wait(socket, SO_SNDTIMEO, std::min(remaining, kBacklogPause))) {
       return KX_IO_FAILURE;
     }
     if (connect(socket, address.get(), address.length) == 0) {
@@ -81,6 +90,7 @@ int wait_for_backlog(int socket, const Address& address, const Deadline& deadlin
       return status_of_error(errno);
     }
   }
+  return KX_IS_BUSY;
 }
 
 int open_connection(const Address& address, const Deadline& deadline, Descriptor& ret_connection) {
@@ -88,14 +98,13 @@ int open_connection(const Address& address, const Deadline& deadline, Descriptor
   if (!connection.valid()) {
     return status_of_error(errno);
   }
-  int status = KX_SUCCESS;
   if (connect(connection.get(), address.get(), address.length) != 0) {
-    status = errno == EAGAIN || errno == EINTR
-                 ? wait_for_backlog(connection.get(), address, deadline)
-                 : status_of_error(errno);
-  }
-  if (status != KX_SUCCESS) {
-    return status;
+    const int status = errno == EAGAIN || errno == EINTR
+                           ? wait_for_backlog(connection.get(), address, deadline)
+                           : status_of_error(errno);
+    if (status != KX_SUCCESS) {
+      return status;
+    }
   }
   // Whoever holds the name could be anybody, and would get the request.
   Peer listener;
@@ -138,26 +147,24 @@ int send_request(int socket, std::string_view method, Buffer& body, int passed) 
 
 int receive_reply(int socket, Buffer& body, const Deadline& deadline) {
   Incoming incoming;
+  if (!make_blocking(socket)) {
+    return KX_IO_FAILURE;
+  }
   for (;;) {
     const std::int64_t remaining = deadline.remaining();
-    const timespec limit{static_cast<time_t>(remaining / kNanoseconds),
-                         static_cast<long>(remaining % kNanoseconds)};
-    pollfd readable{socket, POLLIN, 0};
-    const int ready = ppoll(&readable, 1, &limit, nullptr);
-    if (ready < 0 && errno != EINTR) {
+    if (remaining > 0 && !limit_wait(socket, SO_RCVTIMEO, remaining)) {
       return KX_IO_FAILURE;
     }
-    if (ready == 0 && remaining == 0) {
-      return KX_TIMEOUT;
+    const Wait wait = remaining > 0 ? Wait::as_long_as_the_socket_says : Wait::no;
+    const Receipt receipt = receive_packet(socket, body.packet_space(), wait, incoming);
+    if (receipt == Receipt::packet) {
+      break;
     }
-    if (ready > 0) {
-      const Receipt receipt = receive_packet(socket, body.packet_space(), incoming);
-      if (receipt == Receipt::packet) {
-        break;
-      }
-      if (receipt == Receipt::closed) {
-        return KX_IO_FAILURE;
-      }
+    if (receipt == Receipt::closed) {
+      return KX_IO_FAILURE;
+    }
+    if (receipt == Receipt::nothing_yet && remaining == 0) {
+      return KX_TIMEOUT;
     }
   }
   ReplyFrame frame;
@@ -176,7 +183,7 @@ int receive_reply(int socket, Buffer& body, const Deadline& deadline) {
     }
     return KX_SUCCESS;
   }
-  body.accept_packet(frame.body_length);
+  body.accept_reply(frame.body_length);
   return KX_SUCCESS;
 }
 

@@ -38,7 +38,7 @@ int lock_file(const std::string& path, Descriptor& ret_lock) {
 // Removes what a dead service left at the path. Whatever is not a socket, or is answered, stays.
 int remove_stale(const Address& address) {
   struct stat about {};
-  if (lstat(address.path.c_str(), &about) != 0) {
+  if (lstat(address.path(), &about) != 0) {
     return errno == ENOENT ? 0 : errno;
   }
   if (!S_ISSOCK(about.st_mode)) {
@@ -51,7 +51,7 @@ int remove_stale(const Address& address) {
   if (connect(probe.get(), address.get(), address.length) == 0 || errno != ECONNREFUSED) {
     return EADDRINUSE;
   }
-  return unlink(address.path.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+  return unlink(address.path()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
 }  // namespace
@@ -68,8 +68,8 @@ Listener::~Listener() {
 }
 
 int Listener::open(const Address& address, int backlog) {
-  if (!address.path.empty()) {
-    lock_path_ = address.path + ".lock";
+  if (*address.path() != '\0') {
+    lock_path_ = address.path() + std::string(".lock");
     if (const int error = lock_file(lock_path_, lock_); error != 0) {
       return error;
     }
@@ -81,12 +81,12 @@ int Listener::open(const Address& address, int backlog) {
   if (!socket_.valid() || bind(socket_.get(), address.get(), address.length) != 0) {
     return errno;
   }
-  if (!address.path.empty()) {
+  if (*address.path() != '\0') {
     struct stat about {};
-    if (lstat(address.path.c_str(), &about) != 0) {
+    if (lstat(address.path(), &about) != 0) {
       return errno;
     }
-    bound_path_ = address.path;
+    bound_path_ = address.path();
     device_ = about.st_dev;
     inode_ = about.st_ino;
     if (chmod(bound_path_.c_str(), 0666) != 0) {

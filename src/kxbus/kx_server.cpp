@@ -24,6 +24,8 @@ constexpr int kBacklogUnit = 32;
 constexpr std::size_t kSilentPerUser = 64;
 constexpr std::int64_t kSilentTime = 5000;
 constexpr std::int64_t kDeafTime = 100;
+// One event each: a descriptor that a child still holds, being between fork and exec, stays silent.
+constexpr std::uint32_t kOnce = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
 
 // What an event is about: one of these, or generation and slot of a silent connection.
 constexpr std::uint64_t kListenerTag = ~std::uint64_t{0};
@@ -32,7 +34,7 @@ constexpr std::uint64_t kSignalTag = kListenerTag - 2;
 
 std::int64_t now() {
   timespec time{};
-  clock_gettime(CLOCK_MONOTONIC, &time);
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
   return time.tv_sec * std::int64_t{1000} + time.tv_nsec / 1'000'000;
 }
 
@@ -46,17 +48,17 @@ int kx_server::open(const kxbus::Address& address, int backlog) {
   epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
   wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   spare_.reset(fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
-  if (signals < 0 || !epoll_.valid() || !spare_.valid() || !watch(wake_.get(), kWakeTag) ||
-      !watch(signals, kSignalTag) || !watch(listener_.socket(), kListenerTag)) {
+  if (signals < 0 || !epoll_.valid() || !spare_.valid() || !watch(wake_.get(), kWakeTag, EPOLLIN) ||
+      !watch(signals, kSignalTag, EPOLLIN) || !watch(listener_.socket(), kListenerTag, EPOLLIN)) {
     return errno;
   }
   request_.on_loan = true;
-  return request_.buffer.allocate() ? 0 : ENOMEM;
+  return request_.buffer.allocate_cleared() ? 0 : ENOMEM;
 }
 
-bool kx_server::watch(int descriptor, std::uint64_t tag) {
+bool kx_server::watch(int descriptor, std::uint64_t tag, std::uint32_t events) {
   epoll_event event{};
-  event.events = EPOLLIN | EPOLLRDHUP;
+  event.events = events;
   event.data.u64 = tag;
   return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, descriptor, &event) == 0;
 }
@@ -86,8 +88,10 @@ int kx_server::run() {
         accepting = true;
       } else if (tag == kSignalTag) {
         kxbus::deliver_signals();
+      } else if (tag != kWakeTag && (events[i].events & (EPOLLRDHUP | EPOLLHUP)) != 0) {
+        serve_silent(tag, Caller::perhaps_gone);
       } else if (tag != kWakeTag) {
-        serve_silent(tag);
+        serve_silent(tag, i == 0 ? Caller::present : Caller::perhaps_gone);
       }
     }
     if (accepting && !stopping_) {
@@ -102,16 +106,11 @@ int kx_server::run() {
 }
 
 int kx_server::wait_time() const {
-  if (silent_count_ == 0 && deaf_until_ == 0) {
-    return -1;
-  }
   std::int64_t first = deaf_until_ != 0 ? deaf_until_ : INT64_MAX;
-  for (const Silent& silent : silent_) {
-    if (silent.connection.valid()) {
-      first = std::min(first, silent.until);
-    }
+  if (silent_count_ > 0) {
+    first = std::min(first, next_expiry_);
   }
-  return static_cast<int>(std::max<std::int64_t>(first - now(), 0));
+  return first == INT64_MAX ? -1 : static_cast<int>(std::max<std::int64_t>(first - now(), 0));
 }
 
 void kx_server::accept_one() {
@@ -130,8 +129,8 @@ void kx_server::accept_one() {
   }
   if (!admits(connection.get(), peer)) {
     refuse(std::move(connection), KX_IS_REJECT);
-  } else if (!serve(connection)) {
-    keep(std::move(connection), peer.uid, now() + kSilentTime);
+  } else if (!serve(connection, Caller::perhaps_gone)) {
+    keep(std::move(connection), peer.uid);
   }
 }
 
@@ -174,11 +173,12 @@ bool kx_server::admits(int connection, const kxbus::Peer& peer) {
 }
 
 // Serves the request of a connection and closes it. False when the request is not there yet.
-bool kx_server::serve(Descriptor& connection) {
+bool kx_server::serve(Descriptor& connection, Caller caller) {
   kxbus::Incoming incoming;
   const std::span<char> space = request_.buffer.packet_space();
-  switch (kxbus::receive_packet(connection.get(), space, incoming)) {
+  switch (kxbus::receive_packet(connection.get(), space, kxbus::Wait::no, incoming)) {
     case kxbus::Receipt::nothing_yet:
+    case kxbus::Receipt::interrupted:
       return false;
     case kxbus::Receipt::closed:
       connection.reset();
@@ -193,7 +193,8 @@ bool kx_server::serve(Descriptor& connection) {
   }
   // Nobody waits for the answer any more: then nothing must be done either.
   char byte = 0;
-  if (recv(connection.get(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) == 0) {
+  if (caller == Caller::perhaps_gone &&
+      recv(connection.get(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) == 0) {
     connection.reset();
     return true;
   }
@@ -213,7 +214,7 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
       return;
     }
   } else {
-    request_.buffer.accept_packet(frame.body_length);
+    request_.buffer.accept_request(incoming.received - kxbus::kHeaderSize, frame.body_length);
   }
   int passed = -1;
   if (frame.descriptor_passed) {
@@ -229,11 +230,12 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
   request_.buffer.clear();
 }
 
-void kx_server::keep(Descriptor connection, uid_t uid, std::int64_t until) {
-  const auto same_user = std::count_if(silent_.begin(), silent_.end(), [uid](const Silent& silent) {
+void kx_server::keep(Descriptor connection, uid_t uid) {
+  const auto of_user = [uid](const Silent& silent) {
     return silent.connection.valid() && silent.uid == uid;
-  });
-  if (uid != 0 && same_user >= static_cast<std::ptrdiff_t>(kSilentPerUser)) {
+  };
+  if (uid != 0 && silent_count_ >= kSilentPerUser &&
+      std::count_if(silent_.begin(), silent_.end(), of_user) >= std::ptrdiff_t{kSilentPerUser}) {
     give_way(&uid);
   } else if (silent_count_ == silent_.size()) {
     give_way(nullptr);
@@ -242,30 +244,35 @@ void kx_server::keep(Descriptor connection, uid_t uid, std::int64_t until) {
                                  [](const Silent& silent) { return !silent.connection.valid(); });
   const auto index = static_cast<std::uint64_t>(slot - silent_.begin());
   const std::uint64_t tag = std::uint64_t{++slot->generation} << 32 | index;
-  if (!watch(connection.get(), tag)) {
+  if (!watch(connection.get(), tag, kOnce)) {
     refuse(std::move(connection), KX_IS_BUSY);
     return;
   }
   slot->connection = std::move(connection);
   slot->uid = uid;
-  slot->until = until;
+  slot->until = now() + kSilentTime;
+  next_expiry_ = std::min(next_expiry_, slot->until);
   ++silent_count_;
 }
 
 Descriptor kx_server::take(Silent& silent) {
-  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, silent.connection.get(), nullptr);
   --silent_count_;
   return std::move(silent.connection);
 }
 
-void kx_server::serve_silent(std::uint64_t tag) {
+void kx_server::serve_silent(std::uint64_t tag, Caller caller) {
   Silent& silent = silent_[tag & 0xFFFFFFFF];
   if (!silent.connection.valid() || silent.generation != tag >> 32) {
     return;  // it was given up while this event waited
   }
   Descriptor connection = take(silent);
-  if (!serve(connection)) {
-    keep(std::move(connection), silent.uid, silent.until);
+  if (serve(connection, caller)) {
+    return;
+  }
+  epoll_event event{.events = kOnce, .data = {.u64 = tag}};
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, connection.get(), &event) == 0) {
+    silent.connection = std::move(connection);
+    ++silent_count_;
   }
 }
 
@@ -279,7 +286,7 @@ void kx_server::give_way(const uid_t* uid) {
     }
   }
   Descriptor connection = take(*longest);
-  if (!serve(connection)) {
+  if (!serve(connection, Caller::perhaps_gone)) {
     refuse(std::move(connection), KX_IS_BUSY);
   }
 }
@@ -287,12 +294,18 @@ void kx_server::give_way(const uid_t* uid) {
 void kx_server::expire() {
   const std::int64_t time = now();
   if (deaf_until_ != 0 && time >= deaf_until_) {
-    deaf_until_ = watch(listener_.socket(), kListenerTag) ? 0 : time + kDeafTime;
+    deaf_until_ = watch(listener_.socket(), kListenerTag, EPOLLIN) ? 0 : time + kDeafTime;
   }
+  if (silent_count_ == 0 || time < next_expiry_) {
+    return;
+  }
+  next_expiry_ = INT64_MAX;
   for (Silent& silent : silent_) {
-    if (silent.connection.valid() && silent.until <= time && !stopping_) {
+    if (silent.connection.valid() && silent.until > time) {
+      next_expiry_ = std::min(next_expiry_, silent.until);
+    } else if (silent.connection.valid() && !stopping_) {
       Descriptor connection = take(silent);
-      if (!serve(connection)) {
+      if (!serve(connection, Caller::perhaps_gone)) {
         refuse(std::move(connection), KX_IS_BUSY);
       }
     }

@@ -45,16 +45,19 @@ struct kx_server {
     std::int64_t until = 0;  // milliseconds, monotonic
   };
 
-  bool watch(int descriptor, std::uint64_t tag);
+  // Whether the caller may have hung up while its request waited here.
+  enum class Caller { present, perhaps_gone };
+
+  bool watch(int descriptor, std::uint64_t tag, std::uint32_t events);
   int wait_time() const;
-  void serve_silent(std::uint64_t tag);
+  void serve_silent(std::uint64_t tag, Caller caller);
   void accept_one();
   void accept_with_spare();
   bool admits(int connection, const kxbus::Peer& peer);
-  bool serve(kxbus::Descriptor& connection);
+  bool serve(kxbus::Descriptor& connection, Caller caller);
   void dispatch(kxbus::Descriptor connection, kxbus::Incoming& incoming,
                 const kxbus::RequestFrame& frame);
-  void keep(kxbus::Descriptor connection, uid_t uid, std::int64_t until);
+  void keep(kxbus::Descriptor connection, uid_t uid);
   kxbus::Descriptor take(Silent& silent);
   void give_way(const uid_t* uid);
   void expire();
@@ -73,6 +76,7 @@ struct kx_server {
   std::int64_t deaf_until_ = 0;  // the listener is not watched before; 0 when it is
   std::array<Silent, 256> silent_;
   std::size_t silent_count_ = 0;
+  std::int64_t next_expiry_ = INT64_MAX;  // no slot expires earlier
   kxbus::LogBudget log_budget_;
   kx_io request_;
 };

@@ -15,7 +15,7 @@ ReceivedPacket Incoming::packet(std::span<const char> space) const {
   return {{header, in_header}, space.first(received - in_header), sent, descriptor_count};
 }
 
-Receipt receive_packet(int socket, std::span<char> space, Incoming& ret_incoming) {
+Receipt receive_packet(int socket, std::span<char> space, Wait wait, Incoming& ret_incoming) {
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 2)];
   iovec parts[] = {{ret_incoming.header, kHeaderSize}, {space.data(), space.size()}};
   msghdr message{};
@@ -23,12 +23,12 @@ Receipt receive_packet(int socket, std::span<char> space, Incoming& ret_incoming
   message.msg_iovlen = 2;
   message.msg_control = control;
   message.msg_controllen = sizeof control;
-  ssize_t sent = -1;
-  do {
-    sent = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC | MSG_TRUNC);
-  } while (sent < 0 && errno == EINTR);
+  const int flags = MSG_CMSG_CLOEXEC | MSG_TRUNC | (wait == Wait::no ? MSG_DONTWAIT : 0);
+  const ssize_t sent = recvmsg(socket, &message, flags);
   if (sent <= 0) {
-    return sent < 0 && errno == EAGAIN ? Receipt::nothing_yet : Receipt::closed;
+    return sent < 0 && errno == EAGAIN  ? Receipt::nothing_yet
+           : sent < 0 && errno == EINTR ? Receipt::interrupted
+                                        : Receipt::closed;
   }
   ret_incoming.sent = static_cast<std::size_t>(sent);
   ret_incoming.received = std::min(ret_incoming.sent, kHeaderSize + space.size());
@@ -58,9 +58,12 @@ int send_packet(int socket, const HeaderBytes& header, std::span<const char> bod
   iovec parts[] = {{const_cast<std::uint8_t*>(header), kHeaderSize},
                    {const_cast<char*>(body.data()), body.size()},
                    {const_cast<char*>(method.data()), method.size()}};
+  if (body.empty()) {
+    parts[1] = parts[2];
+  }
   msghdr message{};
   message.msg_iov = parts;
-  message.msg_iovlen = method.empty() ? 2 : 3;
+  message.msg_iovlen = std::size_t{1} + (body.empty() ? 0 : 1) + (method.empty() ? 0 : 1);
   if (!descriptors.empty()) {
     memset(control, 0, sizeof control);
     message.msg_control = control;

@@ -1,7 +1,7 @@
 // Packets with descriptors over a SEQPACKET socket, and the two ways a server answers.
 //
 // Every received descriptor is close-on-exec and owned; what does not fit is closed by the kernel.
-// SIGPIPE is never raised. Nothing here waits.
+// SIGPIPE is never raised. Nothing here waits, but for a reply.
 #pragma once
 
 #include <cstdint>
@@ -29,10 +29,11 @@ struct Incoming {
   }
 };
 
-enum class Receipt { packet, nothing_yet, closed };
+enum class Receipt { packet, nothing_yet, interrupted, closed };
+enum class Wait { no, as_long_as_the_socket_says };
 
 // Receives one packet, its payload into `space`.
-Receipt receive_packet(int socket, std::span<char> space, Incoming& ret_incoming);
+Receipt receive_packet(int socket, std::span<char> space, Wait wait, Incoming& ret_incoming);
 
 // Sends header, body and method as one packet; 0 or the error number.
 int send_packet(int socket, const HeaderBytes& header, std::span<const char> body,
