@@ -37,6 +37,7 @@ const char* level_name(LogLevel level) {
 // heap.
 class Line {
  public:
+  __attribute__((format(printf, 4, 0)))
   Line(const LogSite& site, LogLevel level, const char* format, va_list arguments) {
     const time_t now = time(nullptr);
     tm local{};
@@ -66,7 +67,8 @@ class Line {
 
  private:
   // Without memory the line stays cut where the buffer ends.
-  void spill(size_t text, const char* format, va_list arguments) {
+  __attribute__((format(printf, 3, 0))) void spill(size_t text, const char* format,
+                                                   va_list arguments) {
     try {
       spilled_.reserve(length_ + text + 1);
       spilled_.assign(buffer_, length_);

@@ -82,7 +82,7 @@ void set_member(void* record, const Value& value) {
     const auto text = std::get<std::string_view>(value);
     const size_t length = text.size() < sizeof member ? text.size() : sizeof member - 1;
     std::memset(member, 0, sizeof member);
-    std::memcpy(member, text.data(), length);
+    text.copy(member, length);
   } else if constexpr (std::is_signed_v<Type>) {
     member = static_cast<Type>(std::get<long long>(value));
   } else {

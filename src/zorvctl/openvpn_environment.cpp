@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <limits>
 #include <string_view>
 
@@ -85,8 +84,7 @@ std::string_view cut_to(std::string_view text, size_t size) {
 
 void put_text(char (&field)[kTextSize], std::string_view text) {
   const std::string_view cut = cut_to(text, sizeof field - 1);
-  std::memcpy(field, cut.data(), cut.size());
-  field[cut.size()] = '\0';
+  field[cut.copy(field, cut.size())] = '\0';
 }
 
 std::string device_info(const Environment& environment) {
