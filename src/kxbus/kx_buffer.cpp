@@ -300,7 +300,7 @@ void Buffer::accept_reply(std::size_t body_length) {
   held_ = body_length;
 }
 
-int Buffer::accept_memfd(Descriptor memfd, std::size_t length) {
+int Buffer::accept_memfd(Descriptor& memfd, std::size_t length) {
   if (const int status = check_memfd(memfd.get(), length); status != KX_SUCCESS) {
     return status;
   }

@@ -72,10 +72,10 @@ class Buffer {
   std::span<char> packet_space() { return {block_.get(), kLargestPayload}; }
   void accept_request(std::size_t payload_length, std::size_t body_length);
   void accept_reply(std::size_t body_length);
-  int accept_memfd(Descriptor memfd, std::size_t length);
+  int accept_memfd(Descriptor& memfd, std::size_t length);  // takes it on success
 
   // Sending: either the bytes in the block or, once sealed, the memfd.
-  bool in_packet() const { return !memfd_.valid(); }
+  bool in_packet() const { return !memfd_.valid() || size() == 0; }
   const char* block() const { return block_.get(); }
   int move_to_memfd();
   int seal();

@@ -170,13 +170,13 @@ int receive_reply(int socket, Buffer& body, const Deadline& deadline) {
   ReplyFrame frame;
   if (decode_reply(incoming.packet(body.packet_space()), frame) != KX_SUCCESS) {
     body.clear();
-    return incoming.out_of_descriptors() ? KX_IS_BUSY : KX_IO_FAILURE;
+    return incoming.out_of_descriptors ? KX_IS_BUSY : KX_IO_FAILURE;
   }
   if (frame.status != KX_SUCCESS) {
     return frame.status;
   }
   if (frame.body_in_memfd) {
-    const int status = body.accept_memfd(std::move(incoming.descriptors[0]), frame.body_length);
+    const int status = body.accept_memfd(incoming.descriptors[0], frame.body_length);
     if (status != KX_SUCCESS) {
       body.clear();
       return KX_IO_FAILURE;

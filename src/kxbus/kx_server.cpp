@@ -38,6 +38,14 @@ std::int64_t now() {
   return time.tv_sec * std::int64_t{1000} + time.tv_nsec / 1'000'000;
 }
 
+// A caller that has gone needs nothing done any more; one that sends a second packet breaks the
+// protocol, and would lose the answer to the first.
+int fault_behind_request(int connection) {
+  char byte = 0;
+  const ssize_t more = recv(connection, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
+  return more < 0 && errno == EAGAIN ? KX_SUCCESS : KX_IS_INVALID;
+}
+
 }  // namespace
 
 int kx_server::open(const kxbus::Address& address, int backlog) {
@@ -181,24 +189,21 @@ bool kx_server::serve(Descriptor& connection, Caller caller) {
     case kxbus::Receipt::interrupted:
       return false;
     case kxbus::Receipt::closed:
-      connection.reset();
+      refuse(std::move(connection), KX_IS_INVALID);
       return true;
     case kxbus::Receipt::packet:
       break;
   }
   kxbus::RequestFrame frame;
-  if (kxbus::decode_request(incoming.packet(space), frame) != KX_SUCCESS) {
-    refuse(std::move(connection), incoming.out_of_descriptors() ? KX_IS_BUSY : KX_IS_INVALID);
+  int fault = kxbus::decode_request(incoming.packet(space), frame);
+  if (fault == KX_SUCCESS && caller == Caller::perhaps_gone) {
+    fault = fault_behind_request(connection.get());
+  }
+  if (fault == KX_SUCCESS) {
+    dispatch(std::move(connection), incoming, frame);
     return true;
   }
-  // Nobody waits for the answer any more: then nothing must be done either.
-  char byte = 0;
-  if (caller == Caller::perhaps_gone &&
-      recv(connection.get(), &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT) == 0) {
-    connection.reset();
-    return true;
-  }
-  dispatch(std::move(connection), incoming, frame);
+  refuse(std::move(connection), incoming.out_of_descriptors ? KX_IS_BUSY : fault);
   return true;
 }
 
@@ -207,8 +212,7 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
   char method[kxbus::kLargestMethod + 1];
   method[frame.method.copy(method, kxbus::kLargestMethod)] = '\0';
   if (frame.body_in_memfd) {
-    const int status =
-        request_.buffer.accept_memfd(std::move(incoming.descriptors[0]), frame.body_length);
+    const int status = request_.buffer.accept_memfd(incoming.descriptors[0], frame.body_length);
     if (status != KX_SUCCESS) {
       refuse(std::move(connection), status);
       return;
@@ -219,6 +223,7 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
   int passed = -1;
   if (frame.descriptor_passed) {
     passed = incoming.descriptors[incoming.descriptor_count - 1].release();
+    kxbus::stop_lingering(passed);
   }
   request_.caller = std::move(connection);
   try {

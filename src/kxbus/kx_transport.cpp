@@ -9,6 +9,32 @@
 #include "kxbus.h"
 
 namespace kxbus {
+namespace {
+
+constexpr std::size_t kMostDescriptors = 253;  // SCM_MAX_FD
+
+// A connection that is aborted has nothing to linger for, whatever its sender does meanwhile.
+void discard(Descriptor descriptor) {
+  sockaddr nobody{};
+  nobody.sa_family = AF_UNSPEC;
+  connect(descriptor.get(), &nobody, sizeof nobody);
+  stop_lingering(descriptor.get());
+}
+
+}  // namespace
+
+void stop_lingering(int descriptor) {
+  const linger not_at_all{};
+  setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &not_at_all, sizeof not_at_all);
+}
+
+Incoming::~Incoming() {
+  for (Descriptor& descriptor : descriptors) {
+    if (descriptor.valid()) {
+      discard(std::move(descriptor));
+    }
+  }
+}
 
 ReceivedPacket Incoming::packet(std::span<const char> space) const {
   const std::size_t in_header = std::min(received, kHeaderSize);
@@ -16,7 +42,8 @@ ReceivedPacket Incoming::packet(std::span<const char> space) const {
 }
 
 Receipt receive_packet(int socket, std::span<char> space, Wait wait, Incoming& ret_incoming) {
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 2)];
+  alignas(
+      cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMostDescriptors) + CMSG_SPACE(sizeof(ucred))];
   iovec parts[] = {{ret_incoming.header, kHeaderSize}, {space.data(), space.size()}};
   msghdr message{};
   message.msg_iov = parts;
@@ -25,14 +52,17 @@ Receipt receive_packet(int socket, std::span<char> space, Wait wait, Incoming& r
   message.msg_controllen = sizeof control;
   const int flags = MSG_CMSG_CLOEXEC | MSG_TRUNC | (wait == Wait::no ? MSG_DONTWAIT : 0);
   const ssize_t sent = recvmsg(socket, &message, flags);
-  if (sent <= 0) {
-    return sent < 0 && errno == EAGAIN  ? Receipt::nothing_yet
-           : sent < 0 && errno == EINTR ? Receipt::interrupted
-                                        : Receipt::closed;
+  if (sent < 0) {
+    return errno == EAGAIN  ? Receipt::nothing_yet
+           : errno == EINTR ? Receipt::interrupted
+                            : Receipt::closed;
+  }
+  if (sent == 0 && message.msg_controllen == 0) {
+    return Receipt::closed;
   }
   ret_incoming.sent = static_cast<std::size_t>(sent);
   ret_incoming.received = std::min(ret_incoming.sent, kHeaderSize + space.size());
-  ret_incoming.descriptors_lost = (message.msg_flags & MSG_CTRUNC) != 0;
+  ret_incoming.out_of_descriptors = (message.msg_flags & MSG_CTRUNC) != 0;
   ret_incoming.descriptor_count = 0;
   for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
        part = CMSG_NXTHDR(&message, part)) {
@@ -45,8 +75,11 @@ Receipt receive_packet(int socket, std::span<char> space, Wait wait, Incoming& r
       memcpy(&descriptor, CMSG_DATA(part) + i * sizeof(int), sizeof(int));
       Descriptor owned(descriptor);
       if (ret_incoming.descriptor_count < std::size(ret_incoming.descriptors)) {
-        ret_incoming.descriptors[ret_incoming.descriptor_count++] = std::move(owned);
+        ret_incoming.descriptors[ret_incoming.descriptor_count] = std::move(owned);
+      } else {
+        discard(std::move(owned));
       }
+      ++ret_incoming.descriptor_count;
     }
   }
   return Receipt::packet;
@@ -114,12 +147,15 @@ int send_reply(int socket, Buffer& body) {
 }
 
 void refuse(Descriptor connection, int status) {
+  const int yes = 1;
   shutdown(connection.get(), SHUT_RD);
-  char discarded = 0;
-  ssize_t received = 0;
-  do {
-    received = recv(connection.get(), &discarded, sizeof discarded, MSG_DONTWAIT);
-  } while (received > 0 || (received < 0 && errno == EINTR));
+  setsockopt(connection.get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);  // tells an empty packet
+  Receipt receipt = Receipt::packet;
+  while (receipt == Receipt::packet || receipt == Receipt::interrupted) {
+    char payload[1];
+    Incoming unread;
+    receipt = receive_packet(connection.get(), payload, Wait::no, unread);
+  }
   send_status(connection.get(), status);
 }
 

@@ -1,7 +1,8 @@
 // Packets with descriptors over a SEQPACKET socket, and the two ways a server answers.
 //
-// Every received descriptor is close-on-exec and owned; what does not fit is closed by the kernel.
-// SIGPIPE is never raised. Nothing here waits, but for a reply.
+// Every descriptor that a peer attaches, up to the 253 that the kernel takes, is received
+// close-on-exec and owned; those beyond the two that a frame can announce are discarded. SIGPIPE is
+// never raised. Nothing here waits, but for a reply.
 #pragma once
 
 #include <cstdint>
@@ -14,21 +15,27 @@
 
 namespace kxbus {
 
+// Closing the last descriptor of a socket can wait for as long as its sender has told it to linger,
+// so a received one is made not to.
+void stop_lingering(int descriptor);
+
 struct Incoming {
+  Incoming() = default;
+  Incoming(const Incoming&) = delete;
+  Incoming& operator=(const Incoming&) = delete;
+  ~Incoming();  // cuts off and closes what nobody took
+
   HeaderBytes header;
   Descriptor descriptors[2];
-  std::size_t descriptor_count = 0;
-  bool descriptors_lost = false;  // more were sent than could be received
+  std::size_t descriptor_count = 0;  // of all that came, discarded ones included
+  bool out_of_descriptors = false;   // this process could not hold all that were sent
   std::size_t sent = 0;
   std::size_t received = 0;
 
   ReceivedPacket packet(std::span<const char> space) const;
-  // Fewer descriptors arrived than there was room for: this process has no more.
-  bool out_of_descriptors() const {
-    return descriptors_lost && descriptor_count < std::size(descriptors);
-  }
 };
 
+// A packet without any byte counts as a hang-up where nothing is attached to it.
 enum class Receipt { packet, nothing_yet, interrupted, closed };
 enum class Wait { no, as_long_as_the_socket_says };
 
