@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "display_text.h"
+#include "duration.h"
 #include "record_kind.h"
 #include "time_argument.h"
 #include "value_text.h"

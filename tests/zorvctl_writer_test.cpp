@@ -208,7 +208,7 @@ TEST(Table, ShowsColumnsThatAreWorkedOut) {
   std::string out;
   const auto table = make_table_writer(
       kBlock.columns,
-      {{"STATE",
+      {{"STATE", false,
         [](const void* record) {
           return static_cast<const db_privilege_user_block_data*>(record)->limit > 2 ? "blocked"
                                                                                      : "counting";

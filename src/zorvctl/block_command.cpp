@@ -6,6 +6,7 @@
 #include "commands.h"
 #include "daemon_answer.h"
 #include "display_text.h"
+#include "duration.h"
 #include "exit_status.h"
 #include "login_guard.h"
 #include "zorv_api_db.h"
@@ -28,15 +29,15 @@ std::vector<ComputedColumn> block_columns() {
   const auto verdict = [policy, now](const void* record) {
     return block_verdict(*static_cast<const db_privilege_user_block_data*>(record), policy, now);
   };
-  return {{"LIMIT",
+  return {{"LIMIT", true,
            [policy](const void*) -> std::string {
              return policy ? fmt::to_string(policy->limit) : "-";
            }},
-          {"STATE",
+          {"STATE", false,
            [verdict](const void* record) -> std::string {
              return block_state_text(verdict(record).state);
            }},
-          {"LEFT", [verdict](const void* record) -> std::string {
+          {"LEFT", true, [verdict](const void* record) -> std::string {
              const BlockVerdict found = verdict(record);
              return found.state == BlockState::blocked ? duration_text(found.seconds_left) : "-";
            }}};

@@ -103,6 +103,25 @@ int delete_records(const RecordKind& kind, const std::vector<long long>& ids) {
   return kDone;
 }
 
+// All of them, before the first is deleted.
+int read_ids(const RecordKind& kind, const std::vector<std::string>& words,
+             std::vector<long long>* ret_ids) {
+  for (const std::string& word : words) {
+    Value id;
+    std::string error;
+    if (read_value(kind.columns[0], word, 0, Zone::utc, &id, &error) != 0) {
+      complain("{}", error);
+      return kUsage;
+    }
+    ret_ids->push_back(std::get<long long>(id));
+  }
+  return kDone;
+}
+
+std::string caution(const RecordKind& kind) {
+  return kind.delete_caution != nullptr ? kind.delete_caution : "";
+}
+
 int clean_records(const RecordKind& kind) {
   const std::string what = fmt::format("clean {}", kind.noun);
   std::optional<long long> newest;
@@ -147,15 +166,23 @@ void add_add_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
 
 void add_delete_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
   CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", kind.plural));
-  auto ids = std::make_shared<std::vector<long long>>();
-  verb->add_option("ids", *ids, "Ids, as \"list\" shows them")->required()->type_name("ID");
-  verb->callback([&kind, ids, run] { *run = [&kind, ids] { return delete_records(kind, *ids); }; });
+  auto words = std::make_shared<std::vector<std::string>>();
+  verb->add_option("ids", *words, "Ids, as \"list\" shows them")->required()->type_name("ID");
+  verb->footer(caution(kind));
+  verb->callback([&kind, words, run] {
+    *run = [&kind, words] {
+      std::vector<long long> ids;
+      const int status = read_ids(kind, *words, &ids);
+      return status == kDone ? delete_records(kind, ids) : status;
+    };
+  });
 }
 
 void add_clean_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
   CLI::App* verb = noun.add_subcommand("clean", fmt::format("Delete all {}", kind.plural));
   auto all = std::make_shared<bool>(false);
   verb->add_flag("--all", *all, "Say that all are meant: without it nothing is deleted");
+  verb->footer(caution(kind));
   verb->callback([&kind, all, run] {
     *run = [&kind, all] {
       if (!*all) {

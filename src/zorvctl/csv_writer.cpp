@@ -1,5 +1,6 @@
 #include "display_text.h"
 #include "record_writer.h"
+#include "value_text.h"
 
 namespace zorvctl {
 namespace {

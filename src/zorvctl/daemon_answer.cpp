@@ -18,7 +18,7 @@ constexpr Answer kAnswers[] = {
     {true, "the daemon did not answer in time"},
     {true, "the daemon is not running"},
     {true, "the daemon is stopping"},
-    {false, "the daemon refused"},
+    {false, "the daemon refused: it failed, as its log says, or serves other users"},
     {true, "the connection to the daemon broke"},
     {true, "the daemon is too busy"},
     {false, "the daemon does not know this request"},

@@ -10,6 +10,7 @@
 #include "exit_status.h"
 #include "global_options.h"
 #include "json_ref.h"
+#include "whole_number.h"
 
 namespace zorvctl {
 namespace {
@@ -112,13 +113,18 @@ int show_gateway(bool json) {
   return current.known ? kDone : kFailed;
 }
 
-int disable_gateway(const std::string& type_text, int index) {
+int disable_gateway(const std::string& type_text, const std::string& index_text) {
   const auto type = type_of(type_text);
   if (!type) {
     complain(
         "'{}' is not a VPN client's type: pptp, l2tp, openvpn, fenlo, wireguard, none, or "
         "its number",
         display_text(type_text));
+    return kUsage;
+  }
+  int index = 0;
+  if (!whole_number(index_text, &index)) {
+    complain("'{}' is not a client's number", display_text(index_text));
     return kUsage;
   }
   const zorv::GlobalConfig options;
@@ -145,7 +151,7 @@ void add_gateway_noun(CLI::App& program, Run* run) {
   show->callback([=] { *run = [=] { return show_gateway(*json); }; });
 
   auto type = std::make_shared<std::string>();
-  auto index = std::make_shared<int>(0);
+  auto index = std::make_shared<std::string>();
   CLI::App* disable = noun->add_subcommand(
       "disable", "Take a VPN client that is disabled or removed out of the gateway settings");
   disable->add_option("type", *type, "pptp, l2tp, openvpn, fenlo, wireguard, none, or the number")

@@ -37,6 +37,7 @@ constexpr const char* kHookHelp =
     "the\n"
     "client's certificate has to prove who it is, and failures are not seen, since OpenVPN does\n"
     "not tell scripts what a plugin found.\n\n"
+    "The scripts run as the server's user: zorvd answers root and its own user, and no other.\n"
     "A daemon that does not answer never makes OpenVPN refuse a client: it is said on standard\n"
     "error, which OpenVPN writes to its log.";
 

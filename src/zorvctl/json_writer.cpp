@@ -2,6 +2,7 @@
 
 #include "display_text.h"
 #include "record_writer.h"
+#include "value_text.h"
 
 namespace zorvctl {
 namespace {
@@ -33,13 +34,6 @@ class JsonWriter : public RecordWriter {
 };
 
 }  // namespace
-
-std::string number_digits(const Value& value) {
-  if (const auto* number = std::get_if<long long>(&value)) {
-    return fmt::to_string(*number);
-  }
-  return fmt::to_string(std::get<unsigned long long>(value));
-}
 
 std::string json_string(std::string_view text) {
   std::string result = "\"";

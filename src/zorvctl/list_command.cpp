@@ -3,44 +3,18 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
 #include "commands.h"
 #include "daemon_answer.h"
-#include "display_text.h"
 #include "exit_status.h"
+#include "list_options.h"
 #include "record_query.h"
-#include "value_text.h"
 
 namespace zorvctl {
 namespace {
-
-constexpr unsigned long long kDefaultLimit = 50;
-
-struct ListOptions {
-  std::string output = "table";
-  bool json = false;
-  unsigned long long limit = kDefaultLimit;
-  unsigned long long offset = 0;
-  bool reverse = false;
-  std::string sort;
-  std::vector<std::string> filters;
-  std::string since;
-  std::string until;
-  bool utc = false;
-  bool quiet = false;
-
-  Zone zone() const { return utc ? Zone::utc : Zone::local; }
-};
-
-std::string field_names(const RecordKind& kind) {
-  std::string names;
-  for (const Column& column : kind.columns) {
-    names += (names.empty() ? "" : ", ") + std::string(column.name);
-  }
-  return names;
-}
 
 // Broken between words, for a screen of 80 columns.
 std::string wrapped(const std::string& text) {
@@ -63,88 +37,19 @@ CLI::Validator output_format() {
           ""};
 }
 
-// A number of rows; what is no such number is named in the error.
+// A number of rows, in decimal whatever zeros it begins with; what is none is named in the error.
 CLI::Validator row_count() {
   return {[](std::string& text) -> std::string {
+            constexpr size_t kMostDigits = 18;
             const bool digits =
                 !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-            constexpr size_t kMostDigits = 18;
-            return digits && text.size() <= kMostDigits
-                       ? std::string()
-                       : fmt::format("'{}' is not a number of rows", text);
+            if (!digits || text.size() > kMostDigits) {
+              return fmt::format("'{}' is not a number of rows", text);
+            }
+            text.erase(0, std::min(text.find_first_not_of('0'), text.size() - 1));
+            return "";
           },
           ""};
-}
-
-const Column* field_or_complain(const RecordKind& kind, std::string_view name) {
-  const Column* column = find_column(kind.columns, name);
-  if (column == nullptr) {
-    complain("'{}' is not a field of {}; it has: {}", display_text(name), kind.noun,
-             field_names(kind));
-  }
-  return column;
-}
-
-int read_filter(const RecordKind& kind, const std::string& word, Zone zone, RecordQuery* query) {
-  const size_t equals = word.find('=');
-  if (equals == std::string::npos) {
-    complain("'{}' is not FIELD=VALUE", display_text(word));
-    return kUsage;
-  }
-  const Column* column = field_or_complain(kind, std::string_view(word).substr(0, equals));
-  if (column == nullptr) {
-    return kUsage;
-  }
-  Filter filter{column, word.substr(equals + 1), {}};
-  Value value;
-  std::string error;
-  if (read_value(*column, filter.text, std::time(nullptr), zone, &value, &error) != 0) {
-    complain("{}", error);
-    return kUsage;
-  }
-  if (column->kind != Kind::text) {
-    filter.number = value;
-  }
-  query->filters.push_back(std::move(filter));
-  return kDone;
-}
-
-int read_window_end(const char* option, const std::string& text, Zone zone,
-                    std::optional<unsigned long long>* ret) {
-  unsigned long long seconds = 0;
-  if (text.empty()) {
-    return kDone;
-  }
-  if (parse_time(text, std::time(nullptr), zone, &seconds) != 0) {
-    complain(
-        "{}: '{}' is not a time such as 2026-11-21, \"2026-11-21 04:10\", yesterday, 2h or "
-        "@1795234206",
-        option, display_text(text));
-    return kUsage;
-  }
-  *ret = seconds;
-  return kDone;
-}
-
-int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* query) {
-  query->limit = options.limit;
-  query->offset = options.offset;
-  query->descending = !options.reverse;
-  if (!options.sort.empty()) {
-    query->order_by = field_or_complain(kind, options.sort);
-    query->descending = options.reverse;
-    if (query->order_by == nullptr) {
-      return kUsage;
-    }
-  }
-  for (const std::string& word : options.filters) {
-    if (const int status = read_filter(kind, word, options.zone(), query); status != kDone) {
-      return status;
-    }
-  }
-  const int status = read_window_end("--since", options.since, options.zone(), &query->since);
-  return status != kDone ? status
-                         : read_window_end("--until", options.until, options.zone(), &query->until);
 }
 
 Style output_style(const ListOptions& options) {
@@ -259,10 +164,10 @@ void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_com
   verb->add_option(
           "-n,--limit", options->limit,
           fmt::format("At most N {} ({} if not given, 0 for all)", kind.plural, kDefaultLimit))
-      ->check(row_count())
+      ->transform(row_count())
       ->type_name("N");
   verb->add_option("--offset", options->offset, "Leave out the first N")
-      ->check(row_count())
+      ->transform(row_count())
       ->type_name("N");
   verb->add_flag("-r,--reverse", options->reverse, "The other way round");
   if (!kind.columns.empty()) {

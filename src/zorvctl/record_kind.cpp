@@ -7,6 +7,14 @@
 namespace zorvctl {
 namespace {
 
+// The daemon adds to the statements of these tables and never takes back what it added.
+constexpr const char* kLogCaution =
+    "Until zorvd is restarted, a delete after a clean deletes EVERY record, and a clean after a\n"
+    "delete deletes none.";
+constexpr const char* kSessionCaution =
+    "Until zorvd is restarted, one delete works: the next delete or clean after it, or a delete\n"
+    "after a clean, fails and may lose the whole list.";
+
 using Server = db_conn_server_log;
 constexpr Column kServerLogColumns[] = {
     column<&Server::id>("id", "ID", Kind::integer, Filled::by_daemon),
@@ -125,6 +133,7 @@ const RecordKind kServerLog = {
     .time_column = "time",
     .always_empty = false,
     .record_size = sizeof(Server),
+    .delete_caution = kLogCaution,
     .list = list_page_of<list_conn_server_log, db_conn_server_log_query>,
     .add = add_of<add_conn_server_log, Server>,
     .remove = remove_of<delete_conn_server_log>,
@@ -139,6 +148,7 @@ const RecordKind kClientLog = {
     .time_column = "time",
     .always_empty = false,
     .record_size = sizeof(Client),
+    .delete_caution = kLogCaution,
     .list = list_page_of<list_conn_client_log, db_conn_client_log_query>,
     .add = add_of<add_conn_client_log, Client>,
     .remove = remove_of<delete_conn_client_log>,
@@ -154,6 +164,7 @@ const RecordKind kEvent = {
     .time_column = nullptr,
     .always_empty = true,
     .record_size = sizeof(db_event_data),
+    .delete_caution = nullptr,
     .list = list_page_of<list_event_data, db_event_query>,
     .add = add_of<add_event_data, db_event_data>,
     .remove = nullptr,
@@ -168,6 +179,7 @@ const RecordKind kSession = {
     .time_column = "time",
     .always_empty = false,
     .record_size = sizeof(Session),
+    .delete_caution = kSessionCaution,
     .list = list_page_of<list_server_list, db_server_list_query>,
     .add = add_of<add_server_list, Session>,
     .remove = remove_of<delete_server_list>,
@@ -182,6 +194,7 @@ const RecordKind kDevice = {
     .time_column = "time",
     .always_empty = false,
     .record_size = sizeof(Device),
+    .delete_caution = nullptr,
     .list = list_page_of<list_device_info, db_device_info_query>,
     .add = add_device,
     .remove = remove_of<delete_device_info>,
@@ -196,6 +209,7 @@ const RecordKind kBlock = {
     .time_column = "timestamp",
     .always_empty = false,
     .record_size = sizeof(Block),
+    .delete_caution = nullptr,
     .list = list_page_of<list_privilege_user_block, db_privilege_user_block_query>,
     .add = nullptr,
     .remove = nullptr,

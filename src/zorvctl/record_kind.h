@@ -39,6 +39,7 @@ struct RecordKind {
   const char* time_column;  // which --since and --until look at; null: none
   bool always_empty;        // the daemon keeps no rows of this record
   size_t record_size;
+  const char* delete_caution;  // of "delete" and "clean", for --help; null: none
 
   Page (*list)(db_query_cond& cond);
   // Each returns the status of the bus. A null pointer: the daemon has no such method.

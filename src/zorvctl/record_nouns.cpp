@@ -12,7 +12,7 @@ constexpr const RecordKind* kNouns[] = {&kServerLog, &kClientLog, &kEvent, &kSes
 
 std::vector<ComputedColumn> session_columns() {
   const auto now = static_cast<unsigned long long>(std::time(nullptr));
-  return {{"STATE", [now](const void* record) -> std::string {
+  return {{"STATE", false, [now](const void* record) -> std::string {
              const auto expires = static_cast<const db_server_list_data*>(record)->expire_time;
              if (expires == 0) {
                return "-";

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "record_writer.h"
+#include "value_text.h"
 
 namespace zorvctl {
 namespace {

@@ -18,6 +18,7 @@ enum class Format { table, json, csv };
 // A column that only tables have, worked out from the record: JSON and CSV show what is stored.
 struct ComputedColumn {
   std::string heading;
+  bool is_amount;  // aligned to the right
   std::function<std::string(const void* record)> text;
 };
 
@@ -53,8 +54,5 @@ std::unique_ptr<RecordWriter> make_csv_writer(Columns columns, const Style& styl
 
 // `text` as a JSON string, quotes included.
 std::string json_string(std::string_view text);
-
-// The digits of a number.
-std::string number_digits(const Value& value);
 
 }  // namespace zorvctl

@@ -29,7 +29,7 @@ class TableWriter : public RecordWriter {
       }
     }
     for (const ComputedColumn& column : computed_) {
-      add_heading(column.heading, false, false);
+      add_heading(column.heading, column.is_amount, false);
     }
   }
 

@@ -1,13 +1,10 @@
-// Times and durations as an administrator types them, and as tables show them.
-//
-// A time is one of
+// Times as an administrator types them, and as tables show them. A time is one of
 //   2026-11-21, 2026-11-21 04:10, 2026-11-21T04:10:06   in the zone asked for, a date alone at
 //   00:00 the same with Z, +02:00 or -0530 behind it           in that zone 04:10, 04:10:06 today
 //   now, today, yesterday, tomorrow                      the last three at 00:00
 //   2h, 7d, 1h30m, "2h ago"                              that long before now
 //   +2h                                                  that long after now
 //   @1795234206                                          seconds since the epoch
-// A duration is a number of seconds, or numbers with the units s, m (or min), h, d, w.
 #pragma once
 
 #include <ctime>
@@ -18,15 +15,11 @@ namespace zorvctl {
 
 enum class Zone { local, utc };
 
-// Each returns 0, or -1 for a text it does not understand or a moment out of range, *ret untouched.
+// Returns 0, or -1 for a text it does not understand or a moment out of range, *ret untouched.
 int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret);
-int parse_duration(std::string_view text, unsigned long long* ret_seconds);
 
 // "2026-11-21 04:10:06", in UTC with "Z" behind it; "-" for 0, which stands for no time; what lies
 // beyond the calendar as "@" and the number.
 std::string time_text(unsigned long long seconds, Zone zone);
-
-// "11 s", "3 min 05 s", "1 h 02 min", "5 d 03 h".
-std::string duration_text(unsigned long long seconds);
 
 }  // namespace zorvctl

@@ -3,9 +3,10 @@
 #include <fmt/format.h>
 
 #include <cctype>
-#include <charconv>
 
 #include "display_text.h"
+#include "duration.h"
+#include "whole_number.h"
 
 namespace zorvctl {
 namespace {
@@ -68,24 +69,6 @@ const Word* word_by_text(Words words, std::string_view text) {
   return nullptr;
 }
 
-std::string number_text(const Value& value) {
-  if (const auto* number = std::get_if<long long>(&value)) {
-    return fmt::to_string(*number);
-  }
-  return fmt::to_string(std::get<unsigned long long>(value));
-}
-
-template <class Number>
-bool whole_number(std::string_view text, Number* ret) {
-  Number number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) {
-    return false;
-  }
-  *ret = number;
-  return true;
-}
-
 // A plain number within the column's limits.
 bool read_number(const Column& column, std::string_view text, Value* ret) {
   if (column.lowest < 0) {
@@ -106,6 +89,13 @@ bool read_number(const Column& column, std::string_view text, Value* ret) {
 }
 
 }  // namespace
+
+std::string number_digits(const Value& value) {
+  if (const auto* number = std::get_if<long long>(&value)) {
+    return fmt::to_string(*number);
+  }
+  return fmt::to_string(std::get<unsigned long long>(value));
+}
 
 std::string bytes_text(long long bytes) {
   constexpr long long kExactUpTo = 9999;
@@ -128,7 +118,7 @@ std::string shown_value(const Column& column, const Value& value, Zone zone) {
     case Kind::text:
       return display_text(std::get<std::string_view>(value));
     case Kind::integer:
-      return number_text(value);
+      return number_digits(value);
     case Kind::bytes:
       return bytes_text(std::get<long long>(value));
     case Kind::duration:
@@ -146,7 +136,7 @@ std::string shown_value(const Column& column, const Value& value, Zone zone) {
       return std::string(word.shown);
     }
   }
-  return number_text(value);
+  return number_digits(value);
 }
 
 std::string value_hint(const Column& column) {

@@ -23,6 +23,9 @@ int read_value(const Column& column, std::string_view text, time_t now, Zone zon
 // Half a sentence for --help: what read_value understands.
 std::string value_hint(const Column& column);
 
+// The digits of a number, whatever its column.
+std::string number_digits(const Value& value);
+
 // Bytes exactly up to 9999, beyond in steps of 1024 with one decimal: "2622 B", "15.3 MB".
 std::string bytes_text(long long bytes);
 

@@ -1,0 +1,94 @@
+#include "list_options.h"
+
+#include <utility>
+
+#include "display_text.h"
+#include "exit_status.h"
+#include "value_text.h"
+
+namespace zorvctl {
+namespace {
+
+const Column* field_or_complain(const RecordKind& kind, std::string_view name) {
+  const Column* column = find_column(kind.columns, name);
+  if (column == nullptr) {
+    complain("'{}' is not a field of {}; it has: {}", display_text(name), kind.noun,
+             field_names(kind));
+  }
+  return column;
+}
+
+int read_filter(const RecordKind& kind, const std::string& word, Zone zone, RecordQuery* query) {
+  const size_t equals = word.find('=');
+  if (equals == std::string::npos) {
+    complain("'{}' is not FIELD=VALUE", display_text(word));
+    return kUsage;
+  }
+  const Column* column = field_or_complain(kind, std::string_view(word).substr(0, equals));
+  if (column == nullptr) {
+    return kUsage;
+  }
+  Filter filter{column, word.substr(equals + 1), {}};
+  Value value;
+  std::string error;
+  if (read_value(*column, filter.text, std::time(nullptr), zone, &value, &error) != 0) {
+    complain("{}", error);
+    return kUsage;
+  }
+  if (column->kind != Kind::text) {
+    filter.number = value;
+  }
+  query->filters.push_back(std::move(filter));
+  return kDone;
+}
+
+int read_window_end(const char* option, const std::string& text, Zone zone,
+                    std::optional<unsigned long long>* ret) {
+  unsigned long long seconds = 0;
+  if (text.empty()) {
+    return kDone;
+  }
+  if (parse_time(text, std::time(nullptr), zone, &seconds) != 0) {
+    complain(
+        "{}: '{}' is not a time such as 2026-11-21, \"2026-11-21 04:10\", yesterday, 2h or "
+        "@1795234206",
+        option, display_text(text));
+    return kUsage;
+  }
+  *ret = seconds;
+  return kDone;
+}
+
+}  // namespace
+
+std::string field_names(const RecordKind& kind) {
+  std::string names;
+  for (const Column& column : kind.columns) {
+    names += (names.empty() ? "" : ", ") + std::string(column.name);
+  }
+  return names;
+}
+
+int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* ret_query) {
+  ret_query->limit = options.limit;
+  ret_query->offset = options.offset;
+  ret_query->descending = !options.reverse;
+  if (!options.sort.empty()) {
+    ret_query->order_by = field_or_complain(kind, options.sort);
+    ret_query->descending = options.reverse;
+    if (ret_query->order_by == nullptr) {
+      return kUsage;
+    }
+  }
+  for (const std::string& word : options.filters) {
+    if (const int status = read_filter(kind, word, options.zone(), ret_query); status != kDone) {
+      return status;
+    }
+  }
+  const int status = read_window_end("--since", options.since, options.zone(), &ret_query->since);
+  return status != kDone
+             ? status
+             : read_window_end("--until", options.until, options.zone(), &ret_query->until);
+}
+
+}  // namespace zorvctl

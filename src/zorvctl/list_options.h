@@ -1,0 +1,36 @@
+// The options of "list" as they were typed, and as a query.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "record_query.h"
+#include "time_argument.h"
+
+namespace zorvctl {
+
+inline constexpr unsigned long long kDefaultLimit = 50;
+
+struct ListOptions {
+  std::string output = "table";
+  bool json = false;
+  unsigned long long limit = kDefaultLimit;
+  unsigned long long offset = 0;
+  bool reverse = false;
+  std::string sort;
+  std::vector<std::string> filters;
+  std::string since;
+  std::string until;
+  bool utc = false;
+  bool quiet = false;
+
+  Zone zone() const { return utc ? Zone::utc : Zone::local; }
+};
+
+// "id, username, ...".
+std::string field_names(const RecordKind& kind);
+
+// kDone, or kUsage after a complaint that names the wrong word.
+int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* ret_query);
+
+}  // namespace zorvctl
