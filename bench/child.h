@@ -1,0 +1,33 @@
+// A process forked from this one to play the other side: a floor's server, a peer's service.
+//
+// Nothing outlives its object, nor the death of this process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+
+namespace bench {
+
+class Child {
+ public:
+  // Runs `body` in the child, which calls ready() when it can be used; returns then. The child ends
+  // with `body` or is killed with the object.
+  using Ready = std::function<void()>;
+  explicit Child(const std::function<void(const Ready& ready)>& body);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_;
+};
+
+// Makes this process the one that inherits detached programs, so that it can wait for them.
+void inherit_orphans();
+// Waits until one detached program has ended.
+void await_orphan();
+
+}  // namespace bench
