@@ -172,13 +172,14 @@ TEST_F(GlobalConfigFile, SaveReplacesKnownSectionsOrEmptiesTheFile) {
 }
 
 TEST_F(GlobalConfigFile, FullDiskIsAFailedWrite) {
-  const FakeService service("NetworkService", kUpdate, R"({"error": 0})");
+  const auto answer = [] { return R"({"error": 0})"; };
+  const FakeService service("NetworkService", {{"external_dev.list", answer}, {kUpdate, answer}});
   fs::create_symlink("/dev/full", real_path(kOptionsFile));
-  EXPECT_EQ(config_.save(R"({"global": {}})"), 0);
-  EXPECT_EQ(service.calls(), Lines{});
+  EXPECT_EQ(config_.save(R"({"gw_setting": {"as_gw_en": 1}})"), 0);
+  EXPECT_EQ(service.calls(), Lines{}) << "neither announced nor applied";
   EXPECT_EQ(new_errors(),
-            (Lines{"root isn't a object.",
-                   R"(Write {"global": {}, "gw_setting": {"as_gw_en": 0}} to file failed)"}));
+            (Lines{"root isn't a object.", R"(Write {"global": {"version": "1"}, )"
+                                           R"("gw_setting": {"as_gw_en": 1}} to file failed)"}));
 }
 
 // Others must be able to read the file when they are told to apply it, and not before.

@@ -194,6 +194,7 @@ TEST(LoginPolicy, BlockTimeIsCutToWholeSecondsAndSaturates) {
       {std::nan(""), 0},
       {1e300, ~0ULL},
       {kInfinity, ~0ULL},
+      {307445734561825860.0, ~0ULL},
       {307445734561825792.0, 18446744073709547520ULL},
   };
   for (const auto& [minutes, seconds] : cases) {
