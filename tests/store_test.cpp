@@ -317,7 +317,9 @@ TEST_F(StoreTest, AnotherProcessHoldingTheFileCostsNoRow) {
   sqlite3_open((harness::test_root() + harness::kDatabase).c_str(), &other);
   ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
   std::thread releasing([other] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    while (!harness::log_holds("sqlite3_exec INSERT")) {  // which is now waiting
+      std::this_thread::yield();
+    }
     sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
   });
   insert("patient");

@@ -17,7 +17,8 @@ const std::string& root() {
 }
 
 std::string rooted(std::string_view path) {
-  std::string full = root();
+  const bool absolute = !path.empty() && path.front() == '/';
+  std::string full = absolute ? root() : "";
   full += path;
   return full;
 }

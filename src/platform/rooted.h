@@ -17,7 +17,8 @@ namespace platform {
 // The value of ZORV_ROOT without a trailing '/', or "" where it is not set.
 const std::string& root();
 
-// The path to hand to the kernel for the fixed path `path`.
+// The path to hand to the kernel for the fixed path `path`. A relative path, as an option may give
+// it, stays as it is.
 std::string rooted(std::string_view path);
 
 }  // namespace platform

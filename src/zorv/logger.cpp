@@ -150,7 +150,11 @@ void log_write(const LogSite& site, LogLevel level, const char* format, ...) {
   if (__cur_type__ == kLogToStdout) {
     fwrite(line.data(), 1, line.size(), stdout);
   } else {
-    write_to_file(site, line);
+    try {
+      write_to_file(site, line);
+    } catch (const std::bad_alloc&) {
+      // No memory for the rooted paths: the line is lost.
+    }
   }
   errno = saved_errno;
 }

@@ -7,7 +7,7 @@
 // and closed for each line, so lines of several processes never mix and a rotated or deleted file
 // is found again at once. Nothing fails visibly: a line that cannot be written is lost.
 //
-// Settings are set before the first line and only read afterwards; logging is safe from any thread.
+// Settings are changed only while one thread logs; with that, logging is safe from any thread.
 #pragma once
 
 #include <atomic>

@@ -11,7 +11,8 @@ namespace store {
 int create_conn_client_log_db();
 // Ends the record's texts where they lack a terminator. Always 0.
 int insert_conn_client_log(db_conn_client_log_data* record);
-// Fills the caller's zeroed **out; its `data` is released with free. -1 for a bad order_by.
+// Fills the caller's zeroed **out; its `data` is released with free. -1, with no data, for a bad
+// order_by or when the rows do not fit into memory.
 int select_conn_client_log(const db_query_cond* cond, db_conn_client_log_query** out);
 int delete_conn_client_log(const db_delete_cond* cond);
 int clean_conn_client_log();

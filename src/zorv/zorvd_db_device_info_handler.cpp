@@ -10,9 +10,10 @@ LogModule log_module{"zorvd_db_device_info_handler"};
 using Record = db_device_info_data;
 
 constexpr const char* kKeptUuid =
-    "CASE WHEN EXISTS (SELECT * FROM device_info) AND (SELECT dev_uuid FROM device_info WHERE mac "
-    "= "
-    "'%q') IS NOT NULL THEN (SELECT dev_uuid FROM device_info WHERE mac = '%q') ELSE '%q' END";
+    "CASE WHEN EXISTS (SELECT * FROM device_info)"
+    " AND (SELECT dev_uuid FROM device_info WHERE mac = '%q') IS NOT NULL"
+    " THEN (SELECT dev_uuid FROM device_info WHERE mac = '%q')"
+    " ELSE '%q' END";
 
 constexpr std::tuple columns{
     column("ip", "TEXT", "'%q'", &Record::ip),

@@ -12,7 +12,8 @@ namespace store {
 int create_device_info_db();
 // Ends the record's texts where they lack a terminator. Always 0.
 int insert_device_info(db_device_info_data* record);
-// Fills the caller's zeroed **out; its `data` is released with free. -1 for a bad order_by.
+// Fills the caller's zeroed **out; its `data` is released with free. -1, with no data, for a bad
+// order_by or when the rows do not fit into memory.
 int select_device_info(const db_query_cond* cond, db_device_info_query** out);
 int delete_device_info(const db_delete_cond* cond);
 int clean_device_info();

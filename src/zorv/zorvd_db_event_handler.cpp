@@ -1,5 +1,9 @@
 #include "zorvd_db_event_handler.h"
 
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
 #include "zorvd_db_rows.h"
 
 namespace store {
@@ -44,9 +48,9 @@ int select_event_data(const db_query_cond* cond, db_event_query** out) {
   }
   const char* order_name =
       known_column ? table.__db_fields[static_cast<size_t>(cond->order_by)].c_str() : "id";
-  const record_int64 count = cond->count == -1 || cond->count > kMostRows ? kMostRows : cond->count;
   SqlText query(sqlite3_mprintf("SELECT * FROM event_log ORDER BY %s %s LIMIT %lld OFFSET %lld;",
-                                order_name, direction(cond->order_style), count, cond->start));
+                                order_name, direction(cond->order_style), capped(cond->count),
+                                cond->start));
   const std::string text = query != nullptr ? query.get() : "";
   std::string failure;
   ZORV_LOG(debug, "select_stmt");

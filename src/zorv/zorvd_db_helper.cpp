@@ -1,7 +1,10 @@
 #include "zorvd_db_helper.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
 #include <utility>
 
 #include "rooted.h"
@@ -24,6 +27,20 @@ void close_connection(Table& table) {
   table.__db__.reset();
 }
 
+void begin_operation(Table& table) {
+  table.patience_ends = std::chrono::steady_clock::now() + kLockPatience;
+}
+
+// SQLite asks whether to try again for a lock that another process holds.
+int wait_for_lock(void* user, int /*tries*/) {
+  if (std::chrono::steady_clock::now() >= static_cast<Table*>(user)->patience_ends) {
+    return 0;
+  }
+  constexpr timespec pause{0, 2'000'000};
+  nanosleep(&pause, nullptr);
+  return 1;
+}
+
 // Opens the connection where there is none. A module that was never created has no file, and its
 // statements go to SQLite without a connection, which refuses them.
 int open_connection(Table& table) {
@@ -42,7 +59,7 @@ int open_connection(Table& table) {
     }
     return result;
   }
-  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  sqlite3_busy_handler(db, wait_for_lock, &table);
   return SQLITE_OK;
 }
 
@@ -107,7 +124,8 @@ void make_unique_index(Table& table) {
   const SqlText statement(sqlite3_mprintf(
       "CREATE UNIQUE INDEX idx_%s_%s ON %s (%s);", table.__db_table_name_str.c_str(),
       table.traits.unique_column, table.__db_table_name_str.c_str(), table.traits.unique_column));
-  if (sqlite3_exec(table.__db__.get(), statement.get(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+  if (statement == nullptr ||
+      sqlite3_exec(table.__db__.get(), statement.get(), nullptr, nullptr, nullptr) != SQLITE_OK) {
     ZORV_LOG_FOR(table.log, error, "create db failed: %s", or_null_text(statement.get()));
   }
 }
@@ -164,6 +182,7 @@ void run_delete_text(Table& table, record_uint64 id) {
 }  // namespace
 
 int create(Table& table, std::span<const ColumnText> columns) {
+  begin_operation(table);
   if (table.__db_create_str.empty()) {
     start_texts(table);
   }
@@ -222,6 +241,7 @@ int run_for_integer(Table& table, SqlText statement, record_int64& ret_value) {
 }
 
 void insert_row(Table& table, SqlText statement) {
+  begin_operation(table);
   const char* name = table.__db_table_name_str.c_str();
   run(table, SqlText(sqlite3_mprintf("BEGIN TRANSACTION;")));
   run(table, std::move(statement));
@@ -243,6 +263,7 @@ const char* direction(record_int64 order_style) {
 
 int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callback, void* user,
                 record_uint64& ret_total) {
+  begin_operation(table);
   const bool known_column = cond.order_by >= 0 && cond.order_by < table.__db_field_index__;
   const char* order_name =
       known_column ? table.__db_fields[static_cast<size_t>(cond.order_by)].c_str() : "";
@@ -252,11 +273,10 @@ int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callba
   if (!known_column) {
     return -1;
   }
-  record_int64 count = cond.count;
-  if (count == -1 || count > kMostRows) {
-    ZORV_LOG_FOR(table.log, debug, "count %lld > maxium %lld, set count = %lld", count, kMostRows,
-                 kMostRows);
-    count = kMostRows;
+  const record_int64 count = capped(cond.count);
+  if (count != cond.count) {
+    ZORV_LOG_FOR(table.log, debug, "count %lld > maxium %lld, set count = %lld", cond.count,
+                 kMostRows, kMostRows);
   }
 
   const char* name = table.__db_table_name_str.c_str();
@@ -271,17 +291,19 @@ int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callba
 
   const std::string field = bounded(cond.field);
   const std::string value = bounded(cond.value);
-  SqlText filter;
-  if (!field.empty() && !value.empty()) {
-    filter.reset(sqlite3_mprintf("%q = '%q' AND", field.c_str(), value.c_str()));
+  const bool filtered = !field.empty() && !value.empty();
+  const SqlText filter(filtered ? sqlite3_mprintf("%q = '%q' AND", field.c_str(), value.c_str())
+                                : sqlite3_mprintf(""));
+  // Without memory for the filter there is no query, rather than one that finds everything.
+  SqlText query;
+  if (filter != nullptr) {
+    query.reset(sqlite3_mprintf(
+        "SELECT * FROM %s WHERE %s id >= %lld ORDER BY %s %s LIMIT %lld OFFSET %lld;", name,
+        filter.get(), first_id, order_name, direction(cond.order_style), count, cond.start));
   }
-  SqlText query(
-      sqlite3_mprintf("SELECT * FROM %s WHERE %s id >= %lld ORDER BY %s %s LIMIT %lld OFFSET %lld;",
-                      name, filter != nullptr ? filter.get() : "", first_id, order_name,
-                      direction(cond.order_style), count, cond.start));
   ZORV_LOG_FOR(table.log, info, "select query = %s", or_null_text(query.get()));
   ZORV_LOG_FOR(table.log, info, "SELECT_STMT");
-  if (filter != nullptr && !is_plain_word(field)) {
+  if (filtered && !is_plain_word(field)) {
     // Not a column of any table. It never reaches SQLite, so it cannot be more than a failed
     // filter, and it costs no temporary table its connection.
     ZORV_LOG_FOR(table.log, error, "sql = %s, err = %s", or_null_text(query.get()),
@@ -303,6 +325,7 @@ int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callba
 }
 
 int delete_row(Table& table, record_uint64 id) {
+  begin_operation(table);
   restore_delete_text(table);
   table.__db_delete_str.append(" WHERE id = %llu;");
   run_delete_text(table, id);
@@ -310,6 +333,7 @@ int delete_row(Table& table, record_uint64 id) {
 }
 
 int clean(Table& table) {
+  begin_operation(table);
   restore_delete_text(table);
   if (table.traits.delete_text == DeleteText::accumulates) {
     table.__db_delete_str.append(";");

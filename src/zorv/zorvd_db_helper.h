@@ -18,6 +18,7 @@
 #include <sqlite3.h>
 
 #include <array>
+#include <chrono>
 #include <memory>
 #include <span>
 #include <string>
@@ -36,7 +37,9 @@ inline constexpr record_int64 kRecycleAmount = 2000;       // oldest rows droppe
 inline constexpr size_t kTextBufferSize = 4096;            // of every statement text
 inline constexpr size_t kFieldNameSize = 40;
 inline constexpr size_t kMostFields = 128;
-inline constexpr int kBusyTimeoutMs = 3000;  // below the 5 s that a caller waits for its answer
+// How long one operation, all its statements together, waits for another process that holds the
+// file. A request makes two operations at most, and its caller waits 5 s.
+inline constexpr std::chrono::milliseconds kLockPatience{2000};
 
 // A text that never holds more than Size - 1 characters; what does not fit is cut off.
 template <size_t Size>
@@ -95,6 +98,8 @@ struct Table {
   std::array<BoundedText<kFieldNameSize>, kMostFields> __db_fields;
   int __db_field_index__ = 0;  // columns registered, "id" included
   int __is_first_field = 1;
+
+  std::chrono::steady_clock::time_point patience_ends;  // of the operation in progress
 };
 
 // Assembles the texts, opens the file, sets the pragmas and makes the table. 0, or -1 with the
@@ -123,6 +128,11 @@ int finish(Table& table);
 
 // "ASC" or "DESC" of a condition's order_style.
 const char* direction(record_int64 order_style);
+
+// The rows of a page at most: a condition's count, where -1 and too many mean kMostRows.
+constexpr record_int64 capped(record_int64 count) {
+  return count == -1 || count > kMostRows ? kMostRows : count;
+}
 
 template <class Record, class AllColumns>
 SqlText insert_statement(const Table& table, const AllColumns& columns, const Record& record) {

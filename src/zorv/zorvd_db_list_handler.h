@@ -12,7 +12,8 @@ namespace store {
 int create_server_list_db();
 // Ends the record's texts where they lack a terminator. Always 0.
 int insert_server_list(db_server_list_data* record);
-// Fills the caller's zeroed **out; its `data` is released with free. -1 for a bad order_by.
+// Fills the caller's zeroed **out; its `data` is released with free. -1, with no data, for a bad
+// order_by or when the rows do not fit into memory.
 int select_server_list(const db_query_cond* cond, db_server_list_query** out);
 int delete_server_list(const db_delete_cond* cond);
 int clean_server_list();

@@ -1,8 +1,8 @@
 #include "zorvd_db_privilege_user_block_handler.h"
 
 #include <ctime>
+#include <memory>
 #include <optional>
-#include <vector>
 
 #include "login_policy.h"
 #include "nc_msg_db.h"
@@ -25,6 +25,10 @@ constexpr TableTraits traits{"privilege_user_block", Storage::persistent, Delete
 Table table(log_module, traits);
 
 using zorv::LoginPolicy;
+
+struct FreeRecords {
+  void operator()(Record* records) const { std::free(records); }
+};
 
 std::string or_empty(const char* username) {
   return username != nullptr ? username : "";
@@ -166,11 +170,17 @@ int delete_privilege_user_block(const char* username) {
 
 int clean_privilege_user_block() {
   if (const std::optional<LoginPolicy> policy = policy_that_is_on()) {
-    for_each_row([&](const Record& record) {
-      if (record.limit == policy->limit) {
-        notify(zorv::NcMsg::C001_0021, record.username);
+    // Collected first: nothing that can throw runs inside SQLite's callback.
+    db_privilege_user_block_query rows{};
+    db_privilege_user_block_query* out = &rows;
+    const db_query_cond every_row{0, -1, 0, 0, "", ""};
+    select_privilege_user_block(&every_row, &out);
+    const std::unique_ptr<Record, FreeRecords> owned(rows.data);
+    for (record_uint64 i = 0; i < rows.count; ++i) {
+      if (rows.data[i].limit == policy->limit) {
+        notify(zorv::NcMsg::C001_0021, rows.data[i].username);
       }
-    });
+    }
   }
   clean(table);
   return optimize_privilege_user_block_db();

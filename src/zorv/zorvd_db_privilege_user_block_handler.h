@@ -24,7 +24,8 @@ int check_privilege_user_block(const char* username);
 int delete_privilege_user_block(const char* username);
 // Lifts every block, notifying for those whose count is exactly the limit. Always 0.
 int clean_privilege_user_block();
-// Fills the caller's zeroed **out; its `data` is released with free. -1 for a bad order_by.
+// Fills the caller's zeroed **out; its `data` is released with free. -1, with no data, for a bad
+// order_by or when the rows do not fit into memory.
 int select_privilege_user_block(const db_query_cond* cond, db_privilege_user_block_query** out);
 int optimize_privilege_user_block_db();
 int finish_privilege_user_block_db();

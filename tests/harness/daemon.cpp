@@ -2,9 +2,10 @@
 
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -82,17 +83,34 @@ PlatformDaemon::PlatformDaemon() : process_(command("platformd", {})) {
 }
 
 std::vector<LogLine> log_lines() {
-  static const std::regex prefix(
-      R"((\d{4}-\d\d-\d\d \d\d:\d\d:\d\d) \d+ \[(DEBUG|INFO|WARN|ERROR)\] (\w+) \[\d+\] ([^:]+):)");
   const std::string text = read_file(kLogFile);
   std::vector<LogLine> lines;
-  for (std::sregex_iterator match(text.begin(), text.end(), prefix), end; match != end;) {
-    const auto from = match->position() + match->length();
-    LogLine line{(*match)[2], (*match)[3], (*match)[4], ""};
-    ++match;
-    const auto to = match != end ? match->position() : static_cast<std::ptrdiff_t>(text.size());
-    line.text = text.substr(static_cast<size_t>(from), static_cast<size_t>(to - from));
-    lines.push_back(line);
+  size_t text_start = 0;
+  for (size_t at = 0; at < text.size();) {
+    char level[8];
+    char module[64];
+    char function[64];
+    int length = 0;
+    const bool is_prefix =
+        std::isdigit(static_cast<unsigned char>(text[at])) != 0 &&
+        sscanf(text.c_str() + at,
+               "%*4[0-9]-%*2[0-9]-%*2[0-9] %*2[0-9]:%*2[0-9]:%*2[0-9] %*d [%7[A-Z]] "
+               "%63[a-z_] [%*d] %63[^:]:%n",
+               level, module, function, &length) == 3 &&
+        length > 0;
+    if (!is_prefix) {
+      ++at;
+      continue;
+    }
+    if (!lines.empty()) {
+      lines.back().text = text.substr(text_start, at - text_start);
+    }
+    lines.push_back({level, module, function, ""});
+    at += static_cast<size_t>(length);
+    text_start = at;
+  }
+  if (!lines.empty()) {
+    lines.back().text = text.substr(text_start);
   }
   return lines;
 }
