@@ -1,8 +1,6 @@
 // The daemon's entry: options, daemonising, the PID file, signals and the configuration file.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -176,11 +174,16 @@ TEST(DaemonEntry, DaemonizedProcessHasItsStreamsAndItsPidFile) {
   }
   EXPECT_EQ(daemon.descriptor(4), harness::test_root() + kPidFile);
 
-  // The second daemon's processes are adopted here, so that their end can be awaited.
-  prctl(PR_SET_CHILD_SUBREAPER, 1);
-  EXPECT_EQ(harness::run(daemonized()).status, 0) << "its first process leaves before the lock";
-  while (wait(nullptr) > 0) {
-  }
+  // Each process of the second daemon holds its standard input: all are gone when that ends.
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const std::string command = "exec " + daemonized()[0] + " -d -p " + kPidFile + " <&";
+  EXPECT_EQ(harness::run({"/bin/sh", "-c", command + std::to_string(ends[1])}).status, 0)
+      << "its first process leaves before the lock";
+  close(ends[1]);
+  char byte;
+  EXPECT_EQ(read(ends[0], &byte, 1), 0);
+  close(ends[0]);
   EXPECT_EQ(kill(daemon.pid, 0), 0);
   EXPECT_EQ(harness::read_file(kPidFile), text) << "the second one left the file as it was";
   daemon.end();
