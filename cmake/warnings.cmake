@@ -5,3 +5,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   # GCC 12 sees overlaps in std::string's own insert and operator+ that are not there.
   add_compile_options(-Wno-restrict)
 endif()
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
+  # Notes on calls that GCC 7 changed, which is no matter between parts of one build.
+  add_compile_options(-Wno-psabi)
+endif()
