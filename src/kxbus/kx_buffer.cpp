@@ -260,16 +260,21 @@ int Buffer::overwrite(std::size_t offset, const void* bytes, std::size_t length)
 }
 
 int Buffer::resize(std::size_t new_size) {
+  if (new_size > kLargestBody) {
+    return KX_IS_INVALID;
+  }
   if (new_size == 0) {
     clear();
     return KX_SUCCESS;
   }
-  if (new_size > size()) {
-    while (size() < new_size) {
-      if (extend(std::min(new_size - size(), kPacketBody)) == nullptr) {
-        return new_size > kLargestBody ? KX_IS_INVALID : KX_IO_FAILURE;
-      }
+  const std::size_t old_size = size();
+  while (size() < new_size) {
+    if (extend(std::min(new_size - size(), kPacketBody)) == nullptr) {
+      resize(old_size);
+      return KX_IO_FAILURE;
     }
+  }
+  if (size() == new_size) {
     return KX_SUCCESS;
   }
   if (const int status = make_room(0); status != KX_SUCCESS) {

@@ -131,6 +131,9 @@ void kx_server::accept_one() {
     return;
   }
   exhausted_ = false;
+  if (!spare_.valid()) {
+    spare_.reset(fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
+  }
   kxbus::Peer peer;
   if (!kxbus::read_peer(connection.get(), peer)) {
     return;

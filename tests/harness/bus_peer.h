@@ -1,0 +1,110 @@
+// Both ends of the bus for its own tests: a server in a thread, and a peer that speaks the wire by
+// hand, well or badly, without the library's encoder.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kxbus.h"
+
+namespace harness {
+
+inline constexpr const char* kBusAddress = "@bus";
+
+// The callback of the tests; what it does is named by the method:
+//   echo    replies what came              held    replies how many descriptors its process has
+//   grow    replies that many bytes (text) fail    frees the buffer
+//   again   replies, then frees twice over throw   throws
+//   ignore  returns without an answer      mark    replies nothing, and adds 1 to marks()
+//   read    replies the first bytes of the descriptor passed along
+void bus_callback(const char* method, kx_io* io, int fd);
+int marks();
+
+// Serves with bus_callback from construction to destruction.
+class BusServer {
+ public:
+  explicit BusServer(const char* address = kBusAddress);
+  ~BusServer();
+  BusServer(const BusServer&) = delete;
+  BusServer& operator=(const BusServer&) = delete;
+
+  kx_server* get() const { return server_; }
+
+ private:
+  kx_server* server_;
+  std::thread thread_;
+};
+
+// Calls with a fresh buffer; the reply where there is one goes to `ret_reply`.
+int bus_call(const std::string& method, const std::string& body, std::string* ret_reply = nullptr,
+             int timeout_s = 20, int fd = -1, const char* address = kBusAddress);
+
+// How many descriptors the server's process has open while it serves, itself counted by the server:
+// connections of earlier calls are closed by then.
+int descriptors_held();
+
+// A frame with every field open to a lie.
+struct Frame {
+  std::uint32_t magic = 0x5542584B;
+  std::uint8_t version = 1;
+  std::uint8_t kind = 1;
+  int detail = -1;  // -1 for what is true: the method's length
+  std::uint32_t flags = 0;
+  std::int64_t body_length = -1;  // -1 for what is true
+  std::string body{};
+  std::string method = "echo";
+
+  std::string bytes() const;
+};
+
+// A socket that closes itself; -1 where it could not be had. Waits 20 seconds at most.
+class RawSocket {
+ public:
+  RawSocket() = default;
+  explicit RawSocket(int socket) : socket_(socket) {}
+  RawSocket(RawSocket&& other) noexcept : socket_(other.socket_) { other.socket_ = -1; }
+  RawSocket& operator=(RawSocket&&) = delete;
+  ~RawSocket();
+
+  static RawSocket connected(const char* address = kBusAddress);
+  static RawSocket listening(const char* address = kBusAddress);
+  RawSocket accept() const;
+
+  int get() const { return socket_; }
+  bool send(const std::string& bytes, const std::vector<int>& descriptors = {}) const;
+  std::string receive() const;  // "" at the end
+  int status() const;           // of the reply that comes; -1 for none, -2 for nonsense
+
+ private:
+  int socket_ = -1;
+};
+
+int make_memfd(const std::string& content, unsigned seals);
+inline constexpr unsigned kAllSeals = 0xF;
+
+int open_descriptors(pid_t pid = 0);
+// The lowest number that an opened descriptor of the process would get.
+int lowest_free_descriptor(pid_t pid);
+double cpu_seconds(pid_t pid);
+
+// Runs `body` in a child; its value is the exit status. The parent's own gtest is left alone.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& body);
+  ~Child();
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  int wait();
+
+ private:
+  pid_t pid_;
+};
+
+}  // namespace harness
