@@ -2,6 +2,9 @@
 // arrives when a caller sends something else.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <set>
@@ -409,6 +412,32 @@ TEST_F(Methods, WrongRequestsAreAnsweredAtOnceAndChangeNothing) {
   EXPECT_EQ(rows[2].time, 0U);
   EXPECT_TRUE(harness::log_holds("db_conn_insert_handler: kx_io_read returned NULL\n"));
   EXPECT_TRUE(harness::log_holds("select_conn_server_log (&cond, &con) fail\n"));
+}
+
+// What an earlier caller sent, refused or in a memfd, never stands behind a later, shorter record.
+TEST_F(Methods, AShortRecordIsZeroBehindWhatCame) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string name = '\0' + harness::test_root() + "/var/run/zorvd.sock";
+  memcpy(address.sun_path, name.data(), name.size());
+  const int caller = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(caller, reinterpret_cast<sockaddr*>(&address),
+                    static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())),
+            0);
+  const std::string refused(9000, 'A');
+  ASSERT_EQ(send(caller, refused.data(), refused.size(), 0), 9000);
+  char answer[64];
+  EXPECT_GE(recv(caller, answer, sizeof answer, 0), 0);
+  close(caller);
+  EXPECT_EQ(call("db_conn_insert", "12345678mallory").status, KX_SUCCESS);
+  EXPECT_EQ(call("no_such_method_with_a_long_name", std::string(100000, 'B')).status,
+            KX_IS_INVALID);
+  EXPECT_EQ(call("db_conn_insert", "12345678").status, KX_SUCCESS);
+  for (const db_conn_server_log& row : list(list_conn_server_log).rows) {
+    EXPECT_STREQ(row.device_info, "");
+    EXPECT_EQ(row.action, 0);
+    EXPECT_TRUE(strcmp(row.username, "mallory") == 0 || row.username[0] == '\0') << row.username;
+  }
 }
 
 TEST_F(Methods, AFailedListReturnsZeroAndLeavesTheResultAlone) {

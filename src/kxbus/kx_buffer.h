@@ -12,6 +12,7 @@
 // One thread at a time. Operations that can fail return a KX_ status.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
@@ -70,6 +71,9 @@ class Buffer {
 
   // Receiving: the space for a packet's payload, then what the packet said.
   std::span<char> packet_space() { return {block_.get(), kLargestPayload}; }
+  // Every packet that was received into the space is told of, also one that is then refused: its
+  // bytes must not stand behind a later request.
+  void received(std::size_t payload_length) { dirty_ = std::max(dirty_, payload_length); }
   void accept_request(std::size_t payload_length, std::size_t body_length);
   void accept_reply(std::size_t body_length);
   int accept_memfd(Descriptor& memfd, std::size_t length);  // takes it on success

@@ -197,6 +197,7 @@ bool kx_server::serve(Descriptor& connection, Caller caller) {
     case kxbus::Receipt::packet:
       break;
   }
+  request_.buffer.received(incoming.received - std::min(incoming.received, kxbus::kHeaderSize));
   kxbus::RequestFrame frame;
   int fault = kxbus::decode_request(incoming.packet(space), frame);
   if (fault == KX_SUCCESS && caller == Caller::perhaps_gone) {
