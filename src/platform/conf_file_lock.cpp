@@ -128,7 +128,7 @@ std::string lock_file_name(std::string_view path) {
 }
 
 Descriptor open_lock_folder() {
-  mkdir(rooted("/var/lock").c_str(), 0755);
+  mkdir(rooted("/var/run").c_str(), 0755);
   const std::string path = rooted(kConfLockFolder);
   mkdir(path.c_str(), 0700);
   Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));

@@ -41,7 +41,7 @@ extern "C" int conf_file_unlock(int handle);
 
 namespace platform {
 
-inline constexpr const char* kConfLockFolder = "/var/lock/conf_file";
+inline constexpr const char* kConfLockFolder = "/var/run/conf_file";
 
 // Nothing that saves or loads settings takes seconds: who waits longer waits for a stuck process.
 inline constexpr std::chrono::seconds kConfLockWait{30};

@@ -217,6 +217,9 @@ int GlobalConfig::disable_gateway(TYPE type, int index) const {
     return 0;
   }
   const JsonText text = dump_json(root.get());
+  if (text == nullptr) {
+    return 0;  // without memory for the text, saving would only empty the file
+  }
   save(text.get());
   ZORV_LOG(error, "gw changed, root=%s", text_or_empty(text));
   return 0;

@@ -15,7 +15,7 @@ namespace zorv {
 namespace {
 
 constexpr size_t kStackSize = 32 * 1024;
-constexpr unsigned kFirstInherited = 3;  // standard input, output and error stay
+constexpr unsigned kFirstClosed = 3;  // standard input, output and error stay
 
 struct Launch {
   const char* file;
@@ -60,7 +60,7 @@ int run_program(void* argument) {
 
 int run_intermediate(void* argument) {
   const auto* launch = static_cast<const Launch*>(argument);
-  platform::close_from(kFirstInherited);
+  platform::close_from(kFirstClosed);
   const int program =
       clone(run_program, launch->program_stack_top, CLONE_VM | CLONE_VFORK | SIGCHLD, argument);
   _exit(program < 0 ? 1 : 0);

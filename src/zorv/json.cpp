@@ -237,8 +237,9 @@ JsonValue& JsonValue::operator[](std::string key) {
     value = store(Object());
     type = OBJECT_TYPE;
   }
+  auto fresh = std::make_unique<JsonValue>();
   JsonValue*& slot = as<Object>(value)[std::move(key)];
-  slot = std::make_unique<JsonValue>().release();
+  slot = fresh.release();
   return *slot;
 }
 

@@ -15,7 +15,7 @@ constexpr size_t kDumpFlags =
     JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY | JSON_REAL_PRECISION(6);
 static_assert(kDumpFlags == 0x3260);
 
-// The three places in which the two writers differ are these two functions.
+// Where the two writers differ: the form of a double, and what stands around a jansson value.
 struct StringStyle {
   static std::to_chars_result number(char* first, char* last, double number) {
     return std::to_chars(first, last, number, std::chars_format::general, 6);

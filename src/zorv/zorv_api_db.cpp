@@ -188,7 +188,7 @@ int check_privilege_user_block(char* username) {
   // because the daemon could not read its policy.
   size_t length = 0;
   const auto* reply = static_cast<const char*>(kx_io_read(io.get(), &length));
-  return reply != nullptr && std::string_view(reply, length) == "1" ? 1 : 0;
+  return reply != nullptr && std::string_view(reply, strnlen(reply, length)) == "1" ? 1 : 0;
 }
 
 int clean_privilege_user_block() {

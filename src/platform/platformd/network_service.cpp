@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <utility>
 
 #include "conf_file_lock.h"
@@ -94,7 +95,8 @@ Json update_gateway(const json_t* /*request*/) {
     return failure(state.error, state.message);
   }
   const json_t* before = json_object_get(state.value.get(), "update_vpn_gw");
-  const json_int_t count = json_integer_value(json_object_get(before, "count")) + 1;
+  const json_int_t asked = json_integer_value(json_object_get(before, "count"));
+  const json_int_t count = asked < std::numeric_limits<json_int_t>::max() ? asked + 1 : asked;
   json_object_set_new(
       state.value.get(), "update_vpn_gw",
       json_pack("{s:I, s:I}", "count", count, "time", static_cast<json_int_t>(time(nullptr))));

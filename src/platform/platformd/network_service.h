@@ -1,8 +1,7 @@
 // The service "NetworkService": the network interfaces and gateways that the VPN service asks for.
 //
-//   external_dev.list {"key": IFNAME}   {IFNAME: {"profile": ...}}, {} when unknown; every
-//   interface
-//                                       without a key
+//   external_dev.list {"key": IFNAME}   {IFNAME: {"profile": ...}}, {} when unknown;
+//                                       without a key every interface
 //   api.get_currentGWinfo               [{"interface_type": "VPN", "ifname": "tun2000"}, ...]
 //   external_dev.update_vpn_gw          notes in the state file that it was asked
 //
