@@ -1,12 +1,14 @@
 // Calls and what becomes of them: replies of every size, every status, addresses, deadlines.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -73,6 +75,18 @@ TEST(Call, RequestsAreFollowedByZeros) {
        {65536u, 1u, 7192u, 12u, 100000u, 5u, 4096u * 17, 4096u * 16 + 1, 3u}) {
     EXPECT_EQ(bus_call("m", std::string(size, 'q'), nullptr, 20, -1, "@zeros"), KX_SUCCESS);
   }
+  // A page is shared whole, with what its sender wrote behind the end of the file.
+  const int memfd = memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+  ASSERT_EQ(ftruncate(memfd, 100), 0);
+  void* page = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, memfd, 0);
+  ASSERT_NE(page, MAP_FAILED);
+  memset(page, 'x', 4096);
+  munmap(page, 4096);
+  ASSERT_EQ(fcntl(memfd, F_ADD_SEALS, static_cast<int>(harness::kAllSeals)), 0);
+  const RawSocket client = RawSocket::connected("@zeros");
+  ASSERT_TRUE(client.send(harness::Frame{.flags = 1, .body_length = 100}.bytes(), {memfd}));
+  EXPECT_EQ(client.status(), KX_SUCCESS);
+  close(memfd);
   kx_stop(server);
   thread.join();
   kx_free(server);
@@ -245,6 +259,7 @@ TEST(Call, ServesManyCallersAtOnce) {
   const int before = harness::descriptors_held();
   std::atomic<int> wrong{0};
   std::vector<std::thread> callers;
+  callers.reserve(24);
   for (int caller = 0; caller < 24; ++caller) {
     callers.emplace_back([&wrong, caller] {
       for (int round = 0; round < 100; ++round) {

@@ -18,7 +18,6 @@
 namespace {
 
 using harness::bus_call;
-using harness::BusServer;
 using harness::Child;
 
 constexpr const char* kAllowFile = "/etc/config/kxbus/zorvd.allow";

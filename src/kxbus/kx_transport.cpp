@@ -17,7 +17,7 @@ constexpr std::size_t kMostDescriptors = 253;  // SCM_MAX_FD
 void discard(Descriptor descriptor) {
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
-  connect(descriptor.get(), &nobody, sizeof nobody);
+  static_cast<void>(connect(descriptor.get(), &nobody, sizeof nobody));
   stop_lingering(descriptor.get());
 }
 
