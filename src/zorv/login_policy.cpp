@@ -32,4 +32,8 @@ uint64_t block_seconds(double minutes) {
   return seconds > 0 ? static_cast<uint64_t>(seconds) : 0;
 }
 
+double seconds_since_failure(uint64_t timestamp, int64_t now) {
+  return static_cast<double>(now - static_cast<int64_t>(timestamp & 0xffffffffU));
+}
+
 }  // namespace zorv

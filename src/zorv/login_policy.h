@@ -23,4 +23,9 @@ bool read_login_policy(LoginPolicy& ret_policy);
 // The block time in whole seconds; 0 for a negative one.
 uint64_t block_seconds(double minutes);
 
+// Seconds from a user's last counted failure to `now`; negative when the clock was set back. Only
+// the low 32 bits of the row's time count. They are taken without sign, so that a failure counted
+// after January 2038 still blocks.
+double seconds_since_failure(uint64_t timestamp, int64_t now);
+
 }  // namespace zorv

@@ -1,5 +1,7 @@
 #include "block_state.h"
 
+#include <algorithm>
+
 #include <cstdint>
 
 namespace zorvctl {
@@ -15,13 +17,12 @@ BlockVerdict block_verdict(const db_privilege_user_block_data& user,
   if (policy->limit > user.limit) {
     return {BlockState::counting};
   }
-  // Only the low 32 bits of the stored time count. A clock that was set back makes elapsed negative
-  // and the block longer than the policy says.
-  const auto counted = static_cast<std::int32_t>(static_cast<std::uint32_t>(user.timestamp));
-  const double elapsed = std::difftime(now, counted);
+  const double elapsed = zorv::seconds_since_failure(user.timestamp, now);
   const double whole = static_cast<double>(zorv::block_seconds(policy->minutes));
   if (elapsed < whole) {
-    return {BlockState::blocked, static_cast<unsigned long long>(whole - elapsed)};
+    constexpr double kLongest = 1e18;  // well inside 64 bits, and longer than anybody waits
+    return {BlockState::blocked,
+            static_cast<unsigned long long>(std::min(whole - elapsed, kLongest))};
   }
   return {BlockState::over};
 }

@@ -20,7 +20,7 @@ std::string option_name(const Column& column) {
   return name;
 }
 
-// A zeroed record of any kind; sizes and alignment are those of the largest.
+// A zeroed record of a kind, aligned for any.
 class RecordMemory {
  public:
   explicit RecordMemory(const RecordKind& kind) : memory_(std::calloc(1, kind.record_size)) {
@@ -62,10 +62,14 @@ int add_record(const RecordKind& kind, const std::vector<AddOption>& options) {
   std::string answer;
   const std::string what = fmt::format("add to {}", kind.noun);
   const int status = report_status(kind.add(record.get(), &answer), what.c_str());
-  if (status == kDone && !answer.empty() && !print(display_text(answer) + "\n")) {
+  if (status != kDone || !kind.answers_add) {
+    return status;
+  }
+  if (answer.empty()) {
+    complain("cannot {}: the daemon kept nothing, its log says why", what);
     return kFailed;
   }
-  return status;
+  return print(display_text(answer) + "\n") ? kDone : kFailed;
 }
 
 // The first id that a query meets; nothing when it meets none.
@@ -167,7 +171,11 @@ void add_add_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
 void add_delete_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
   CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", kind.plural));
   auto words = std::make_shared<std::vector<std::string>>();
-  verb->add_option("ids", *words, "Ids, as \"list\" shows them")->required()->type_name("ID");
+  CLI::Option* id_words =
+      verb->add_option("ids", *words, "Ids, as \"list\" shows them")->required()->type_name("ID");
+  if (kind.deletes_once) {
+    id_words->expected(1);
+  }
   verb->footer(caution(kind));
   verb->callback([&kind, words, run] {
     *run = [&kind, words] {

@@ -105,7 +105,9 @@ consteval Column column(const char* name, const char* heading, Kind kind,
     result.lowest = static_cast<long long>(std::numeric_limits<Type>::min());
     result.highest = static_cast<unsigned long long>(std::numeric_limits<Type>::max());
     const bool unsigned_kind = kind == Kind::time || kind == Kind::duration;
-    if (kind == Kind::text || (unsigned_kind && std::is_signed_v<Type>)) {
+    const bool fits =
+        unsigned_kind ? std::is_unsigned_v<Type> : kind == Kind::integer || std::is_signed_v<Type>;
+    if (kind == Kind::text || !fits) {
       throw "the kind does not fit a number of this type";
     }
   }

@@ -113,6 +113,20 @@ int show_gateway(bool json) {
   return current.known ? kDone : kFailed;
 }
 
+bool is_gateway(const json_t* section, int type, int index) {
+  if (json_number_value(json_object_get(section, "as_gw_en")) == 0) {
+    return false;
+  }
+  for (const char* name : {"gw1", "gw2"}) {
+    const json_t* gateway = json_object_get(section, name);
+    if (json_is_object(gateway) && json_number_value(json_object_get(gateway, "type")) == type &&
+        json_number_value(json_object_get(gateway, "index")) == index) {
+      return true;
+    }
+  }
+  return false;
+}
+
 int disable_gateway(const std::string& type_text, const std::string& index_text) {
   const auto type = type_of(type_text);
   if (!type) {
@@ -131,11 +145,16 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
   const JsonRef before(options.load("gw_setting"));
   options.disable_gateway(*type, index);
   const JsonRef after(options.load("gw_setting"));
-  if (json_equal(before.get(), after.get()) != 0) {
-    print("nothing changed: this client is not a gateway\n");
-  } else {
+  if (json_equal(before.get(), after.get()) == 0) {
     print(settings_text(after.get()));
+    return kDone;
   }
+  // Neither reading nor saving says that it failed.
+  if (json_object_size(before.get()) == 0 || is_gateway(before.get(), *type, index)) {
+    complain("the options could not be read or written, the log says why");
+    return kFailed;
+  }
+  print("nothing changed: this client is not a gateway\n");
   return kDone;
 }
 

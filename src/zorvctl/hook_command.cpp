@@ -37,7 +37,8 @@ constexpr const char* kHookHelp =
     "the\n"
     "client's certificate has to prove who it is, and failures are not seen, since OpenVPN does\n"
     "not tell scripts what a plugin found.\n\n"
-    "The scripts run as the server's user: zorvd answers root and its own user, and no other.\n"
+    "The scripts run as the server's user: zorvd answers root, its own user and whoever\n"
+    "/etc/config/kxbus/zorvd.allow names (a line \"user NAME\" or \"group NAME\").\n"
     "A daemon that does not answer never makes OpenVPN refuse a client: it is said on standard\n"
     "error, which OpenVPN writes to its log.";
 
@@ -51,7 +52,8 @@ void keep(db_conn_server_log record) {
 
 // With "via-file" the user's name may stand only in the file's first line.
 void take_name_from_file(const std::vector<std::string>& words, Environment* environment) {
-  if (words.empty() || !login_name(*environment).empty()) {
+  const bool via_env = environment->count("password") != 0;
+  if (words.empty() || via_env || !login_name(*environment).empty()) {
     return;
   }
   std::ifstream file(words.back(), std::ios::binary);
@@ -62,19 +64,16 @@ void take_name_from_file(const std::vector<std::string>& words, Environment* env
   (*environment)["username"] = name;
 }
 
-bool is_blocked(const std::string& user) {
-  const CheckAnswer answer = check_user(user);
-  if (answer.bus_status != 0) {
-    complain("hook: {} may be blocked, the login goes on unchecked: {}", display_text(user),
-             status_text(answer.bus_status));
-  }
-  return answer.blocked;
-}
-
 int verify_login(Environment environment, const std::vector<std::string>& words, bool has_checker) {
   take_name_from_file(words, &environment);
   const std::string user = login_name(environment);
-  if (is_blocked(user)) {
+  const CheckAnswer answer = check_user(user);
+  const bool daemon_answers = answer.bus_status == 0;
+  if (!daemon_answers) {
+    complain("hook: {} may be blocked, the login goes on unchecked and unrecorded: {}",
+             display_text(user), status_text(answer.bus_status));
+  }
+  if (answer.blocked) {
     complain("hook: {} is refused: blocked after too many failed logins", display_text(user));
     keep(failed_login_record(environment, std::time(nullptr)));
     return kRefuse;
@@ -93,7 +92,8 @@ int verify_login(Environment environment, const std::vector<std::string>& words,
     case Verdict::refused:
       break;
   }
-  if (!is_expired_token(environment)) {
+  // OpenVPN serves nobody while its script waits: a daemon that did not answer is not asked again.
+  if (daemon_answers && !is_expired_token(environment)) {
     if (const int status = count_failure(user); status != 0) {
       complain("hook: a failed login of {} is not counted: {}", display_text(user),
                status_text(status));

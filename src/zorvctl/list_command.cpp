@@ -147,8 +147,16 @@ std::string list_footer(const RecordKind& kind) {
       "  zorvctl {2} list -n 0 -S yesterday -o csv\n"
       "  zorvctl {2} list {3}=alice -j\n"
       "  zorvctl {2} list --sort {4} -r -n 10",
-      wrapped("Fields: " + field_names(kind)), kind.plural, kind.noun,
+      wrapped("Fields: " + field_names(kind) + "."), kind.plural, kind.noun,
       find_column(kind.columns, "username") != nullptr ? "username" : "user_id", kind.time_column);
+}
+
+// Keeps an option's text, also an empty one, which is a wrong value and not a missing option.
+CLI::callback_t given(std::optional<std::string>& target) {
+  return [&target](const CLI::results_t& words) {
+    target = words.front();
+    return true;
+  };
 }
 
 }  // namespace
@@ -171,14 +179,16 @@ void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_com
       ->type_name("N");
   verb->add_flag("-r,--reverse", options->reverse, "The other way round");
   if (!kind.columns.empty()) {
-    verb->add_option("--sort", options->sort, "Order by this field, the smallest first")
+    verb->add_option("--sort", given(options->sort), "Order by this field, the smallest first")
         ->type_name("FIELD");
     verb->add_option("filters", options->filters, "Only those where FIELD equals VALUE")
         ->type_name("FIELD=VALUE");
   }
   if (kind.time_column != nullptr) {
-    verb->add_option("-S,--since", options->since, "Only from this time on")->type_name("TIME");
-    verb->add_option("-U,--until", options->until, "Only up to this time")->type_name("TIME");
+    verb->add_option("-S,--since", given(options->since), "Only from this time on")
+        ->type_name("TIME");
+    verb->add_option("-U,--until", given(options->until), "Only up to this time")
+        ->type_name("TIME");
   }
   verb->add_flag("--utc", options->utc, "Times, shown and given, are in UTC");
   verb->add_flag("-q,--quiet", options->quiet, "No heading, and no word about further records");

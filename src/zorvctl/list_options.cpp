@@ -42,17 +42,17 @@ int read_filter(const RecordKind& kind, const std::string& word, Zone zone, Reco
   return kDone;
 }
 
-int read_window_end(const char* option, const std::string& text, Zone zone,
+int read_window_end(const char* option, const std::optional<std::string>& text, Zone zone,
                     std::optional<unsigned long long>* ret) {
-  unsigned long long seconds = 0;
-  if (text.empty()) {
+  if (!text) {
     return kDone;
   }
-  if (parse_time(text, std::time(nullptr), zone, &seconds) != 0) {
+  unsigned long long seconds = 0;
+  if (parse_time(*text, std::time(nullptr), zone, &seconds) != 0) {
     complain(
         "{}: '{}' is not a time such as 2026-11-21, \"2026-11-21 04:10\", yesterday, 2h or "
         "@1795234206",
-        option, display_text(text));
+        option, display_text(*text));
     return kUsage;
   }
   *ret = seconds;
@@ -73,8 +73,8 @@ int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* 
   ret_query->limit = options.limit;
   ret_query->offset = options.offset;
   ret_query->descending = !options.reverse;
-  if (!options.sort.empty()) {
-    ret_query->order_by = field_or_complain(kind, options.sort);
+  if (options.sort) {
+    ret_query->order_by = field_or_complain(kind, *options.sort);
     ret_query->descending = options.reverse;
     if (ret_query->order_by == nullptr) {
       return kUsage;

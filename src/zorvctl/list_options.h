@@ -1,6 +1,7 @@
 // The options of "list" as they were typed, and as a query.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,10 +18,10 @@ struct ListOptions {
   unsigned long long limit = kDefaultLimit;
   unsigned long long offset = 0;
   bool reverse = false;
-  std::string sort;
+  std::optional<std::string> sort;
   std::vector<std::string> filters;
-  std::string since;
-  std::string until;
+  std::optional<std::string> since;
+  std::optional<std::string> until;
   bool utc = false;
   bool quiet = false;
 

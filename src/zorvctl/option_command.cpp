@@ -57,6 +57,10 @@ std::optional<std::string> patch_text(const std::string& source) {
 // in the file afterwards tells.
 int compare_saved(const json_t* patch) {
   const JsonRef saved(zorv::GlobalConfig().load());
+  if (json_object_size(saved.get()) == 0) {
+    complain("the options file could not be read or written, the log says why");
+    return kFailed;
+  }
   int status = kDone;
   const char* key = nullptr;
   json_t* value = nullptr;

@@ -40,6 +40,8 @@ struct RecordKind {
   bool always_empty;        // the daemon keeps no rows of this record
   size_t record_size;
   const char* delete_caution;  // of "delete" and "clean", for --help; null: none
+  bool deletes_once;           // a second delete would cost the whole table
+  bool answers_add;            // with a text that is empty when nothing was kept
 
   Page (*list)(db_query_cond& cond);
   // Each returns the status of the bus. A null pointer: the daemon has no such method.

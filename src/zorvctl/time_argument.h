@@ -1,10 +1,13 @@
 // Times as an administrator types them, and as tables show them. A time is one of
-//   2026-11-21, 2026-11-21 04:10, 2026-11-21T04:10:06   in the zone asked for, a date alone at
-//   00:00 the same with Z, +02:00 or -0530 behind it           in that zone 04:10, 04:10:06 today
-//   now, today, yesterday, tomorrow                      the last three at 00:00
-//   2h, 7d, 1h30m, "2h ago"                              that long before now
-//   +2h                                                  that long after now
-//   @1795234206                                          seconds since the epoch
+//
+//   2026-11-21                       00:00 of that day, in the zone asked for
+//   "2026-11-21 04:10"               also with seconds, and with T between the two
+//   2026-11-21T04:10:06Z             in the zone that it names: Z, +02:00 or -0530
+//   04:10, 04:10:06                  today
+//   now, today, yesterday, tomorrow  the last three at 00:00
+//   2h, 7d, 1h30m, "2h ago"          that long before now
+//   +2h                              that long after now
+//   @1795234206                      seconds since the epoch
 #pragma once
 
 #include <ctime>
