@@ -73,6 +73,9 @@ TEST(Call, RequestsAreFollowedByZeros) {
   std::thread thread([server] { kx_start(server); });
   for (const std::size_t size :
        {65536u, 1u, 7192u, 12u, 100000u, 5u, 4096u * 17, 4096u * 16 + 1, 3u}) {
+    const RawSocket refused = RawSocket::connected("@zeros");
+    ASSERT_TRUE(refused.send(std::string(9000, 'r')));
+    EXPECT_EQ(refused.status(), KX_IS_INVALID);
     EXPECT_EQ(bus_call("m", std::string(size, 'q'), nullptr, 20, -1, "@zeros"), KX_SUCCESS);
   }
   // A page is shared whole, with what its sender wrote behind the end of the file.

@@ -292,10 +292,10 @@ int Buffer::resize(std::size_t new_size) {
   return KX_SUCCESS;
 }
 
-void Buffer::accept_request(std::size_t payload_length, std::size_t body_length) {
+void Buffer::accept_request(std::size_t body_length) {
   clear();
   held_ = body_length;
-  dirty_ = std::max(dirty_, payload_length);
+  dirty_ = std::max(dirty_, held_);
   memset(block_.get() + held_, 0, dirty_ - held_);
   dirty_ = held_;
 }

@@ -74,7 +74,7 @@ class Buffer {
   // Every packet that was received into the space is told of, also one that is then refused: its
   // bytes must not stand behind a later request.
   void received(std::size_t payload_length) { dirty_ = std::max(dirty_, payload_length); }
-  void accept_request(std::size_t payload_length, std::size_t body_length);
+  void accept_request(std::size_t body_length);
   void accept_reply(std::size_t body_length);
   int accept_memfd(Descriptor& memfd, std::size_t length);  // takes it on success
 

@@ -222,7 +222,7 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
       return;
     }
   } else {
-    request_.buffer.accept_request(incoming.received - kxbus::kHeaderSize, frame.body_length);
+    request_.buffer.accept_request(frame.body_length);
   }
   int passed = -1;
   if (frame.descriptor_passed) {
