@@ -65,14 +65,15 @@ struct QueryResult : Query {
   QueryResult& operator=(const QueryResult&) = delete;
 };
 
-template <class Query>
-int write_result(kx_io* io, const Query& result) {
-  Query header = result;
-  header.data = nullptr;  // an address of this process is nobody else's business
-  const int status = kx_io_write(io, &header, kQueryHeaderSize);
-  const auto size = static_cast<size_t>(result.count) * sizeof(typename Query::record_type);
-  return status != KX_SUCCESS || size == 0 ? status : kx_io_write(io, result.data, size);
-}
+// The rows of an answer, which are read straight into the reply: 520 MB exist once.
+class ReplyRows final : public store::RowSpace {
+ public:
+  explicit ReplyRows(kx_io* io) : io_(io) {}
+  void* next(size_t size) override { return kx_io_extend(io_, size); }
+
+ private:
+  kx_io* io_;
+};
 
 template <class Record>
 int handle_insert(const LogSite& site, kx_io* io, int (*insert)(Record*), const char* call) {
@@ -85,22 +86,29 @@ int handle_insert(const LogSite& site, kx_io* io, int (*insert)(Record*), const 
 }
 
 template <class Query>
-int handle_query(const LogSite& site, kx_io* io, int (*select)(const db_query_cond*, Query**),
-                 const char* announcement, const char* call) {
+using Select = int (*)(const db_query_cond*, store::RowSpace&, Query&);
+
+template <class Query>
+int handle_query(const LogSite& site, kx_io* io, Select<Query> select, const char* announcement,
+                 const char* call) {
   const void* payload = payload_of(site, io);
   if (payload == nullptr) {
     return -1;
   }
   const auto cond = copy_of<db_query_cond>(payload);
-  QueryResult<Query> result;
-  Query* out = &result;
   ZORV_LOG_AT(site, debug, "%s\n", announcement);
-  if (select(&cond, &out) != 0) {
+  // The head is only known behind the rows, so its place is kept.
+  Query head{};
+  kx_io_realloc(io, 0);
+  if (kx_io_write(io, &head, kQueryHeaderSize) != KX_SUCCESS) {
+    return failed(site, io, "kx_io_write (io)");
+  }
+  ReplyRows rows(io);
+  if (select(&cond, rows, head) != 0) {
     return failed(site, io, call);
   }
-  kx_io_realloc(io, 0);
-  ZORV_LOG_AT(site, debug, "count = %llu\n", result.count);
-  if (write_result<Query>(io, result) != KX_SUCCESS) {
+  ZORV_LOG_AT(site, debug, "count = %llu\n", head.count);
+  if (kx_io_overwrite(io, 0, &head, kQueryHeaderSize) != KX_SUCCESS) {
     return failed(site, io, "kx_io_write (io)");
   }
   return replied(io);

@@ -1,7 +1,5 @@
 #include "zorvd_db_event_handler.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <utility>
 
 #include "zorvd_db_rows.h"
@@ -16,17 +14,19 @@ constexpr std::tuple<> columns;
 constexpr TableTraits traits{"event_log", Storage::persistent, DeleteText::accumulates};
 Table table(log_module, traits);
 
+struct Events {
+  RowSpace& space;
+  record_uint64 count = 0;
+};
+
 // An event has nothing to read, its id included.
 int select_callback(void* user, int /*text_count*/, char** /*texts*/, char** /*names*/) {
-  auto& query = *static_cast<db_event_query*>(user);
-  void* grown = std::realloc(static_cast<void*>(query.data), static_cast<size_t>(query.count) + 1);
-  if (grown == nullptr) {
+  auto& events = *static_cast<Events*>(user);
+  if (events.space.next(sizeof(db_event_data)) == nullptr) {
     ZORV_LOG(debug, "realloc fail");
     return 0;
   }
-  query.data = static_cast<db_event_data*>(grown);
-  std::memset(static_cast<void*>(query.data + query.count), 0, sizeof(db_event_data));
-  ++query.count;
+  ++events.count;
   return 0;
 }
 
@@ -40,7 +40,7 @@ int insert_event_data(db_event_data* /*record*/) {
   return 0;
 }
 
-int select_event_data(const db_query_cond* cond, db_event_query** out) {
+int select_event_data(const db_query_cond* cond, RowSpace& space, db_event_query& ret_head) {
   const bool created = table.__db_field_index__ > 0;
   const bool known_column = cond->order_by >= 0 && cond->order_by < table.__db_field_index__;
   if (created && !known_column) {
@@ -53,13 +53,22 @@ int select_event_data(const db_query_cond* cond, db_event_query** out) {
                                 cond->start));
   const std::string text = query != nullptr ? query.get() : "";
   std::string failure;
+  Events events{space};
   ZORV_LOG(debug, "select_stmt");
-  if (run(table, std::move(query), select_callback, *out, &failure) != SQLITE_OK) {
+  if (run(table, std::move(query), select_callback, &events, &failure) != SQLITE_OK) {
     ZORV_LOG(error, "Error in select statement %s [%s].", text.c_str(), failure.c_str());
   }
-  ZORV_LOG(debug, "\n %llu records returned.", (*out)->count);
-  (*out)->total = (*out)->count;
+  ZORV_LOG(debug, "\n %llu records returned.", events.count);
+  ret_head.count = events.count;
+  ret_head.total = events.count;
   return 0;
+}
+
+int select_event_data(const db_query_cond* cond, db_event_query** out) {
+  RowArray events;
+  const int result = select_event_data(cond, events, **out);
+  (*out)->data = static_cast<db_event_data*>(events.release());
+  return result;
 }
 
 int delete_event_data(int id) {

@@ -37,6 +37,10 @@ int select_server_list(const db_query_cond* cond, db_server_list_query** out) {
   return select_records(table, columns, *cond, out);
 }
 
+int select_server_list(const db_query_cond* cond, RowSpace& space, db_server_list_query& ret_head) {
+  return select_records(table, columns, *cond, space, ret_head);
+}
+
 int delete_server_list(const db_delete_cond* cond) {
   return delete_row(table, static_cast<record_uint64>(cond->id));
 }

@@ -1,88 +1,125 @@
-// The rows of a page as an array of records.
+// The rows of a page, read one after the other into records wherever their reader wants them.
 //
-// The array comes from the C heap, is zero-filled (no stale heap bytes reach another process) and
-// grows geometrically. A row that finds no memory is dropped together with all that follow, and the
-// query as a whole fails.
+// A record is zero-filled before it is read (no stale bytes reach another process). A row that
+// finds no space is dropped together with all that follow, and the query as a whole fails.
 #pragma once
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "zorvd_db_helper.h"
+#include "zorvd_db_row_space.h"
 
 namespace store {
 
-template <class Query, class AllColumns>
-class RowArray {
+// Records as one array from the C heap, which grows geometrically.
+class RowArray final : public RowSpace {
  public:
-  using Record = typename Query::record_type;
+  RowArray() = default;
+  ~RowArray() { std::free(bytes_); }
+  RowArray(const RowArray&) = delete;
+  RowArray& operator=(const RowArray&) = delete;
 
-  RowArray(Table& table, const AllColumns& columns, Query& ret_query)
-      : table_(table), columns_(columns), query_(ret_query) {}
-
-  // The signature of SQLite's row callback; `user` is the RowArray. Always 0: a row that cannot be
-  // kept must not abort the statement, which would close the connection.
-  static int select_callback(void* user, int text_count, char** texts, char** /*names*/) {
-    static_cast<RowArray*>(user)->append(text_count, texts);
-    return 0;
+  void* next(size_t size) override {
+    if (capacity_ - used_ < size && !grow(size)) {
+      return nullptr;
+    }
+    char* space = bytes_ + used_;
+    used_ += size;
+    return std::memset(space, 0, size);
   }
 
-  bool incomplete() const { return incomplete_; }
+  // The array, which is the caller's to free; null without records.
+  void* release() { return std::exchange(bytes_, nullptr); }
 
  private:
-  void append(int text_count, char** texts) {
-    if (incomplete_ || !make_room()) {
-      return;
-    }
-    Record& record = query_.data[query_.count];
-    std::memset(static_cast<void*>(&record), 0, sizeof record);
-    read_row(columns_, text_count, texts, record);
-    ++query_.count;
-  }
+  static constexpr size_t kFirstRecords = 16;
 
-  bool make_room() {
-    if (query_.count < capacity_) {
-      return true;
-    }
-    const size_t wanted = capacity_ == 0 ? kFirstCapacity : capacity_ * 2;
-    void* grown = wanted <= SIZE_MAX / sizeof(Record)
-                      ? std::realloc(static_cast<void*>(query_.data), wanted * sizeof(Record))
-                      : nullptr;
-    if (grown == nullptr) {
-      ZORV_LOG_FOR(table_.log, debug, "realloc fail");
-      incomplete_ = true;
+  bool grow(size_t size) {
+    if (size > SIZE_MAX / kFirstRecords || capacity_ > SIZE_MAX / 2) {
       return false;
     }
-    query_.data = static_cast<Record*>(grown);
+    const size_t wanted = capacity_ == 0 ? size * kFirstRecords : capacity_ * 2;
+    void* grown = std::realloc(bytes_, wanted);
+    if (grown == nullptr) {
+      return false;
+    }
+    bytes_ = static_cast<char*>(grown);
     capacity_ = wanted;
     return true;
   }
 
-  static constexpr size_t kFirstCapacity = 16;
+  char* bytes_ = nullptr;
+  size_t used_ = 0;
+  size_t capacity_ = 0;
+};
+
+template <class Record, class AllColumns>
+class RowReader {
+ public:
+  RowReader(Table& table, const AllColumns& columns, RowSpace& space)
+      : table_(table), columns_(columns), space_(space) {}
+
+  // The signature of SQLite's row callback; `user` is the RowReader. Always 0: a row that cannot be
+  // kept must not abort the statement, which would close the connection.
+  static int select_callback(void* user, int text_count, char** texts, char** /*names*/) {
+    static_cast<RowReader*>(user)->append(text_count, texts);
+    return 0;
+  }
+
+  record_uint64 count() const { return count_; }
+  bool incomplete() const { return incomplete_; }
+
+ private:
+  void append(int text_count, char** texts) {
+    if (incomplete_) {
+      return;
+    }
+    auto* record = static_cast<Record*>(space_.next(sizeof(Record)));
+    if (record == nullptr) {
+      ZORV_LOG_FOR(table_.log, debug, "realloc fail");
+      incomplete_ = true;
+      return;
+    }
+    read_row(columns_, text_count, texts, *record);
+    ++count_;
+  }
 
   Table& table_;
   const AllColumns& columns_;
-  Query& query_;
-  size_t capacity_ = 0;
+  RowSpace& space_;
+  record_uint64 count_ = 0;
   bool incomplete_ = false;
 };
 
-// The paged select of a table whose records are `Query`'s. The caller provides the zeroed **out and
-// releases its `data` with free. 0, or -1 with no data for a bad column index or when the rows did
-// not fit into memory.
+// The paged select of a table whose records are `Query`'s, into `space`; the head gets its numbers.
+// 0, or -1 with an untouched head for a bad column index or when `space` did not hold the rows.
+template <class Query, class AllColumns>
+int select_records(Table& table, const AllColumns& columns, const db_query_cond& cond,
+                   RowSpace& space, Query& ret_head) {
+  using Reader = RowReader<typename Query::record_type, AllColumns>;
+  Reader rows(table, columns, space);
+  record_uint64 total = 0;
+  if (select_page(table, cond, &Reader::select_callback, &rows, total) != 0 || rows.incomplete()) {
+    return -1;
+  }
+  ret_head.count = rows.count();
+  ret_head.total = total;
+  return 0;
+}
+
+// The same with the records as an array of its own: the caller provides the zeroed **out and
+// releases its `data` with free.
 template <class Query, class AllColumns>
 int select_records(Table& table, const AllColumns& columns, const db_query_cond& cond,
                    Query** out) {
-  RowArray<Query, AllColumns> rows(table, columns, **out);
-  const int result =
-      select_page(table, cond, &decltype(rows)::select_callback, &rows, (*out)->total);
-  if (rows.incomplete()) {
-    std::free(static_cast<void*>((*out)->data));
-    (*out)->data = nullptr;
-    (*out)->count = 0;
+  RowArray rows;
+  if (select_records(table, columns, cond, rows, **out) != 0) {
     return -1;
   }
-  return result;
+  (*out)->data = static_cast<typename Query::record_type*>(rows.release());
+  return 0;
 }
 
 }  // namespace store
