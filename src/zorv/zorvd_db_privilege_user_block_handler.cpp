@@ -100,13 +100,6 @@ void update_count(const Record& row, const std::string& username, int count) {
   run(table, SqlText(sqlite3_mprintf(with_id.c_str(), static_cast<record_uint64>(row.id))));
 }
 
-// Of a row's time only the low 32 bits count. They are taken without sign, so a failure counted
-// after January 2038 still blocks.
-double seconds_since(record_uint64 timestamp) {
-  return static_cast<double>(static_cast<long long>(now()) -
-                             static_cast<long long>(timestamp & 0xffffffffU));
-}
-
 }  // namespace
 
 int create_privilege_user_block_db() {
@@ -146,7 +139,9 @@ int check_privilege_user_block(const char* username) {
   if (!row || policy.limit > row->limit) {
     return 0;
   }
-  if (seconds_since(row->timestamp) < static_cast<double>(zorv::block_seconds(policy.minutes))) {
+  const double elapsed =
+      zorv::seconds_since_failure(row->timestamp, static_cast<int64_t>(time(nullptr)));
+  if (elapsed < static_cast<double>(zorv::block_seconds(policy.minutes))) {
     return 1;
   }
   delete_by_id(*row);
