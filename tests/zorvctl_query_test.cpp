@@ -203,7 +203,7 @@ TEST(Blocks, FollowTheCheckOfTheDaemon) {
       // Only 32 bits of the stored time count, and a clock set back prolongs the block.
       {true, 3, 5, 3, 4294967296ULL + 1000, 1001, BlockState::blocked, 299},
       {true, 3, 5, 3, 1000, 900, BlockState::blocked, 400},
-      {true, 3, 5, 3, 2147483648ULL, 2147483649, BlockState::over, 0},
+      {true, 3, 5, 3, 2147483648ULL, 2147483649, BlockState::blocked, 299},
   };
   for (const BlockCase& one : cases) {
     db_privilege_user_block_data user{};
