@@ -144,6 +144,18 @@ TEST_F(LoggerTest, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
   EXPECT_EQ(log_module._iot_lock_fd_, -1);
 }
 
+TEST_F(LoggerTest, AForkedProcessSignsWithItsOwnId) {
+  ZORV_LOG(info, "parent\n");
+  const pid_t child = fork();
+  if (child == 0) {
+    ZORV_LOG(info, "child\n");
+    _exit(0);
+  }
+  waitpid(child, nullptr, 0);
+  EXPECT_NE(log_content().find(" " + std::to_string(getpid()) + " [INFO]"), std::string::npos);
+  EXPECT_NE(log_content().find(" " + std::to_string(child) + " [INFO]"), std::string::npos);
+}
+
 TEST_F(LoggerTest, LongLinesStayWholeAmongThreads) {
   constexpr int kLines = 50;
   std::vector<std::thread> threads;
