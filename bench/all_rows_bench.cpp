@@ -122,7 +122,7 @@ void measure_all_rows(Report& report) {
   const PeakGrowth growth = peak_growth(getpid(), daemon.process().pid(), list_all);
   const auto add = [&report](const char* whose, double bytes) {
     report.add(std::string("all 100,000 rows, memory of ") + whose, Unit::bytes, {},
-               {result_of(Role::ours, "list_conn_server_log", {bytes})});
+               {Result{Role::ours, "list_conn_server_log", {bytes}}});
   };
   add("the caller (the reply and the array)", growth.caller);
   add("the daemon (without the memfd, which is the caller's reply)", growth.server);

@@ -135,12 +135,13 @@ void call_stream(int socket, size_t length) {
 
 Result memory_of(Role role, const char* what, pid_t server, const std::function<double()>& call) {
   const PeakGrowth growth = peak_growth(getpid(), server, call);
-  return result_of(role, what, {growth.caller + growth.server});
+  return Result{role, what, {growth.caller + growth.server}};
 }
 
 }  // namespace
 
 void measure_bus_reply(Report& report) {
+  const OneProcessor together;
   const std::string name = harness::test_root() + "/reply";
   int sockets[2];
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sockets) != 0) {

@@ -49,6 +49,18 @@ Child::~Child() {
   }
 }
 
+OneProcessor::OneProcessor() {
+  sched_getaffinity(0, sizeof before_, &before_);
+  cpu_set_t here;
+  CPU_ZERO(&here);
+  CPU_SET(sched_getcpu(), &here);
+  sched_setaffinity(0, sizeof here, &here);
+}
+
+OneProcessor::~OneProcessor() {
+  sched_setaffinity(0, sizeof before_, &before_);
+}
+
 void inherit_orphans() {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
 }

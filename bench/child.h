@@ -3,6 +3,7 @@
 // Nothing outlives its object, nor the death of this process.
 #pragma once
 
+#include <sched.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -23,6 +24,19 @@ class Child {
 
  private:
   pid_t pid_;
+};
+
+// Keeps this process, and whom it starts meanwhile, on the processor where it is. Where the
+// scheduler puts the two sides of an exchange decides more about its time than what they do.
+class OneProcessor {
+ public:
+  OneProcessor();
+  ~OneProcessor();
+  OneProcessor(const OneProcessor&) = delete;
+  OneProcessor& operator=(const OneProcessor&) = delete;
+
+ private:
+  cpu_set_t before_;
 };
 
 // Makes this process the one that inherits detached programs, so that it can wait for them.

@@ -65,10 +65,10 @@ void measure_inserts(Report& report) {
   }
   for (size_t i = 0; i < std::size(kSizes); ++i) {
     report.add("inserts at " + std::to_string(kSizes[i]) + " rows", Unit::per_second, {},
-               {result_of(Role::ours, "add_conn_server_log", std::move(rates[i]))});
+               {Result{Role::ours, "add_conn_server_log", std::move(rates[i])}});
   }
   report.add("the insert that recycles 2,000 rows", Unit::seconds, {},
-             {result_of(Role::ours, "add_conn_server_log", std::move(recycling))});
+             {Result{Role::ours, "add_conn_server_log", std::move(recycling)}});
 }
 
 // What clients count and when they begin and end, in memory that they share.
@@ -129,7 +129,7 @@ void measure_calls(Report& report) {
   for (size_t i = 0; i < std::size(kClients); ++i) {
     report.add("calls of " + std::to_string(kClients[i]) + (i == 0 ? " client" : " clients"),
                Unit::per_second, {},
-               {result_of(Role::ours, "zorv_mobile_gen_zorv_uuid", std::move(rates[i]))});
+               {Result{Role::ours, "zorv_mobile_gen_zorv_uuid", std::move(rates[i])}});
   }
 }
 

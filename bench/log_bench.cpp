@@ -18,7 +18,7 @@ void write_line() {
 void measure_log(Report& report) {
   const std::string line = record(write_line).own_lines.at(0);
   report.compare(
-      "one log line", {41, 1000}, {.of_floor = 1.1},
+      "one log line", {101, 300}, {.of_floor = 1.1},
       {{Role::ours, "ZORV_LOG", timed(write_line)},
        {Role::floor, "open, write, close of both files", timed([line] { write_line_raw(line); })}});
 }

@@ -6,10 +6,6 @@
 namespace bench {
 namespace {
 
-double quantile(const std::vector<double>& sorted, double part) {
-  return sorted[static_cast<size_t>(static_cast<double>(sorted.size() - 1) * part)];
-}
-
 double run_batch(const Contender& contender, int batch) {
   contender.operation();
   std::vector<double> seconds;
@@ -21,21 +17,22 @@ double run_batch(const Contender& contender, int batch) {
 
 }  // namespace
 
-double median(std::vector<double> values) {
+double quantile(std::vector<double> values, double part) {
   std::sort(values.begin(), values.end());
-  const size_t middle = values.size() / 2;
-  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+  const double place = part * static_cast<double>(values.size() - 1);
+  const auto below = static_cast<size_t>(place);
+  const size_t above = std::min(below + 1, values.size() - 1);
+  return values[below] + (values[above] - values[below]) * (place - static_cast<double>(below));
 }
 
-Result result_of(Role role, const std::string& what, std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return {role, what, median(values), quantile(values, 0.25), quantile(values, 0.75)};
+double median(std::vector<double> values) {
+  return quantile(std::move(values), 0.5);
 }
 
 void Report::compare(const std::string& work, Effort effort, Limits limits,
                      std::vector<Contender> contenders) {
   if (quick_) {
-    effort.rounds = std::min(effort.rounds, 3);
+    effort.rounds = std::min(effort.rounds, 5);
     effort.batch = (effort.batch + 3) / 4;
   }
   const size_t count = contenders.size();
@@ -48,7 +45,7 @@ void Report::compare(const std::string& work, Effort effort, Limits limits,
   }
   std::vector<Result> results;
   for (size_t i = 0; i < count; ++i) {
-    results.push_back(result_of(contenders[i].role, contenders[i].what, std::move(rounds[i])));
+    results.push_back({contenders[i].role, contenders[i].what, rounds[i]});
   }
   add(work, Unit::seconds, limits, std::move(results));
 }

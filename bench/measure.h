@@ -6,7 +6,9 @@
 // contenders change places from round to round, and each begins its turn with one operation that
 // does not count.
 //
-// The table and the JSON text show the medians and their ratios. Single-threaded.
+// A ratio is the median of the rounds' ratios: what slows the machine for a while slows both sides
+// of a round. So it is not quite the ratio of the two medians that stand beside it.
+// Single-threaded.
 #pragma once
 
 #include <chrono>
@@ -30,9 +32,7 @@ struct Contender {
 struct Result {
   Role role;
   std::string what;
-  double median;
-  double low;  // lower and upper quartile of the rounds
-  double high;
+  std::vector<double> rounds;
 };
 
 struct Limits {
@@ -81,8 +81,11 @@ class Report {
   std::vector<std::string> missed_;
 };
 
+// The value below which `part` of the values lie; 0.5 gives the median.
+double quantile(std::vector<double> values, double part);
+// The value below which `part` of the values lie; 0.5 gives the median.
+double quantile(std::vector<double> values, double part);
 double median(std::vector<double> values);
-Result result_of(Role role, const std::string& what, std::vector<double> values);
 
 // Runs `work` and tells its seconds.
 template <class Work>

@@ -131,11 +131,11 @@ void measure_process(Report& report) {
                  {{Role::ours, "zorvd", [&ours] { return time_stop(ours); }},
                   {Role::floor, what, [&floor] { return time_stop(floor); }}});
   report.add("resident memory while idle", Unit::bytes, {.of_floor = 1.5, .of_itself = 6e6},
-             {result_of(Role::ours, "zorvd", {idle_memory(ours)}),
-              result_of(Role::floor, what, {idle_memory(floor)})});
+             {Result{Role::ours, "zorvd", {idle_memory(ours)}},
+              Result{Role::floor, what, {idle_memory(floor)}}});
   if (const double size = stripped_size(harness::program("zorvd")); size > 0) {
     report.add("size of the stripped program", Unit::bytes, {.of_itself = 6e6},
-               {result_of(Role::ours, "zorvd", {size})});
+               {Result{Role::ours, "zorvd", {size}}});
   } else {
     report.miss("no strip");
   }

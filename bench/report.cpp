@@ -46,9 +46,9 @@ std::string value_text(double value, Unit unit) {
   return "";
 }
 
-std::string ratio_text(double ratio) {
+std::string ratio_text(double value) {
   char text[64];
-  snprintf(text, sizeof text, "%.2f", ratio);
+  snprintf(text, sizeof text, "%.2f", value);
   return text;
 }
 
@@ -61,19 +61,28 @@ const Result* first_of(const Figure& figure, Role role) {
   return nullptr;
 }
 
+// How many times as much `result` is as `other`, from round to round.
+double ratio(const Result& result, const Result& other) {
+  std::vector<double> ratios;
+  for (size_t i = 0; i < result.rounds.size(); ++i) {
+    ratios.push_back(result.rounds[i] / other.rounds[i]);
+  }
+  return median(std::move(ratios));
+}
+
 double of_floor(const Figure& figure) {
   const Result* floor = first_of(figure, Role::floor);
-  return floor != nullptr ? figure.results[0].median / floor->median : 0;
+  return floor != nullptr ? ratio(figure.results[0], *floor) : 0;
 }
 
 double of_peer(const Figure& figure) {
   const Result* peer = first_of(figure, Role::peer);
-  return peer != nullptr ? peer->median / figure.results[0].median : 0;
+  return peer != nullptr ? ratio(*peer, figure.results[0]) : 0;
 }
 
 // Ratios count as they are shown: with two decimals.
-double shown(double ratio) {
-  return std::round(ratio * 100) / 100;
+double shown(double value) {
+  return std::round(value * 100) / 100;
 }
 
 bool has_limit(const Limits& limits) {
@@ -85,7 +94,7 @@ bool within(const Figure& figure) {
   const bool no_peer = first_of(figure, Role::peer) == nullptr;
   return (limits.of_floor == 0 || shown(of_floor(figure)) <= limits.of_floor) &&
          (limits.of_peer == 0 || no_peer || shown(of_peer(figure)) >= limits.of_peer) &&
-         (limits.of_itself == 0 || figure.results[0].median <= limits.of_itself);
+         (limits.of_itself == 0 || median(figure.results[0].rounds) <= limits.of_itself);
 }
 
 std::string limit_text(const Figure& figure) {
@@ -113,12 +122,12 @@ std::string row_of(const Figure& figure) {
   for (const Result& result : figure.results) {
     if (result.role == Role::peer || result.role == Role::part) {
       others += (others.empty() ? "" : "; ") + result.what + " " +
-                value_text(result.median, figure.unit) + " (" +
-                ratio_text(result.median / ours.median) + " ×)";
+                value_text(median(result.rounds), figure.unit) + " (" +
+                ratio_text(ratio(result, ours)) + " ×)";
     }
   }
-  return "| " + figure.work + " | " + value_text(ours.median, figure.unit) + " | " +
-         (floor != nullptr ? value_text(floor->median, figure.unit) : "") + " | " +
+  return "| " + figure.work + " | " + value_text(median(ours.rounds), figure.unit) + " | " +
+         (floor != nullptr ? value_text(median(floor->rounds), figure.unit) : "") + " | " +
          (floor != nullptr ? ratio_text(of_floor(figure)) : "") + " | " + limit_text(figure) +
          " | " + others + " |\n";
 }
@@ -145,9 +154,10 @@ json_t* json_of(const Figure& figure) {
   json_t* results = json_array();
   for (const Result& result : figure.results) {
     json_array_append_new(
-        results, json_pack("{s:s, s:s, s:f, s:f, s:f}", "role", role_name(result.role), "what",
-                           result.what.c_str(), "median", result.median, "lower_quartile",
-                           result.low, "upper_quartile", result.high));
+        results,
+        json_pack("{s:s, s:s, s:f, s:f, s:f}", "role", role_name(result.role), "what",
+                  result.what.c_str(), "median", median(result.rounds), "lower_quartile",
+                  quantile(result.rounds, 0.25), "upper_quartile", quantile(result.rounds, 0.75)));
   }
   json_t* object =
       json_pack("{s:s, s:s, s:s, s:o}", "family", figure.family.c_str(), "work",
