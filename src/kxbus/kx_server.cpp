@@ -294,6 +294,9 @@ void kx_server::give_way(const uid_t* uid) {
       longest = &silent;
     }
   }
+  if (longest == nullptr) {
+    return;
+  }
   Descriptor connection = take(*longest);
   if (!serve(connection, Caller::perhaps_gone)) {
     refuse(std::move(connection), KX_IS_BUSY);
