@@ -7,7 +7,6 @@
 //
 #include <sys/mman.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -52,9 +51,8 @@ inline void prepare_for_filling(void* array, size_t size) {
   if (size < 2 * kLargePage) {
     return;
   }
-  const auto begin = reinterpret_cast<uintptr_t>(array);
-  const uintptr_t first = (begin + kLargePage - 1) / kLargePage * kLargePage;
-  madvise(reinterpret_cast<void*>(first), begin + size - first, MADV_HUGEPAGE);
+  std::align(kLargePage, kLargePage, array, size);
+  madvise(array, size, MADV_HUGEPAGE);
 }
 
 // A query. Returns the call's status; *result is filled only when that is 0. The bytes that came
