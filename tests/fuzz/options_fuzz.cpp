@@ -36,8 +36,11 @@ void read_sections(const zorv::GlobalConfig& config, const std::string& key) {
   require(section != nullptr, "a section is never null");
   JsonValue out;
   require(config.load(key.c_str(), out) == 0, "a named section is read");
-  config.get_vpn_gw(out["gateway"]);
+  JsonValue gateway;
+  config.get_vpn_gw(gateway);
   std::string text;
+  gateway.toString(text);
+  text.clear();
   out.toString(text);
   out.print(stdout);
   require(text.size() > 1 && text.front() == '{' && text.back() == '}', "an object's text");
