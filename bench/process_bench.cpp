@@ -3,23 +3,20 @@
 //
 // The floor is an empty program that opens the same database five times, runs what sets a
 // connection up and makes the tables, and answers one raw exchange (floor_process.cpp).
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 #include <stdexcept>
 
 #include "families.h"
 #include "harness/daemon.h"
+#include "harness/process.h"
 #include "harness/test_root.h"
 #include "kxbus.h"
 #include "memory.h"
 #include "raw_bus.h"
 #include "server_log.h"
-
-extern char** environ;
 
 namespace bench {
 namespace {
@@ -27,24 +24,8 @@ namespace {
 constexpr useconds_t kPause = 20;
 constexpr int kTries = 500000;
 
-pid_t start(const std::vector<std::string>& words) {
-  std::vector<char*> arguments;
-  for (const std::string& word : words) {
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  pid_t pid = -1;
-  if (posix_spawn(&pid, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0) {
-    throw std::runtime_error("cannot start " + words[0]);
-  }
-  return pid;
-}
-
-void stop(pid_t pid) {
-  int status = -1;
-  kill(pid, SIGTERM);
-  waitpid(pid, &status, 0);
-  if (status != 0) {
+void stop(harness::Process& process) {
+  if (process.terminate() != 0) {
     throw std::runtime_error("a process did not stop well");
   }
 }
@@ -83,26 +64,26 @@ struct Subject {
 };
 
 double time_start(const Subject& subject) {
-  pid_t pid = -1;
+  std::unique_ptr<harness::Process> process;
   const double seconds = seconds_of([&] {
-    pid = start(subject.command);
+    process = std::make_unique<harness::Process>(subject.command);
     wait_for(subject.answers);
   });
-  stop(pid);
+  stop(*process);
   return seconds;
 }
 
 double time_stop(const Subject& subject) {
-  const pid_t pid = start(subject.command);
+  harness::Process process(subject.command);
   wait_for(subject.answers);
-  return seconds_of([pid] { stop(pid); });
+  return seconds_of([&process] { stop(process); });
 }
 
 double idle_memory(const Subject& subject) {
-  const pid_t pid = start(subject.command);
+  harness::Process process(subject.command);
   wait_for(subject.answers);
-  const double bytes = resident_bytes(pid);
-  stop(pid);
+  const double bytes = resident_bytes(process.pid());
+  stop(process);
   return bytes;
 }
 

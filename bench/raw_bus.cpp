@@ -10,6 +10,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "descriptor.h"
+
 namespace bench {
 namespace {
 
@@ -76,13 +78,12 @@ void send_descriptor(int connection, char* packet, int descriptor) {
 
 size_t exchange(const std::string& name, char* packet, size_t length, int* ret_descriptor) {
   const Address address(name);
-  const int connection = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  require(connect(connection, address.get(), address.length) == 0, "no raw server");
-  check_peer(connection);
-  require(send(connection, packet, length, MSG_NOSIGNAL) > 0, "no request was sent");
-  const ssize_t received = receive(connection, packet, ret_descriptor);
+  const platform::Descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  require(connect(connection.get(), address.get(), address.length) == 0, "no raw server");
+  check_peer(connection.get());
+  require(send(connection.get(), packet, length, MSG_NOSIGNAL) > 0, "no request was sent");
+  const ssize_t received = receive(connection.get(), packet, ret_descriptor);
   require(received > 0, "no reply came");
-  close(connection);
   return static_cast<size_t>(received);
 }
 
