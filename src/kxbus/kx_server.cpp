@@ -260,6 +260,7 @@ void kx_server::keep(Descriptor connection, uid_t uid) {
   slot->connection = std::move(connection);
   slot->uid = uid;
   slot->until = now() + kSilentTime;
+  slot->arrival = ++arrivals_;
   next_expiry_ = std::min(next_expiry_, slot->until);
   ++silent_count_;
 }
@@ -290,7 +291,7 @@ void kx_server::give_way(const uid_t* uid) {
   Silent* longest = nullptr;
   for (Silent& silent : silent_) {
     if (silent.connection.valid() && (uid == nullptr || silent.uid == *uid) &&
-        (longest == nullptr || silent.until < longest->until)) {
+        (longest == nullptr || silent.arrival < longest->arrival)) {
       longest = &silent;
     }
   }

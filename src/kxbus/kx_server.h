@@ -42,7 +42,8 @@ struct kx_server {
     kxbus::Descriptor connection;
     uid_t uid = 0;
     std::uint32_t generation = 0;
-    std::int64_t until = 0;  // milliseconds, monotonic
+    std::int64_t until = 0;     // milliseconds, monotonic
+    std::uint64_t arrival = 0;  // counts up: tells those apart that came in one millisecond
   };
 
   // Whether the caller may have hung up while its request waited here.
@@ -76,6 +77,7 @@ struct kx_server {
   std::int64_t deaf_until_ = 0;  // the listener is not watched before; 0 when it is
   std::array<Silent, 256> silent_;
   std::size_t silent_count_ = 0;
+  std::uint64_t arrivals_ = 0;
   std::int64_t next_expiry_ = INT64_MAX;  // no slot expires earlier
   kxbus::LogBudget log_budget_;
   kx_io request_;
