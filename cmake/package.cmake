@@ -1,0 +1,91 @@
+# What is installed where, and the Debian packages made of it: script/package.
+#
+# zorvd is the daemon with everything around it; zorv-dev is for programs that call the daemon.
+include(GNUInstallDirs)
+set(package ${CMAKE_SOURCE_DIR}/packaging)
+
+install(TARGETS zorvd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
+install(TARGETS zorvctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT zorvd)
+set(manuals zorvd.8 zorvctl.1)
+set(units zorvd)
+if(TARGET platformd)
+  install(TARGETS platformd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
+  # The daemon runs /usr/local/sbin/notify, which is no package's to own: tmpfiles links it here.
+  install(TARGETS notify RUNTIME DESTINATION lib/zorv COMPONENT zorvd)
+  list(APPEND manuals notify.8 platformd.8)
+  list(APPEND units platformd)
+endif()
+
+foreach(manual ${manuals})
+  string(REGEX MATCH "[0-9]$" section ${manual})
+  add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/man/${manual}.gz
+                     COMMAND gzip -9nc ${package}/man/${manual} > ${CMAKE_BINARY_DIR}/man/${manual}.gz
+                     DEPENDS ${package}/man/${manual})
+  list(APPEND compressed ${CMAKE_BINARY_DIR}/man/${manual}.gz)
+  install(FILES ${CMAKE_BINARY_DIR}/man/${manual}.gz
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT zorvd)
+endforeach()
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/man)
+add_custom_target(manuals ALL DEPENDS ${compressed})
+
+foreach(unit ${units})
+  install(FILES ${package}/systemd/${unit}.service DESTINATION /lib/systemd/system COMPONENT zorvd)
+endforeach()
+install(FILES ${package}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zorvd.conf COMPONENT zorvd)
+install(FILES ${package}/logrotate.conf DESTINATION /etc/logrotate.d RENAME zorvd COMPONENT zorvd)
+install(FILES ${package}/completion/zorvctl.bash
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zorvctl
+        COMPONENT zorvd)
+install(FILES README.md docs/operations.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
+
+# The libraries' folder is their own: some of their names are short.
+set(client_libraries ${CMAKE_INSTALL_LIBDIR}/zorv)
+if(TARGET kxbus AND TARGET platform)
+  install(TARGETS zorv_client zorv_log kxbus platform
+          ARCHIVE DESTINATION ${client_libraries} COMPONENT zorv-dev)
+  install(FILES src/zorv/zorv_api_db.h src/zorv/zorv_api_mobile.h src/zorv/zorv_records.h
+                src/kxbus/kxbus.h
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorv COMPONENT zorv-dev)
+  configure_file(${package}/zorv-client.pc.in ${CMAKE_BINARY_DIR}/zorv-client.pc @ONLY)
+  install(FILES ${CMAKE_BINARY_DIR}/zorv-client.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT zorv-dev)
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME zorvd)
+set(CPACK_PACKAGE_VENDOR "zorvd")
+set(CPACK_PACKAGE_CONTACT "zorvd maintainers <zorvd@localhost>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL zorvd zorv-dev)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+if(CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+endif()
+
+set(CPACK_DEBIAN_ZORVD_PACKAGE_NAME zorvd)
+set(CPACK_DEBIAN_ZORVD_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_ZORVD_DESCRIPTION "Record daemon of a NAS's VPN service
+ Keeps the records of VPN servers and clients, decides who is blocked after
+ failed logins and sends notifications; with zorvctl, its command line, and
+ stand-ins for the services of the NAS's platform.")
+# Written down rather than asked of the libraries, which a cross-build has no package database for.
+set(CPACK_DEBIAN_ZORVD_PACKAGE_DEPENDS
+    "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libsqlite3-0 (>= 3.7.15), \
+libjansson4 (>= 2.14), libfmt9 (>= 9.1), init-system-helpers (>= 1.54~), \
+systemd-standalone-tmpfiles | systemd")
+set(CPACK_DEBIAN_ZORVD_PACKAGE_RECOMMENDS "logrotate")
+set(CPACK_DEBIAN_ZORVD_PACKAGE_SUGGESTS "bash-completion, sqlite3")
+set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_EXTRA
+    "${package}/debian/postinst;${package}/debian/prerm;${package}/debian/postrm;\
+${package}/debian/conffiles")
+set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_NAME zorv-dev)
+set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_DEPENDS "libstdc++-12-dev")
+set(CPACK_DEBIAN_ZORV-DEV_DESCRIPTION "Client interface of a NAS's VPN service's record daemon
+ Headers and static libraries for programs that call zorvd.")
+include(CPack)

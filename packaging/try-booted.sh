@@ -1,0 +1,28 @@
+#!/bin/sh
+# Run by systemd in a booted root that has the package installed: the units run, confined as they are.
+set -eu
+trap '[ $? -eq 0 ] || { journalctl --no-pager -n 30; systemctl exit 1; }' EXIT
+systemctl is-active platformd.service zorvd.service
+for _ in $(seq 200); do
+  zorvctl server-log list -q >/dev/null 2>&1 && break
+  sleep 0.05
+done
+zorvctl server-log add --username alice --vpn-type openvpn --action login-ok
+zorvctl server-log list username=alice
+zorvctl session add --username alice
+zorvctl uuid new
+echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >/etc/config/vpn_block.conf
+zorvctl block fail mallory
+zorvctl block check mallory && exit 1 || [ $? -eq 4 ]
+for _ in $(seq 200); do
+  [ "$(wc -l </var/log/network/notifications.jsonl)" -ge 2 ] 2>/dev/null && break
+  sleep 0.05
+done
+cat /var/log/network/notifications.jsonl
+journalctl -t notify --no-pager -o cat
+ls -l /etc/config/zorv /var/log/network
+systemctl restart zorvd.service
+systemctl stop zorvd.service platformd.service
+systemctl --failed --no-legend --plain | grep -E '^(zorvd|platformd)' && exit 1
+echo "the units work"
+systemctl exit 0

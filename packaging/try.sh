@@ -1,0 +1,50 @@
+#!/bin/sh
+# Run inside a root that has the package installed: starts the daemon, uses it, stops it and removes the
+# package. Every step must work; the last line says so.
+set -eu
+step() { printf '\n-- %s\n' "$1"; }
+
+step "starting"
+mount -t proc proc /proc
+platformd --log-file /var/log/network/platformd.log >/dev/null &
+platform=$!
+zorvd -d -p /var/run/zorvd.pid
+for _ in $(seq 200); do
+  zorvctl server-log list -q >/dev/null 2>&1 && break
+  sleep 0.05
+done
+cat /var/run/zorvd.pid
+dpkg --print-architecture
+
+step "using"
+zorvctl server-log add --username alice --vpn-type openvpn --action login-ok --source-ip 192.0.2.7
+zorvctl server-log list
+zorvctl server-log list username=alice -j | grep '192.0.2.7'
+echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >/etc/config/vpn_block.conf
+zorvctl block policy
+zorvctl block fail mallory
+zorvctl block check mallory && exit 1 || [ $? -eq 4 ]
+zorvctl uuid new
+for _ in $(seq 200); do
+  [ "$(wc -l 2>/dev/null </var/log/network/notifications.jsonl)" -ge 2 ] 2>/dev/null && break
+  sleep 0.05
+done
+cat /var/log/network/notifications.jsonl
+[ "$(readlink /usr/local/sbin/notify)" = /usr/lib/zorv/notify ]
+
+step "stopping"
+pid=$(cat /var/run/zorvd.pid)
+kill "$pid"
+while kill -0 "$pid" 2>/dev/null; do sleep 0.05; done
+tail -c 60 /var/log/network/ZORV.log
+[ ! -e /var/run/zorvd.pid ]
+kill "$platform"
+wait "$platform"
+
+step "removing"
+dpkg --verify zorvd
+dpkg --remove zorvd
+[ ! -e /usr/local/sbin/notify ] && [ ! -e /usr/sbin/zorvd ] && [ -e /etc/config/zorv/zorv.db ]
+dpkg --purge zorvd
+[ ! -e /etc/logrotate.d/zorvd ] && [ -e /etc/config/zorv/zorv.db ]
+echo "the package works on $(dpkg --print-architecture)"
