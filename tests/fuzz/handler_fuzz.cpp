@@ -10,15 +10,15 @@
 // and devices for good, and the tables are emptied now and then.
 #include <sqlite3.h>
 #include <sys/socket.h>
-#include <unistd.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
-#include <memory>
+#include <thread>
 
-#include "kx_io.h"
+#include "kx_descriptor.h"
 #include "kx_packet.h"
-#include "kx_transport.h"
 #include "kxbus.h"
 #include "rooted.h"
 #include "stand_ins.h"
@@ -37,6 +37,8 @@ using fuzz::require;
 
 constexpr unsigned kInputsPerSweep = 512;
 constexpr size_t kRecordSpace = 8 * 1024;  // of a request's buffer that is zero behind the payload
+constexpr const char* kAddress = "@/var/run/zorvd.sock";
+constexpr size_t kFlagsOffset = 8;
 constexpr const char* kAnyPolicy =
     R"({"data":{"global":{"enable":true,"limit":2,"time":1}},"error":0})";
 
@@ -108,103 +110,88 @@ std::string schema() {
   return text;
 }
 
-// A caller and the serving side of the bus in one: the request travels through a socket into the
-// server's buffer, as every request does, and the answer back.
-class Caller {
- public:
-  Caller() {
-    request_.on_loan = true;
-    require(request_.buffer.allocate_cleared() && answer_.allocate(), "memory for buffers");
-  }
+// Before the daemon's own callback: what the bus promises of a request's buffer.
+void check_and_handle(const char* method, kx_io* io, int fd) {
+  size_t length = 0;
+  const auto* payload = static_cast<const char*>(kx_io_read(io, &length));
+  const size_t space = std::max(kRecordSpace, length + 1);
+  require(payload == nullptr ||
+              std::all_of(payload + length, payload + space, [](char byte) { return byte == 0; }),
+          "zeros behind the payload");
+  zorvd_method_handler(method, io, fd);
+}
 
-  // The status of the answer, and its body.
-  int call(const char* method, const std::string& payload, std::string& ret_body) {
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "a socket pair");
-    const kxbus::Descriptor socket(ends[0]);
-    request_.caller.reset(ends[1]);
+void start_serving() {
+  kx_server* const server = kx_create(kAddress, 4, 1, check_and_handle);
+  require(server != nullptr, "a server");
+  std::thread([server] { kx_start(server); }).detach();
+}
 
-    kxbus::HeaderBytes header;
-    kxbus::encode_request({.method = method, .body_length = payload.size()}, header);
-    require(kxbus::send_packet(socket.get(), header, payload, method, {}) == 0, "a request");
-    serve();
-
-    kxbus::ReplyFrame frame;
-    const kxbus::Incoming incoming = receive(socket.get(), answer_);
-    require(kxbus::decode_reply(incoming.packet(answer_.packet_space()), frame) == KX_SUCCESS,
-            "an answer that can be read");
-    if (frame.body_in_memfd) {
-      kxbus::Descriptor memfd(dup(incoming.descriptors[0].get()));
-      require(answer_.accept_memfd(std::move(memfd), frame.body_length) == KX_SUCCESS,
-              "a sealed answer");
-    } else {
-      answer_.accept_reply(frame.body_length);
-    }
-    const char* const body = answer_.read();
-    ret_body.assign(body != nullptr ? body : "", answer_.size());
-    answer_.clear();
-    return frame.status;
-  }
-
- private:
-  static kxbus::Incoming receive(int socket, kxbus::Buffer& buffer) {
-    kxbus::Incoming incoming;
-    require(kxbus::receive_packet(socket, buffer.packet_space(), kxbus::Wait::no, incoming) ==
-                kxbus::Receipt::packet,
-            "every packet arrives");
-    return incoming;
-  }
-
-  void serve() {
-    kxbus::RequestFrame frame;
-    const kxbus::Incoming incoming = receive(request_.caller.get(), request_.buffer);
-    require(
-        kxbus::decode_request(incoming.packet(request_.buffer.packet_space()), frame) == KX_SUCCESS,
-        "a request that can be read");
-    const std::string method(frame.method);
-    request_.buffer.accept_request(incoming.received - kxbus::kHeaderSize, frame.body_length);
-    if (frame.body_length > 0) {
-      const char* const body = request_.buffer.read();
-      const char* const end = body + std::max(kRecordSpace, frame.body_length + 1);
-      require(std::all_of(body + frame.body_length, end, [](char byte) { return byte == 0; }),
-              "zeros behind the payload");
-    }
-    zorvd_method_handler(method.c_str(), &request_, -1);
-    request_.finish(KX_IS_INVALID);
-    request_.buffer.clear();
-  }
-
-  kx_io request_;
-  kxbus::Buffer answer_;
+struct Answer {
+  kxbus::ReplyFrame frame;
+  std::string body;  // empty where it came in a memfd
 };
 
-Caller& caller() {
-  static const auto instance = std::make_unique<Caller>();
-  return *instance;
+// A call as it is on the wire.
+Answer call(std::string_view method, const std::string& payload) {
+  const std::string name = platform::rooted(kAddress + 1);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  const kxbus::Descriptor caller(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  require(connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0,
+          "the server listens");
+
+  kxbus::HeaderBytes header;
+  kxbus::encode_request({.method = method, .body_length = payload.size()}, header);
+  std::string packet(reinterpret_cast<const char*>(header), sizeof header);
+  packet.append(payload).append(method);
+  require(send(caller.get(), packet.data(), packet.size(), MSG_NOSIGNAL) ==
+              static_cast<ssize_t>(packet.size()),
+          "a request can be sent");
+  packet.resize(kxbus::kHeaderSize + kxbus::kPacketBody);
+  const ssize_t received = recv(caller.get(), packet.data(), packet.size(), 0);
+  require(received >= static_cast<ssize_t>(kxbus::kHeaderSize), "every caller is answered");
+  packet.resize(static_cast<size_t>(received));
+
+  Answer answer;
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(packet.data());
+  const bool has_memfd = (bytes[kFlagsOffset] & kxbus::kBodyInMemfd) != 0;
+  answer.body = packet.substr(kxbus::kHeaderSize);
+  require(kxbus::decode_reply({.header = {bytes, kxbus::kHeaderSize},
+                               .payload = answer.body,
+                               .sent = packet.size(),
+                               .descriptors = has_memfd ? 1U : 0U},
+                              answer.frame) == KX_SUCCESS,
+          "an answer that can be read");
+  return answer;
 }
 
-void check_query_answer(const std::string& body, size_t record_size) {
-  require(body.size() >= kQueryHeaderSize, "a query's answer has its header");
-  query_result<char> header{};
-  memcpy(&header, body.data(), kQueryHeaderSize);
-  require(header.data == nullptr, "no address leaves the process");
-  require(header.count == (body.size() - kQueryHeaderSize) / record_size &&
-              (body.size() - kQueryHeaderSize) % record_size == 0,
-          "as many records as announced");
-  require(header.count <= 100000, "a page within the limit");
-}
-
-void call(const Choice& choice, const std::string& payload) {
-  std::string body;
-  const int status = caller().call(choice.method, payload, body);
-  if (&choice == &kUnknown) {
-    require(status == KX_IS_INVALID, "nobody's method");
-  } else {
-    require(status == KX_SUCCESS || status == KX_IS_REJECT, "done or refused");
+void check_query_answer(const Answer& answer, size_t record_size) {
+  const size_t records = answer.frame.body_length - kQueryHeaderSize;
+  require(answer.frame.body_length >= kQueryHeaderSize && records % record_size == 0,
+          "a head and whole records");
+  require(records / record_size <= 100000, "a page within the limit");
+  if (answer.frame.body_in_memfd) {
+    return;
   }
-  require(status == KX_SUCCESS || body.empty(), "a refusal without a body");
-  if (status == KX_SUCCESS && choice.record_size != 0) {
-    check_query_answer(body, choice.record_size);
+  query_result<char> head{};
+  memcpy(&head, answer.body.data(), kQueryHeaderSize);
+  require(head.data == nullptr, "no address leaves the process");
+  require(head.count == records / record_size, "as many records as announced");
+}
+
+void check_call(const Choice& choice, const std::string& payload) {
+  const Answer answer = call(choice.method, payload);
+  if (&choice == &kUnknown) {
+    require(answer.frame.status == KX_IS_INVALID, "nobody's method");
+  } else {
+    require(answer.frame.status == KX_SUCCESS || answer.frame.status == KX_IS_REJECT,
+            "done or refused");
+  }
+  if (answer.frame.status == KX_SUCCESS && choice.record_size != 0) {
+    check_query_answer(answer, choice.record_size);
   }
 }
 
@@ -221,9 +208,8 @@ void sweep() {
   memcpy(cond.field, "none", sizeof "none");
   memcpy(cond.value, "none", sizeof "none");
   const std::string payload(reinterpret_cast<const char*>(&cond), sizeof cond);
-  std::string body;
-  caller().call("db_server_list_query", payload, body);
-  caller().call("db_device_info_query", payload, body);
+  call("db_server_list_query", payload);
+  call("db_device_info_query", payload);
 }
 
 }  // namespace
@@ -235,6 +221,7 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
               store::create_server_list_db() == 0 && store::create_device_info_db() == 0 &&
               store::create_privilege_user_block_db() == 0,
           "the tables can be made");
+  start_serving();
   return 0;
 }
 
@@ -255,7 +242,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       continue;
     }
     fuzz::replies.assign(1, policy);
-    call(kChoices[choice], payload);
+    check_call(kChoices[choice], payload);
   }
   return 0;
 }

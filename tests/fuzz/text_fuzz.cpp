@@ -8,6 +8,7 @@
 #include <string>
 
 #include "display_text.h"
+#include "duration.h"
 #include "global_options.h"
 #include "long_conversion.h"
 #include "record_kind.h"
