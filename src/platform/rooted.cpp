@@ -1,5 +1,6 @@
 #include "rooted.h"
 
+#include <climits>
 #include <cstdlib>
 
 namespace platform {
@@ -8,6 +9,10 @@ const std::string& root() {
   static const std::string value = [] {
     const char* named = secure_getenv("ZORV_ROOT");
     std::string text = named != nullptr ? named : "";
+    char folder[PATH_MAX];
+    if (!text.empty() && text.front() != '/' && realpath(named, folder) != nullptr) {
+      text = folder;
+    }
     while (!text.empty() && text.back() == '/') {
       text.pop_back();
     }

@@ -5,8 +5,8 @@
 // opened, locked or executed, so that any number of complete systems live side by side without root
 // rights. Texts, logs and defaults keep showing the plain path.
 //
-// ZORV_ROOT is read once, with secure_getenv: a set-user-ID program ignores it. Safe to call from
-// any thread.
+// ZORV_ROOT is read once, at the first call, with secure_getenv: a set-user-ID program ignores it.
+// A relative one is taken from the folder that is then current. Safe to call from any thread.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@
 
 namespace platform {
 
-// The value of ZORV_ROOT without a trailing '/', or "" where it is not set.
+// The absolute path that ZORV_ROOT names, without a trailing '/', or "" where it is not set.
 const std::string& root();
 
 // The path to hand to the kernel for the fixed path `path`. A relative path, as an option may give

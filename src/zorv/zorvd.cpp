@@ -160,6 +160,7 @@ void daemonize() {
   signal(SIGCHLD, SIG_IGN);
   fork_and_leave();
   umask(0);
+  platform::root();  // a relative one is the caller's, not one below "/"
   [[maybe_unused]] const int moved = chdir("/");
   platform::close_from(1);  // 0 stays open
   reopen_streams();
