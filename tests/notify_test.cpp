@@ -11,7 +11,7 @@
 #include "harness/daemon.h"
 #include "harness/process.h"
 #include "harness/test_root.h"
-#include "json_handle.h"
+#include "json_ref.h"
 
 namespace {
 
@@ -45,8 +45,8 @@ class Notify : public testing::Test {
 };
 
 // The objects of the notification file, each of which must be one line.
-std::vector<platform::Json> lines() {
-  std::vector<platform::Json> objects;
+std::vector<JsonRef> lines() {
+  std::vector<JsonRef> objects;
   std::string rest = harness::read_file(harness::kNotifications);
   while (!rest.empty()) {
     const size_t end = rest.find('\n');
@@ -59,13 +59,13 @@ std::vector<platform::Json> lines() {
   return objects;
 }
 
-std::string text_of(const platform::Json& line, const char* key) {
+std::string text_of(const JsonRef& line, const char* key) {
   const json_t* value = json_object_get(line.get(), key);
   return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value))
                                : std::string("no text: ") + key;
 }
 
-Words arguments_of(const platform::Json& line) {
+Words arguments_of(const JsonRef& line) {
   Words words;
   const json_t* array = json_object_get(line.get(), "arguments");
   for (size_t i = 0; i < json_array_size(array); ++i) {

@@ -14,7 +14,7 @@
 #include "harness/daemon.h"
 #include "harness/process.h"
 #include "harness/test_root.h"
-#include "json_handle.h"
+#include "json_ref.h"
 #include "kxbus.h"
 
 namespace {
@@ -25,7 +25,7 @@ constexpr const char* kState = "/etc/config/network_state.json";
 
 struct Answer {
   int status = -1;  // of the bus
-  platform::Json json;
+  JsonRef json;
 
   json_int_t error() const {
     const json_t* value = json_object_get(json.get(), "error");
@@ -61,7 +61,7 @@ Answer call(const char* service, const char* method, const std::string& request)
 }
 
 Answer read_json(const std::string& path) {
-  const platform::Json request(json_pack("{s:s%}", "path", path.data(), path.size()));
+  const JsonRef request(json_pack("{s:s%}", "path", path.data(), path.size()));
   const std::unique_ptr<char, decltype(&free)> text(json_dumps(request.get(), 0), &free);
   return call("vpncaas", "read_json", text.get());
 }

@@ -25,6 +25,8 @@
 #include <stddef.h>
 
 #ifdef __cplusplus
+#include <memory>
+
 extern "C" {
 #endif
 
@@ -140,4 +142,10 @@ void kx_io_free(kx_io* io);
 
 #ifdef __cplusplus
 }
+
+struct kx_io_release {
+  void operator()(kx_io* io) const { kx_io_free(io); }
+};
+// A buffer that is released at the end of its scope.
+using kx_io_owner = std::unique_ptr<kx_io, kx_io_release>;
 #endif

@@ -1,5 +1,4 @@
 #include <cstring>
-#include <memory>
 #include <utility>
 
 #include "global_options.h"
@@ -14,11 +13,6 @@ LogModule log_module{"global_options"};
 
 constexpr int kTimeoutSeconds = 5;
 constexpr int kNoDescriptor = -1;
-
-struct FreeIo {
-  void operator()(kx_io* io) const { kx_io_free(io); }
-};
-using Io = std::unique_ptr<kx_io, FreeIo>;
 
 // The answer is text and ends at its first zero byte, or with the reply.
 JsonRef parse_reply(kx_io* io) {
@@ -35,7 +29,7 @@ JsonRef parse_reply(kx_io* io) {
 json_t* easy_kx_call(const char* service, const char* method, const char* args) {
   const char* const shown_args = args != nullptr ? args : "";
   ZORV_LOG(debug, "kx_call %s.%s %s", service, method, shown_args);
-  const Io io(kx_io_create());
+  const kx_io_owner io(kx_io_create());
   if (io == nullptr) {
     ZORV_LOG(error, "%s: kx_io_create failed", "easy_kx_call");
     return nullptr;

@@ -19,27 +19,22 @@ namespace zorv_api {
 inline constexpr int kTimeoutSeconds = 5;
 inline constexpr int kNoDescriptor = -1;
 
-struct FreeIo {
-  void operator()(kx_io* io) const { kx_io_free(io); }
-};
-using Io = std::unique_ptr<kx_io, FreeIo>;
-
 // A fresh buffer. Without one no call is possible and the process ends, in release builds too,
 // naming `source` and the client function by its signature.
-inline Io create_io(const char* source, const char* signature,
-                    unsigned line = static_cast<unsigned>(__builtin_LINE())) {
-  Io io(kx_io_create());
+inline kx_io_owner create_io(const char* source, const char* signature,
+                             unsigned line = static_cast<unsigned>(__builtin_LINE())) {
+  kx_io_owner io(kx_io_create());
   if (io == nullptr) {
     __assert_fail("io != __null", source, line, signature);
   }
   return io;
 }
 
-inline int call(const Io& io, const char* method) {
+inline int call(const kx_io_owner& io, const char* method) {
   return kx_call(kZorvdAddress, method, io.get(), kTimeoutSeconds, kNoDescriptor);
 }
 
-inline int call(const Io& io, const char* method, const void* request, size_t size) {
+inline int call(const kx_io_owner& io, const char* method, const void* request, size_t size) {
   const int written = kx_io_write(io.get(), request, size);
   return written != KX_SUCCESS ? written : call(io, method);
 }
@@ -59,7 +54,7 @@ inline void prepare_for_filling(void* array, size_t size) {
 // are believed, not the count they announce: a reply that does not hold its records is
 // KX_IO_FAILURE. on_count is called with the count before the rows are copied.
 template <class Result, class OnCount>
-int query(const Io& io, const char* method, const db_query_cond& cond, Result* result,
+int query(const kx_io_owner& io, const char* method, const db_query_cond& cond, Result* result,
           OnCount&& on_count) {
   using Record = typename Result::record_type;
   const int status = call(io, method, &cond, sizeof cond);

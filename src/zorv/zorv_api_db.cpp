@@ -9,7 +9,6 @@
 
 using zorv_api::call;
 using zorv_api::create_io;
-using zorv_api::Io;
 
 namespace {
 
@@ -19,7 +18,7 @@ constexpr const char* kSource = "zorv_api_db";
 // The list functions below report nothing of a failed call: they return 0 and leave the result
 // alone.
 template <class Result>
-int list(const LogSite& site, const Io& io, const char* method, db_query_cond* cond,
+int list(const LogSite& site, const kx_io_owner& io, const char* method, db_query_cond* cond,
          Result** result) {
   return zorv_api::query(io, method, *cond, *result, [&site](unsigned long long count) {
     ZORV_LOG_AT(site, debug, "query count = %llu", count);
@@ -27,102 +26,102 @@ int list(const LogSite& site, const Io& io, const char* method, db_query_cond* c
 }
 
 // A user name travels as its characters, without terminator.
-int call_for_user(const Io& io, const char* method, const char* username) {
+int call_for_user(const kx_io_owner& io, const char* method, const char* username) {
   return call(io, method, username, std::strlen(username));
 }
 
 }  // namespace
 
 int add_conn_server_log(db_conn_server_log* record) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "add_connection_insert\n");
   return call(io, "db_conn_insert", record, sizeof *record);
 }
 
 int list_conn_server_log(db_query_cond* cond, db_conn_server_log_query** result) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "list_conn_server_log\n");
   list(ZORV_HERE, io, "db_conn_server_log_query", cond, result);
   return 0;
 }
 
 int delete_conn_server_log(db_delete_cond* cond) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "delete_conn_server_log\n");
   return call(io, "db_conn_server_log_del", cond, sizeof *cond);
 }
 
 int clean_conn_server_log() {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "clean_conn_server_log\n");
   return call(io, "db_conn_server_log_clean");
 }
 
 int add_conn_client_log(db_conn_client_log_data* record) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "add_connection_insert\n");
   return call(io, "db_conn_client_log_insert", record, sizeof *record);
 }
 
 int list_conn_client_log(db_query_cond* cond, db_conn_client_log_query** result) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "list_conn_client_log\n");
   list(ZORV_HERE, io, "db_conn_client_log_query", cond, result);
   return 0;
 }
 
 int delete_conn_client_log(db_delete_cond* cond) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "delete_conn_client_log\n");
   return call(io, "db_conn_client_log_del", cond, sizeof *cond);
 }
 
 int clean_conn_client_log() {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "clean_conn_client_log\n");
   return call(io, "db_conn_client_log_clean");
 }
 
 int add_event_data(db_event_data* record) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "add_event_insert\n");
   return call(io, "db_event_insert", record, sizeof *record);
 }
 
 int list_event_data(db_query_cond* cond, db_event_query** result) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "list_event_data\n");
   list(ZORV_HERE, io, "db_event_query", cond, result);
   return 0;
 }
 
 int add_server_list(db_server_list_data* record) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "add_server_list_insert\n");
   return call(io, "db_server_list_insert", record, sizeof *record);
 }
 
 int list_server_list(db_query_cond* cond, db_server_list_query** result) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "list_server_list\n");
   list(ZORV_HERE, io, "db_server_list_query", cond, result);
   return 0;
 }
 
 int delete_server_list(db_delete_cond* cond) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "delete_server_list\n");
   return call(io, "db_server_list_del", cond, sizeof *cond);
 }
 
 int clean_server_list() {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "clean_server_list\n");
   return call(io, "db_server_list_clean");
 }
 
 int add_device_info(db_device_info_data* record, zorv_mobile_gen_uuid_data_get* uuid) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "add_device_info_insert\n");
   const int status = call(io, "db_device_info_insert", record, sizeof *record);
   size_t length = 0;
@@ -136,32 +135,32 @@ int add_device_info(db_device_info_data* record, zorv_mobile_gen_uuid_data_get* 
 }
 
 int list_device_info(db_query_cond* cond, db_device_info_query** result) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "list_device_info\n");
   list(ZORV_HERE, io, "db_device_info_query", cond, result);
   return 0;
 }
 
 int delete_device_info(db_delete_cond* cond) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "delete_device_info\n");
   return call(io, "db_device_info_del", cond, sizeof *cond);
 }
 
 int clean_device_info() {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "clean_device_info\n");
   return call(io, "db_device_info_clean");
 }
 
 int add_privilege_user_block(char* username) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "add_privilege_user_block_insert\n");
   return call_for_user(io, "db_privilege_user_block_insert", username);
 }
 
 int list_privilege_user_block(db_query_cond* cond, db_privilege_user_block_query** result) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "list_privilege_user_block\n");
   const int status = list(ZORV_HERE, io, "db_privilege_user_block_query", cond, result);
   if (status != KX_SUCCESS) {
@@ -171,13 +170,13 @@ int list_privilege_user_block(db_query_cond* cond, db_privilege_user_block_query
 }
 
 int delete_privilege_user_block(char* username) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "delete_privilege_user_block\n");
   return call_for_user(io, "db_privilege_user_block_del", username);
 }
 
 int check_privilege_user_block(char* username) {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "check_privilege_user_block\n");
   const int status = call_for_user(io, "db_privilege_user_block_check", username);
   if (status != KX_SUCCESS) {
@@ -192,7 +191,7 @@ int check_privilege_user_block(char* username) {
 }
 
 int clean_privilege_user_block() {
-  const Io io = create_io(kSource, __PRETTY_FUNCTION__);
+  const kx_io_owner io = create_io(kSource, __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "clean_privilege_user_block\n");
   return call(io, "db_privilege_user_block_clean");
 }

@@ -11,7 +11,7 @@ LogModule log_module{"zorv_api_mobile"};
 
 int zorv_mobile_gen_zorv_uuid(zorv_mobile_gen_uuid_data_set* set,
                               zorv_mobile_gen_uuid_data_get** get) {
-  const zorv_api::Io io = zorv_api::create_io("zorv_api_mobile", __PRETTY_FUNCTION__);
+  const kx_io_owner io = zorv_api::create_io("zorv_api_mobile", __PRETTY_FUNCTION__);
   ZORV_LOG(debug, "zorv_mobile_gen_zorv_uuid\n");
   const int status = zorv_api::call(io, "zorv_mobile_gen_zorv_uuid", &set->type, sizeof set->type);
   if (status != KX_SUCCESS) {

@@ -64,12 +64,11 @@ int report_query_end(QueryEnd end, const char* what) {
 
 int probe_daemon() {
   constexpr int kTimeoutSeconds = 5;
-  kx_io* io = kx_io_create();
+  const kx_io_owner io(kx_io_create());
   if (io == nullptr) {
     return KX_IO_FAILURE;
   }
-  const int status = kx_call(kZorvdAddress, "zorvctl_probe", io, kTimeoutSeconds, -1);
-  kx_io_free(io);
+  const int status = kx_call(kZorvdAddress, "zorvctl_probe", io.get(), kTimeoutSeconds, -1);
   // The daemon lives: what it was asked before, it refused.
   return status == KX_IS_INVALID || status == KX_SUCCESS ? KX_IS_REJECT : status;
 }

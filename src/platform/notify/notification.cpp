@@ -8,7 +8,7 @@
 #include <memory>
 #include <utility>
 
-#include "json_handle.h"
+#include "json_ref.h"
 
 namespace notify {
 namespace {
@@ -25,8 +25,6 @@ static_assert(kWords[kCategory - 1] == "-C" && kWords[kMessageId - 1] == "-M" &&
               kWords[kLevel - 1] == "-l");
 
 constexpr std::array<std::string_view, 3> kLevels = {"info", "warn", "error"};
-
-using platform::Json;
 
 bool is_digit(char c) {
   return c >= '0' && c <= '9';
@@ -78,9 +76,9 @@ size_t character_length(std::string_view bytes) {
   return 0;
 }
 
-Json text_value(std::string_view bytes) {
+JsonRef text_value(std::string_view bytes) {
   const std::string text = valid_utf8(bytes);
-  return Json(json_stringn_nocheck(text.data(), text.size()));
+  return JsonRef(json_stringn_nocheck(text.data(), text.size()));
 }
 
 std::string iso_time(time_t now) {
@@ -163,13 +161,13 @@ std::string valid_utf8(std::string_view bytes) {
 }
 
 std::string json_line(const Notification& notification, std::string_view text, time_t now) {
-  const Json root(json_object());
-  Json arguments(json_array());
+  const JsonRef root(json_object());
+  JsonRef arguments(json_array());
   int failed = 0;
   for (const std::string_view argument : notification.arguments) {
     failed |= json_array_append_new(arguments.get(), text_value(argument).release());
   }
-  const auto set = [&root, &failed](const char* key, Json value) {
+  const auto set = [&root, &failed](const char* key, JsonRef value) {
     failed |= json_object_set_new(root.get(), key, value.release());
   };
   set("time", text_value(iso_time(now)));

@@ -15,8 +15,6 @@
 namespace platformd {
 namespace {
 
-using platform::Json;
-
 constexpr std::string_view kFolder = "/etc/config/";
 
 platform::Descriptor open_config_file(const std::string& path) {
@@ -47,7 +45,7 @@ Document read_config_file(const std::string& path) {
   return file ? parse_file(file, path) : no_document(errno, path, strerror(errno));
 }
 
-Json read_json(const json_t* request) {
+JsonRef read_json(const json_t* request) {
   const char* path = json_string_value(json_object_get(request, "path"));
   if (path == nullptr) {
     return failure(EINVAL, "no text \"path\"");

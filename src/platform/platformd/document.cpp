@@ -122,7 +122,7 @@ Document parse_file(const Descriptor& file, std::string_view path) {
     return no_document(error, path, strerror(error));
   }
   json_error_t where;
-  platform::Json value(json_loadb(text.data(), text.size(), 0, &where));
+  JsonRef value(json_loadb(text.data(), text.size(), 0, &where));
   if (value == nullptr) {
     return no_document(EBADMSG, path,
                        "no JSON document, line " + std::to_string(where.line) + ": " + where.text);

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "descriptor.h"
-#include "json_handle.h"
+#include "json_ref.h"
 
 namespace platformd {
 
@@ -20,7 +20,7 @@ inline constexpr std::chrono::milliseconds kLockWait{3000};
 
 // A document, or why there is none.
 struct Document {
-  platform::Json value;
+  JsonRef value;
   int error = 0;  // an errno number; EBADMSG: broken JSON
   std::string message;
 };

@@ -19,8 +19,6 @@ namespace {
 
 using platform::ConfFileLock;
 using platform::ConfLock;
-using platform::Json;
-
 std::string state_file = kStateFile;
 
 // The caller holds the state file's lock.
@@ -28,7 +26,7 @@ Document read_state() {
   const platform::Descriptor file(
       open(platform::rooted(state_file).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!file && errno == ENOENT) {
-    return {Json(json_object()), 0, {}};
+    return {JsonRef(json_object()), 0, {}};
   }
   if (!file) {
     return no_document(errno, state_file, strerror(errno));
@@ -51,7 +49,7 @@ Document read_member(const char* name, json_t* (*make_empty)()) {
   if (state.error != 0) {
     return state;
   }
-  Json empty(make_empty());
+  JsonRef empty(make_empty());
   json_t* member = json_object_get(state.value.get(), name);
   if (member == nullptr) {
     return {std::move(empty), 0, {}};
@@ -59,22 +57,22 @@ Document read_member(const char* name, json_t* (*make_empty)()) {
   if (json_typeof(member) != json_typeof(empty.get())) {
     return no_document(EBADMSG, state_file, std::string("\"") + name + "\" is of the wrong kind");
   }
-  return {Json(json_incref(member)), 0, {}};
+  return {JsonRef(json_incref(member)), 0, {}};
 }
 
-Json answer_with(Document document) {
+JsonRef answer_with(Document document) {
   return document.error == 0 ? success(std::move(document.value))
                              : failure(document.error, document.message);
 }
 
-Json list_devices(const json_t* request) {
+JsonRef list_devices(const json_t* request) {
   const json_t* key = json_object_get(request, "key");
   if (key != nullptr && !json_is_string(key)) {
     return failure(EINVAL, "\"key\" is no text");
   }
   Document devices = read_member("devices", json_object);
   if (devices.error == 0 && key != nullptr) {
-    Json one(json_object());
+    JsonRef one(json_object());
     const char* ifname = json_string_value(key);
     if (json_t* device = json_object_get(devices.value.get(), ifname)) {
       json_object_set(one.get(), ifname, device);
@@ -84,11 +82,11 @@ Json list_devices(const json_t* request) {
   return answer_with(std::move(devices));
 }
 
-Json list_gateways(const json_t* /*request*/) {
+JsonRef list_gateways(const json_t* /*request*/) {
   return answer_with(read_member("gateways", json_array));
 }
 
-Json update_gateway(const json_t* /*request*/) {
+JsonRef update_gateway(const json_t* /*request*/) {
   const ConfFileLock lock = lock_state(ConfLock::write);
   const Document state = lock.held() ? read_state() : no_lock(state_file);
   if (state.error != 0) {

@@ -13,21 +13,10 @@
 namespace platformd {
 namespace {
 
-using platform::Json;
-
-struct KxIoRelease {
-  void operator()(kx_io* io) const { kx_io_free(io); }
-};
-using KxIo = std::unique_ptr<kx_io, KxIoRelease>;
-
-struct TextRelease {
-  void operator()(char* text) const { free(text); }
-};
-
-Json answer_request(const Method& method, kx_io* io) {
+JsonRef answer_request(const Method& method, kx_io* io) {
   size_t length = 0;
   const auto* text = static_cast<const char*>(kx_io_read(io, &length));
-  Json request;
+  JsonRef request;
   if (text != nullptr && length > 0) {
     json_error_t error;
     request.reset(json_loadb(text, length, 0, &error));
@@ -38,8 +27,8 @@ Json answer_request(const Method& method, kx_io* io) {
   return method.call(request.get());
 }
 
-int send_answer(kx_io* io, const Json& answer) {
-  const std::unique_ptr<char, TextRelease> text(json_dumps(answer.get(), JSON_COMPACT));
+int send_answer(kx_io* io, const JsonRef& answer) {
+  const JsonText text = dump_json(answer.get(), JSON_COMPACT);
   if (text == nullptr || kx_io_realloc(io, 0) != KX_SUCCESS ||
       kx_io_write(io, text.get(), strlen(text.get())) != KX_SUCCESS) {
     return -1;
@@ -49,16 +38,16 @@ int send_answer(kx_io* io, const Json& answer) {
 
 }  // namespace
 
-Json success(Json data) {
-  Json answer(json_pack("{s:i}", "error", 0));
+JsonRef success(JsonRef data) {
+  JsonRef answer(json_pack("{s:i}", "error", 0));
   if (data != nullptr && json_object_set_new(answer.get(), "data", data.release()) != 0) {
     answer.reset();
   }
   return answer;
 }
 
-Json failure(int error, const std::string& message) {
-  return Json(json_pack("{s:i, s:s}", "error", error, "message", message.c_str()));
+JsonRef failure(int error, const std::string& message) {
+  return JsonRef(json_pack("{s:i, s:s}", "error", error, "message", message.c_str()));
 }
 
 void serve(std::span<const Method> methods, const char* method, kx_io* io, int fd) try {
@@ -69,8 +58,8 @@ void serve(std::span<const Method> methods, const char* method, kx_io* io, int f
     if (strcmp(candidate.name, method) != 0) {
       continue;
     }
-    const KxIo owned(io);
-    const Json answer = answer_request(candidate, io);
+    const kx_io_owner owned(io);
+    const JsonRef answer = answer_request(candidate, io);
     if (json_integer_value(json_object_get(answer.get(), "error")) != 0) {
       log_line("%s: %s", method, json_string_value(json_object_get(answer.get(), "message")));
     }

@@ -11,21 +11,21 @@
 #include <span>
 #include <string>
 
-#include "json_handle.h"
+#include "json_ref.h"
 #include "kxbus.h"
 
 namespace platformd {
 
 // `request` is null when the request was empty. A null answer means no memory: the bus rejects.
-using MethodCall = platform::Json (*)(const json_t* request);
+using MethodCall = JsonRef (*)(const json_t* request);
 
 struct Method {
   const char* name;
   MethodCall call;
 };
 
-platform::Json success(platform::Json data);
-platform::Json failure(int error, const std::string& message);
+JsonRef success(JsonRef data);
+JsonRef failure(int error, const std::string& message);
 
 // What a service's bus callback does. Takes over `fd` and, for a method of the table, `io`.
 void serve(std::span<const Method> methods, const char* method, kx_io* io, int fd);
