@@ -44,7 +44,7 @@ if(TARGET kxbus AND TARGET platform)
   install(TARGETS zorv_client zorv_log kxbus platform
           ARCHIVE DESTINATION ${client_libraries} COMPONENT zorv-dev)
   install(FILES src/zorv/zorv_api_db.h src/zorv/zorv_api_mobile.h src/zorv/zorv_records.h
-                src/kxbus/kxbus.h
+                src/zorv/zorv_connection_codes.h src/kxbus/kxbus.h
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorv COMPONENT zorv-dev)
   configure_file(${package}/zorv-client.pc.in ${CMAKE_BINARY_DIR}/zorv-client.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/zorv-client.pc

@@ -19,31 +19,16 @@
 
 #include <jansson.h>
 
-#include <cstdint>
 #include <string>
 
 #include "error_code.h"
 #include "json.h"
+#include "zorv_connection_codes.h"
 
 namespace zorv {
 
 inline constexpr const char* kOptionsFile = "/etc/config/vpn_options.conf";
 inline constexpr const char* kNetworkService = "NetworkService";
-
-// VPN kinds, one bit each.
-enum TYPE : int32_t {
-  NONE_TYPE = 0,
-  PPTP_SERVER_TYPE = 1,
-  L2TP_SERVER_TYPE = 2,
-  OVPN_SERVER_TYPE = 4,
-  FENLO_SERVER_TYPE = 16,
-  WIREGUARD_SERVER_TYPE = 32,
-  PPTP_CLIENT_TYPE = 256,
-  L2TP_CLIENT_TYPE = 512,
-  OVPN_CLIENT_TYPE = 1024,
-  FENLO_CLIENT_TYPE = 4096,
-  WIREGUARD_CLIENT_TYPE = 65536,
-};
 
 // Calls a method with a JSON text or null. Returns the answer, which is the caller's, when it is an
 // object whose "error" is the integer 0; null otherwise.

@@ -41,7 +41,7 @@ struct db_delete_cond {
 struct db_conn_server_log {
   record_int64 id;
   char username[kTextSize];
-  int vpn_type;          // 1 PPTP, 2 L2TP/IPSec, 4 OpenVPN, 16 Fenlo
+  int vpn_type;          // a server kind of zorv_connection_codes.h
   record_uint64 uptime;  // seconds
   record_uint64 time;    // seconds since the epoch
   char device_info[kTextSize];
@@ -52,14 +52,14 @@ struct db_conn_server_log {
   record_int64 tx_total;  // bytes
   record_int64 rx_total;  // bytes
   char outgoing[kTextSize];
-  int action;  // 1 "Login Fail", 2 "Login OK", 3 "Logout"
+  int action;  // zorv::Action of zorv_connection_codes.h
 };
 
 // One connection the NAS made as a VPN client.
 struct db_conn_client_log_data {
   record_int64 id;
   char username[kTextSize];
-  int vpn_type;          // 256 PPTP, 512 L2TP/IPSec, 1024 OpenVPN, 4096 Fenlo
+  int vpn_type;          // a client kind of zorv_connection_codes.h
   record_uint64 uptime;  // seconds
   record_uint64 time;    // seconds since the epoch
   char vpn_ip[kTextSize];
@@ -69,7 +69,7 @@ struct db_conn_client_log_data {
   record_int64 rx_total;  // bytes
   char country_code[3];   // two letters
   char wan_ip[kTextSize];
-  int action;  // 2 "Login OK", 3 "Logout", 4 "Get geolocation"
+  int action;  // zorv::Action of zorv_connection_codes.h
 };
 
 // An event. It carries no fields: one byte that means nothing.

@@ -5,26 +5,12 @@
 #include <span>
 
 #include "logger.h"
+#include "zorv_connection_codes.h"
 
 namespace store {
 
-struct CodeWord {
-  int code;
-  const char* word;
-};
-
 // What a notification shows where a value does not apply.
 inline constexpr const char* kBlank = " ";
-
-// The word of `code`, or null where the table has none.
-constexpr const char* word_of(std::span<const CodeWord> words, int code) {
-  for (const CodeWord& entry : words) {
-    if (entry.code == code) {
-      return entry.word;
-    }
-  }
-  return nullptr;
-}
 
 struct ConnectionWords {
   const char* protocol;
@@ -34,11 +20,11 @@ struct ConnectionWords {
 // The words of a record's two codes. Nothing, and a line that names the wrong one, when there are
 // none: such a record is kept and nobody is told of it.
 inline std::optional<ConnectionWords> connection_words(const LogSite& site,
-                                                       std::span<const CodeWord> protocols,
+                                                       std::span<const zorv::CodeWord> protocols,
                                                        int vpn_type,
-                                                       std::span<const CodeWord> statuses,
+                                                       std::span<const zorv::CodeWord> statuses,
                                                        int action) {
-  const ConnectionWords words{word_of(protocols, vpn_type), word_of(statuses, action)};
+  const ConnectionWords words{zorv::word_of(protocols, vpn_type), zorv::word_of(statuses, action)};
   if (words.protocol == nullptr) {
     ZORV_LOG_AT(site, error, "%s: db_con->vpn_type is incorrect: %d, ", site.function, vpn_type);
     return std::nullopt;

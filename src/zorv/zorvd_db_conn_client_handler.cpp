@@ -30,29 +30,21 @@ constexpr std::tuple columns{
 constexpr TableTraits traits{"conn_client_log", Storage::persistent, DeleteText::accumulates};
 Table table(log_module, traits);
 
-// Bit values of their own, distinct from the server log's.
-constexpr CodeWord kProtocols[] = {
-    {0x100, "PPTP"}, {0x200, "L2TP/IPSec"}, {0x400, "OpenVPN"}, {0x1000, "Fenlo"}};
-
-enum Action { kLoginOk = 2, kLogout = 3, kGetGeolocation = 4 };
-constexpr CodeWord kStatusWords[] = {
-    {kLoginOk, "Login OK"}, {kLogout, "Logout"}, {kGetGeolocation, "Get geolocation"}};
-
 void notify(const LogSite& site, const Record& record) {
-  const auto words =
-      connection_words(site, kProtocols, record.vpn_type, kStatusWords, record.action);
+  const auto words = connection_words(site, zorv::kClientProtocols, record.vpn_type,
+                                      zorv::kClientActions, record.action);
   if (!words) {
     return;
   }
   std::string uptime = kBlank;
   std::string sent = kBlank;
   std::string received = kBlank;
-  if (record.action == kLogout) {
+  if (record.action == zorv::kLogout) {
     secondsToStr(static_cast<long long>(record.uptime), uptime);
     bytesToStr(record.tx_total, sent);
     bytesToStr(record.rx_total, received);
   }
-  const bool placed = record.action != kLoginOk;
+  const bool placed = record.action != zorv::kLoginOk;
   zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C002_0018),
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, words->protocol, record.vpn_ip,

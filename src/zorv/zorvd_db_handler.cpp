@@ -31,27 +31,21 @@ constexpr std::tuple columns{
 constexpr TableTraits traits{"conn_server_log", Storage::persistent, DeleteText::accumulates};
 Table table(log_module, traits);
 
-constexpr CodeWord kProtocols[] = {{1, "PPTP"}, {2, "L2TP/IPSec"}, {4, "OpenVPN"}, {16, "Fenlo"}};
-
-enum Action { kLoginFail = 1, kLoginOk = 2, kLogout = 3 };
-constexpr CodeWord kStatusWords[] = {
-    {kLoginFail, "Login Fail"}, {kLoginOk, "Login OK"}, {kLogout, "Logout"}};
-
 void notify(const LogSite& site, const Record& record) {
   std::string sent;
   std::string received;
   bytesToStr(record.tx_total, sent);
   bytesToStr(record.rx_total, received);
-  const auto words =
-      connection_words(site, kProtocols, record.vpn_type, kStatusWords, record.action);
+  const auto words = connection_words(site, zorv::kServerProtocols, record.vpn_type,
+                                      zorv::kServerActions, record.action);
   if (!words) {
     return;
   }
   std::string uptime = kBlank;
-  if (record.action == kLogout) {
+  if (record.action == zorv::kLogout) {
     secondsToStr(static_cast<long long>(record.uptime), uptime);
   }
-  const char* client_ip = record.action == kLoginFail ? kBlank : record.vpn_ip;
+  const char* client_ip = record.action == zorv::kLoginFail ? kBlank : record.vpn_ip;
   zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C001_0017),
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, record.source_ip, client_ip, sent.c_str(),

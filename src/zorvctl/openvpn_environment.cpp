@@ -6,14 +6,10 @@
 #include <string_view>
 
 #include "display_text.h"
+#include "zorv_connection_codes.h"
 
 namespace zorvctl {
 namespace {
-
-constexpr int kOpenVpn = 4;
-constexpr int kLoginFail = 1;
-constexpr int kLoginOk = 2;
-constexpr int kLogout = 3;
 
 struct TypeName {
   std::string_view name;
@@ -107,7 +103,7 @@ std::string device_info(const Environment& environment) {
 // What all three have in common.
 db_conn_server_log record_of(const Environment& environment, int action) {
   db_conn_server_log record{};
-  record.vpn_type = kOpenVpn;
+  record.vpn_type = zorv::OVPN_SERVER_TYPE;
   record.action = action;
   put_text(record.username, login_name(environment));
   put_text(record.device_info, device_info(environment));
@@ -157,7 +153,7 @@ std::string login_name(const Environment& environment) {
 }
 
 db_conn_server_log login_record(const Environment& environment, std::time_t now) {
-  db_conn_server_log record = record_of(environment, kLoginOk);
+  db_conn_server_log record = record_of(environment, zorv::kLoginOk);
   put_vpn_ip(environment, &record);
   record.time = login_time(environment);
   if (record.time == 0) {
@@ -168,7 +164,7 @@ db_conn_server_log login_record(const Environment& environment, std::time_t now)
 
 db_conn_server_log logout_record(const Environment& environment, std::time_t now) {
   constexpr auto kMostBytes = std::numeric_limits<long long>::max();
-  db_conn_server_log record = record_of(environment, kLogout);
+  db_conn_server_log record = record_of(environment, zorv::kLogout);
   put_vpn_ip(environment, &record);
   record.uptime = number_of(environment, "time_duration", kAnyNumber);
   record.tx_total = static_cast<long long>(number_of(environment, "bytes_sent", kMostBytes));
@@ -181,7 +177,7 @@ db_conn_server_log logout_record(const Environment& environment, std::time_t now
 }
 
 db_conn_server_log failed_login_record(const Environment& environment, std::time_t now) {
-  db_conn_server_log record = record_of(environment, kLoginFail);
+  db_conn_server_log record = record_of(environment, zorv::kLoginFail);
   record.time = static_cast<unsigned long long>(now);
   return record;
 }

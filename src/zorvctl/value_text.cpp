@@ -7,44 +7,35 @@
 #include "display_text.h"
 #include "duration.h"
 #include "whole_number.h"
+#include "zorv_connection_codes.h"
 
 namespace zorvctl {
 namespace {
 
-struct Word {
-  long long code;
-  std::string_view shown;
-  std::string_view typed;
-};
-using Words = std::span<const Word>;
-
-constexpr Word kServerProtocols[] = {{1, "PPTP", "pptp"},
-                                     {2, "L2TP/IPSec", "l2tp"},
-                                     {4, "OpenVPN", "openvpn"},
-                                     {16, "Fenlo", "fenlo"}};
-constexpr Word kClientProtocols[] = {{256, "PPTP", "pptp"},
-                                     {512, "L2TP/IPSec", "l2tp"},
-                                     {1024, "OpenVPN", "openvpn"},
-                                     {4096, "Fenlo", "fenlo"}};
-constexpr Word kServerActions[] = {
-    {1, "Login Fail", "login-fail"}, {2, "Login OK", "login-ok"}, {3, "Logout", "logout"}};
-constexpr Word kClientActions[] = {{2, "Login OK", "login-ok"},
-                                   {3, "Logout", "logout"},
-                                   {4, "Get geolocation", "get-geolocation"}};
+using Words = std::span<const zorv::CodeWord>;
 
 Words words_of(Kind kind) {
   switch (kind) {
     case Kind::server_protocol:
-      return kServerProtocols;
+      return zorv::kServerProtocols;
     case Kind::client_protocol:
-      return kClientProtocols;
+      return zorv::kClientProtocols;
     case Kind::server_action:
-      return kServerActions;
+      return zorv::kServerActions;
     case Kind::client_action:
-      return kClientActions;
+      return zorv::kClientActions;
     default:
       return {};
   }
+}
+
+// As it is typed: "Login OK" as login-ok, "L2TP/IPSec" as l2tp.
+std::string typed(std::string_view word) {
+  std::string result;
+  for (const char c : word.substr(0, word.find('/'))) {
+    result += c == ' ' ? '-' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return result;
 }
 
 // Letters and digits only, in lower case: "Login OK", "login-ok" and "LOGIN_OK" are one word.
@@ -59,10 +50,10 @@ std::string folded(std::string_view text) {
   return result;
 }
 
-const Word* word_by_text(Words words, std::string_view text) {
+const zorv::CodeWord* word_by_text(Words words, std::string_view text) {
   const std::string wanted = folded(text);
-  for (const Word& word : words) {
-    if (wanted == folded(word.shown) || wanted == folded(word.typed)) {
+  for (const zorv::CodeWord& word : words) {
+    if (wanted == folded(word.word) || wanted == folded(typed(word.word))) {
       return &word;
     }
   }
@@ -131,12 +122,8 @@ std::string shown_value(const Column& column, const Value& value, Zone zone) {
     case Kind::client_action:
       break;
   }
-  for (const Word& word : words_of(column.kind)) {
-    if (word.code == std::get<long long>(value)) {
-      return std::string(word.shown);
-    }
-  }
-  return number_digits(value);
+  const char* word = zorv::word_of(words_of(column.kind), std::get<long long>(value));
+  return word != nullptr ? word : number_digits(value);
 }
 
 std::string value_hint(const Column& column) {
@@ -155,8 +142,8 @@ std::string value_hint(const Column& column) {
       break;
   }
   std::string hint;
-  for (const Word& word : words_of(column.kind)) {
-    hint += fmt::format("{}, ", word.typed);
+  for (const zorv::CodeWord& word : words_of(column.kind)) {
+    hint += typed(word.word) + ", ";
   }
   return hint + "or the number";
 }
@@ -181,8 +168,8 @@ int read_value(const Column& column, std::string_view text, time_t now, Zone zon
     *ret = seconds;
     return 0;
   }
-  if (const Word* word = word_by_text(words_of(column.kind), text); word != nullptr) {
-    *ret = word->code;
+  if (const zorv::CodeWord* word = word_by_text(words_of(column.kind), text); word != nullptr) {
+    *ret = static_cast<long long>(word->code);
     return 0;
   }
   *ret_error = fmt::format("'{}' is not a value of {}: {}", display_text(text), column.name,
