@@ -56,7 +56,13 @@ TEST(Buffer, FollowsAString) {
         expected.resize(expected.size() + 100);
       }
       ASSERT_EQ(content(io.get()), expected);
+      std::string copied(step, '?');
+      ASSERT_EQ(kx_io_copy(io.get(), middle, copied.data(), step), KX_SUCCESS);
+      ASSERT_EQ(copied, expected.substr(middle, step));
     }
+    char byte = 'b';
+    EXPECT_EQ(kx_io_copy(io.get(), expected.size(), &byte, 1), KX_IS_INVALID);
+    EXPECT_EQ(kx_io_copy(io.get(), 1, &byte, SIZE_MAX), KX_IS_INVALID);
     EXPECT_EQ(kx_io_overwrite(io.get(), expected.size(), "x", 1), KX_IS_INVALID);
     EXPECT_EQ(kx_io_overwrite(io.get(), 1, "x", SIZE_MAX), KX_IS_INVALID);
     ASSERT_EQ(kx_io_realloc(io.get(), 0), KX_SUCCESS);

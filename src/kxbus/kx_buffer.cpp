@@ -117,6 +117,30 @@ const char* Buffer::read() {
   return view_.get();
 }
 
+int Buffer::copy(std::size_t offset, void* ret_bytes, std::size_t length) {
+  if (length > size() || offset > size() - length) {
+    return KX_IS_INVALID;
+  }
+  char* to = static_cast<char*>(ret_bytes);
+  const std::size_t end = offset + length;
+  while (offset < std::min(end, stored_)) {
+    const ssize_t got =
+        pread(memfd_.get(), to, std::min(end, stored_) - offset, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got <= 0) {
+      return KX_IO_FAILURE;
+    }
+    to += got;
+    offset += static_cast<std::size_t>(got);
+  }
+  if (offset < end) {
+    memcpy(to, block_.get() + (offset - stored_), end - offset);
+  }
+  return KX_SUCCESS;
+}
+
 // Writes into the memfd at `offset`, all or nothing of it counted.
 int Buffer::store(std::size_t offset, const void* bytes, std::size_t length) {
   const char* from = static_cast<const char*>(bytes);

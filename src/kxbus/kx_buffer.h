@@ -59,6 +59,9 @@ class Buffer {
   // operation that changes the content.
   const char* read();
 
+  // A part of the content, copied without being mapped.
+  int copy(std::size_t offset, void* ret_bytes, std::size_t length);
+
   int append(const void* bytes, std::size_t length);
   // `length` further bytes of zeros to be filled in place; null when they cannot be had. Valid
   // until the next operation.

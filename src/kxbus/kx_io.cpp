@@ -30,6 +30,13 @@ const void* kx_io_read(kx_io* io, size_t* ret_length) {
   return bytes;
 }
 
+int kx_io_copy(kx_io* io, size_t offset, void* ret_bytes, size_t length) {
+  if (io == nullptr || (ret_bytes == nullptr && length > 0)) {
+    return KX_IS_INVALID;
+  }
+  return io->buffer.copy(offset, ret_bytes, length);
+}
+
 int kx_io_write(kx_io* io, const void* bytes, size_t length) {
   if (io == nullptr || (bytes == nullptr && length > 0)) {
     return KX_IS_INVALID;

@@ -116,6 +116,10 @@ kx_io* kx_io_create(void);
 // follows the content. Valid until the next operation on the buffer that is not kx_io_read().
 const void* kx_io_read(kx_io* io, size_t* ret_length);
 
+// Copies a part of the content. KX_IS_INVALID when it is not all there. For taking a large reply
+// over: memory that the peer filled is copied from without its 4 KiB pages being mapped one by one.
+int kx_io_copy(kx_io* io, size_t offset, void* ret_bytes, size_t length);
+
 // Appends. KX_IS_INVALID beyond 1 GiB, KX_IO_FAILURE or KX_IS_BUSY without memory or descriptor;
 // the content is then what it was.
 int kx_io_write(kx_io* io, const void* bytes, size_t length);

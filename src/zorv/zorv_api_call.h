@@ -62,26 +62,28 @@ int query(const kx_io_owner& io, const char* method, const db_query_cond& cond, 
     return status;
   }
   size_t length = 0;
-  const auto* reply = static_cast<const char*>(kx_io_read(io.get(), &length));
-  if (reply == nullptr || length < kQueryHeaderSize) {
+  Result header;
+  if (kx_io_read(io.get(), &length) == nullptr ||
+      kx_io_copy(io.get(), 0, &header, kQueryHeaderSize) != KX_SUCCESS) {
     return KX_IO_FAILURE;
   }
-  Result header;
-  std::memcpy(static_cast<void*>(&header), reply, kQueryHeaderSize);
   const size_t carried = (length - kQueryHeaderSize) / sizeof(Record);
   if (header.count > carried) {
     header.count = carried;
   }
   on_count(header.count);
   const auto count = static_cast<size_t>(header.count);
-  header.data = static_cast<Record*>(calloc(count, sizeof(Record)));
-  if (header.data == nullptr && count != 0) {
+  const size_t size = count * sizeof(Record);
+  void* const rows = calloc(count, sizeof(Record));
+  if (rows == nullptr && count != 0) {
     return KX_IO_FAILURE;
   }
-  if (count != 0) {
-    prepare_for_filling(static_cast<void*>(header.data), count * sizeof(Record));
-    std::memcpy(static_cast<void*>(header.data), reply + kQueryHeaderSize, count * sizeof(Record));
+  prepare_for_filling(rows, size);
+  if (kx_io_copy(io.get(), kQueryHeaderSize, rows, size) != KX_SUCCESS) {
+    free(rows);
+    return KX_IO_FAILURE;
   }
+  header.data = static_cast<Record*>(rows);
   *result = header;
   return KX_SUCCESS;
 }
