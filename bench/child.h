@@ -27,7 +27,8 @@ class Child {
 };
 
 // Keeps this process, and whom it starts meanwhile, on the processor where it is. Where the
-// scheduler puts the two sides of an exchange decides more about its time than what they do.
+// scheduler puts the two sides of an exchange, or a program that is started, decides more about its
+// time than what they do: waking an idle processor of a virtual machine takes up to 0.7 ms.
 class OneProcessor {
  public:
   OneProcessor();

@@ -53,6 +53,7 @@ double recycling_insert() {
 }
 
 void measure_inserts(Report& report) {
+  const OneProcessor together;
   const int passes = report.quick() ? 1 : 5;
   const int count = report.quick() ? 20 : 100;
   std::vector<std::vector<double>> rates(std::size(kSizes));

@@ -130,6 +130,7 @@ void measure(Report& report, size_t megabytes, rlim_t descriptors) {
 }  // namespace
 
 void measure_notification(Report& report) {
+  const OneProcessor together;
   constexpr rlim_t kSmall = 1024;
   rlim_t large = 1048576;
   if (!may_have(large)) {
