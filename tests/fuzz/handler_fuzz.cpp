@@ -13,6 +13,7 @@
 #include <sys/un.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <thread>
@@ -132,6 +133,16 @@ struct Answer {
   std::string body;  // empty where it came in a memfd
 };
 
+// The fuzzer's timer interrupts what waits.
+template <class Call>
+auto uninterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR) {
+    result = call();
+  }
+  return result;
+}
+
 // A call as it is on the wire.
 Answer call(std::string_view method, const std::string& payload) {
   const std::string name = platform::rooted(kAddress + 1);
@@ -140,7 +151,9 @@ Answer call(std::string_view method, const std::string& payload) {
   name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
   const kxbus::Descriptor caller(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  require(connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0,
+  require(uninterrupted([&] {
+            return connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), length);
+          }) == 0,
           "the server listens");
 
   kxbus::HeaderBytes header;
@@ -151,7 +164,8 @@ Answer call(std::string_view method, const std::string& payload) {
               static_cast<ssize_t>(packet.size()),
           "a request can be sent");
   packet.resize(kxbus::kHeaderSize + kxbus::kPacketBody);
-  const ssize_t received = recv(caller.get(), packet.data(), packet.size(), 0);
+  const ssize_t received =
+      uninterrupted([&] { return recv(caller.get(), packet.data(), packet.size(), 0); });
   require(received >= static_cast<ssize_t>(kxbus::kHeaderSize), "every caller is answered");
   packet.resize(static_cast<size_t>(received));
 
