@@ -133,7 +133,7 @@ Descriptor open_lock_folder() {
   mkdir(path.c_str(), 0700);
   Descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat status {};
-  if (!folder || fstat(folder.get(), &status) != 0) {
+  if (!folder.valid() || fstat(folder.get(), &status) != 0) {
     return Descriptor();
   }
   const bool trusted = (status.st_uid == 0 || status.st_uid == geteuid()) &&
@@ -148,7 +148,7 @@ Descriptor open_lock_folder() {
 // A slot with the opened lock file, or null with errno.
 Slot* open_slot(const std::string& name) {
   const Descriptor folder = open_lock_folder();
-  if (!folder) {
+  if (!folder.valid()) {
     return nullptr;
   }
   const std::lock_guard<std::mutex> guard(table_mutex);

@@ -1,4 +1,4 @@
-// A file descriptor that closes itself: the one owner, moved and never copied.
+// A file descriptor that closes itself: the one owner, moved and never copied. -1 is "none".
 #pragma once
 
 #include <unistd.h>
@@ -10,8 +10,8 @@ namespace platform {
 class Descriptor {
  public:
   Descriptor() = default;
-  explicit Descriptor(int fd) : fd_(fd) {}
-  Descriptor(Descriptor&& other) noexcept : fd_(other.release()) {}
+  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+  Descriptor(Descriptor&& other) noexcept : descriptor_(other.release()) {}
   Descriptor& operator=(Descriptor&& other) noexcept {
     if (this != &other) {
       reset(other.release());
@@ -20,18 +20,18 @@ class Descriptor {
   }
   ~Descriptor() { reset(); }
 
-  int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
-  int release() { return std::exchange(fd_, -1); }
-  void reset(int fd = -1) {
-    const int old = std::exchange(fd_, fd);
+  int get() const { return descriptor_; }
+  bool valid() const { return descriptor_ >= 0; }
+  int release() { return std::exchange(descriptor_, -1); }
+  void reset(int descriptor = -1) {
+    const int old = std::exchange(descriptor_, descriptor);
     if (old >= 0) {
       close(old);
     }
   }
 
  private:
-  int fd_ = -1;
+  int descriptor_ = -1;
 };
 
 }  // namespace platform

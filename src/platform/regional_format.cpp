@@ -76,7 +76,7 @@ Regional read_regional() {
   Regional regional;
   const Descriptor file(open(rooted(kRegionalFile).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
-  if (!file || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (!file.valid() || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     return regional;
   }
   char content[kLargestFile + 1];

@@ -48,11 +48,11 @@ platform::Descriptor open_for_append(const std::string& path) {
 int append(std::string_view line) {
   const std::string path = platform::rooted(kNotificationFile);
   platform::Descriptor file = open_for_append(path);
-  if (!file && errno == ENOENT) {
+  if (!file.valid() && errno == ENOENT) {
     make_folders(path);
     file = open_for_append(path);
   }
-  if (!file) {
+  if (!file.valid()) {
     fprintf(stderr, "notify: %s: %s\n", kNotificationFile, strerror(errno));
     return -1;
   }

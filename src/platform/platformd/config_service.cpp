@@ -24,7 +24,7 @@ platform::Descriptor open_config_file(const std::string& path) {
   }
   const platform::Descriptor folder(
       open(platform::rooted(kFolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  if (!folder) {
+  if (!folder.valid()) {
     return {};
   }
   return open_beneath(folder.get(), std::string_view(path).substr(kFolder.size()));
@@ -33,7 +33,7 @@ platform::Descriptor open_config_file(const std::string& path) {
 // Opened twice: only a file that exists is worth a lock file, and what is read must have been
 // opened under the lock, for the one before it may have been replaced meanwhile.
 Document read_config_file(const std::string& path) {
-  if (!open_config_file(path)) {
+  if (!open_config_file(path).valid()) {
     return no_document(errno, path, strerror(errno));
   }
   const platform::ConfFileLock lock(
@@ -42,7 +42,7 @@ Document read_config_file(const std::string& path) {
     return no_lock(path);
   }
   const platform::Descriptor file = open_config_file(path);
-  return file ? parse_file(file, path) : no_document(errno, path, strerror(errno));
+  return file.valid() ? parse_file(file, path) : no_document(errno, path, strerror(errno));
 }
 
 JsonRef read_json(const json_t* request) {

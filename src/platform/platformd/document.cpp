@@ -81,7 +81,7 @@ Document no_lock(std::string_view path) {
 Descriptor open_beneath(int folder, std::string_view path) {
   Descriptor inner;
   for (;;) {
-    const int parent = inner ? inner.get() : folder;
+    const int parent = inner.valid() ? inner.get() : folder;
     const size_t slash = path.find('/');
     const std::string name(path.substr(0, slash));
     if (!is_plain_name(name)) {
@@ -101,7 +101,7 @@ Descriptor open_beneath(int folder, std::string_view path) {
       return fail(ELOOP);
     }
     inner = Descriptor(openat(parent, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!inner) {
+    if (!inner.valid()) {
       return inner;
     }
     path.remove_prefix(slash + 1);
@@ -141,7 +141,7 @@ int replace_file(const std::string& path, const json_t* value) {
   const mode_t mode = stat(target.c_str(), &status) == 0 ? status.st_mode & 0777 : 0644;
   const Descriptor file(open(
       fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
-  if (!file) {
+  if (!file.valid()) {
     return errno;
   }
   int error = write_whole(file.get(), std::string(text.get()) + '\n');

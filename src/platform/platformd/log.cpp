@@ -17,7 +17,7 @@ int log_to_file(const char* path) {
   const platform::Descriptor file(open(platform::rooted(path).c_str(),
                                        O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC,
                                        0640));
-  return file && dup2(file.get(), STDERR_FILENO) >= 0 ? 0 : -1;
+  return file.valid() && dup2(file.get(), STDERR_FILENO) >= 0 ? 0 : -1;
 }
 
 void log_line(const char* format, ...) {

@@ -25,10 +25,10 @@ std::string state_file = kStateFile;
 Document read_state() {
   const platform::Descriptor file(
       open(platform::rooted(state_file).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!file && errno == ENOENT) {
+  if (!file.valid() && errno == ENOENT) {
     return {JsonRef(json_object()), 0, {}};
   }
-  if (!file) {
+  if (!file.valid()) {
     return no_document(errno, state_file, strerror(errno));
   }
   Document state = parse_file(file, state_file);
