@@ -13,21 +13,18 @@
 #include "harness/bus_peer.h"
 #include "harness/daemon.h"
 #include "harness/faults.h"
+#include "harness/records.h"
 #include "harness/test_root.h"
 #include "kxbus.h"
 #include "zorv_api_db.h"
 
 namespace {
 
+using harness::bytes_of;
 using harness::Call;
 
 constexpr int kRows = 40;  // more than a packet holds
 constexpr int kMostCalls = 2000;
-
-template <class Record>
-std::string bytes_of(const Record& record) {
-  return {reinterpret_cast<const char*>(&record), sizeof record};
-}
 
 std::string page(record_int64 count) {
   db_query_cond cond{};
@@ -63,6 +60,10 @@ struct Scenario {
   int (*run)();
   std::vector<Fault> faults;
 };
+
+void PrintTo(const Scenario& scenario, std::ostream* out) {
+  *out << scenario.name;
+}
 
 // What every request meets.
 const Fault kNotAccepted{Call::accept, EMFILE, 1, {KX_IS_BUSY}};

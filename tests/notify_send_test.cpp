@@ -5,9 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <thread>
-
+#include "harness/process.h"
 #include "harness/test_root.h"
 #include "nc_msg_db.h"
 
@@ -25,12 +23,11 @@ mv "$ZORV_ROOT/seen.part" "$ZORV_ROOT/seen"
 )";
 
 std::string what_the_tool_saw() {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   std::string seen;
-  while (seen.empty() && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  EXPECT_TRUE(harness::eventually([&seen] {
     seen = harness::read_file("/seen");
-  }
+    return !seen.empty();
+  }));
   unlink((harness::test_root() + "/seen").c_str());
   return seen;
 }
@@ -59,11 +56,10 @@ TEST_F(NotifySend, ArgumentsAreTheFixedFourteenAndTheValues) {
           "<o'brien \"x\" {1}>");
 
   zorv::nclog::notify_send(zorv::nc_msg(NcMsg::C004_0031), nullptr);
-  EXPECT_EQ(
-      what_the_tool_saw(),
-      fixed_words("C004", "0031", "info",
-                  "[{0}] Connected NAS to Kesta Orchestrator. Organization: {1}, Region: {2}, "
-                  "Hub: {3}."));
+  EXPECT_EQ(what_the_tool_saw(),
+            fixed_words("C004", "0031", "info",
+                        "[{0}] Connected NAS to Kesta Orchestrator. Organization: {1}, Region: "
+                        "{2}, Hub: {3}."));
 
   zorv::nclog::notify_send(zorv::nc_msg(NcMsg::C001_0031), "1", "", "3", "4", "5", "6", "7", "8",
                            "9", "10", "11", "12", "13", "14", nullptr);

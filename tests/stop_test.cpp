@@ -8,6 +8,7 @@
 #include "harness/bus_peer.h"
 #include "harness/daemon.h"
 #include "harness/faults.h"
+#include "harness/records.h"
 #include "harness/test_root.h"
 #include "kx_transport.h"
 #include "kxbus.h"
@@ -23,7 +24,7 @@ Frame full_list() {
   cond.count = -1;
   Frame frame;
   frame.method = "db_conn_server_log_query";
-  frame.body.assign(reinterpret_cast<const char*>(&cond), sizeof cond);
+  frame.body = harness::bytes_of(cond);
   return frame;
 }
 
@@ -32,12 +33,8 @@ int small_call() {
 }
 
 void fill(int rows) {
-  const std::string last = std::to_string(rows);
-  ASSERT_TRUE(
-      harness::sql("DELETE FROM conn_server_log;"
-                   "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n WHERE i < " +
-                   last + ") INSERT INTO conn_server_log (username) SELECT 'user' || i FROM n;")
-          .empty());
+  harness::sql("DELETE FROM conn_server_log");
+  harness::insert_rows("conn_server_log", rows, "username", "'user' || i");
 }
 
 // The 520 MB of a full log are read while the daemon is told to stop.
@@ -138,8 +135,7 @@ TEST(Children, StartWithACleanMaskAndNoDescriptorOfTheDaemon) {
   db_conn_server_log record{};
   record.vpn_type = 4;
   record.action = 2;
-  const std::string body =
-      std::string(reinterpret_cast<const char*>(&record), sizeof record) + std::string(100'000, 0);
+  const std::string body = harness::bytes_of(record) + std::string(100'000, 0);
   EXPECT_EQ(harness::bus_call("db_conn_insert", body, nullptr, 20, STDERR_FILENO, kZorvdAddress),
             KX_SUCCESS);
   std::string open;

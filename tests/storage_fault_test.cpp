@@ -12,6 +12,7 @@
 #include "harness/bus_peer.h"
 #include "harness/daemon.h"
 #include "harness/faults.h"
+#include "harness/records.h"
 #include "harness/test_root.h"
 #include "kxbus.h"
 #include "zorv_api_db.h"
@@ -39,25 +40,16 @@ int insert(const std::string& user, size_t text_size = 1) {
   return add_conn_server_log(&record);
 }
 
-struct Listing {
-  bool answered = false;
-  record_uint64 total = 0;
-  std::vector<std::string> users;
-};
+harness::Listed<db_conn_server_log_query> list() {
+  return harness::list(list_conn_server_log);
+}
 
-Listing list() {
-  db_query_cond cond{};
-  cond.count = -1;
-  db_conn_server_log_query query{};
-  query.count = kUnread;
-  auto* result = &query;
-  list_conn_server_log(&cond, &result);
-  Listing listing{query.count != kUnread, query.total, {}};
-  for (record_uint64 i = 0; listing.answered && i < query.count; ++i) {
-    listing.users.emplace_back(query.data[i].username);
+std::vector<std::string> users() {
+  std::vector<std::string> users;
+  for (const db_conn_server_log& row : list().rows) {
+    users.emplace_back(row.username);
   }
-  free(query.data);
-  return listing;
+  return users;
 }
 
 // Every kind of request, in a state in which any of them may fail. Each is answered, and at once.
@@ -94,7 +86,7 @@ void expect_a_fresh_start() {
   fs::rename(database(), database() + ".damaged", not_there);
   harness::Daemon daemon;
   EXPECT_EQ(insert("new"), KX_SUCCESS);
-  EXPECT_EQ(list().users, std::vector<std::string>{"new"});
+  EXPECT_EQ(users(), std::vector<std::string>{"new"});
   EXPECT_EQ(sql("PRAGMA integrity_check;"), std::vector<std::string>{"ok"});
   EXPECT_EQ(daemon.stop(), 0);
 }
@@ -125,6 +117,7 @@ TEST_F(StorageFault, AMissingFolderIsServedWithoutAStore) {
     harness::Daemon daemon;
     EXPECT_TRUE(log_holds("open db failed, unable to open database file"));
     expect_service();
+    EXPECT_TRUE(log_holds("RET = 14"));
     EXPECT_EQ(list().total, kUnread) << "told apart from an empty table";
     // The folder alone does not help: tables are made at start.
     fs::create_directories(fs::path(database()).parent_path());
@@ -135,7 +128,7 @@ TEST_F(StorageFault, AMissingFolderIsServedWithoutAStore) {
   }
   harness::Daemon daemon;
   EXPECT_EQ(insert("again"), KX_SUCCESS);
-  EXPECT_EQ(list().users, std::vector<std::string>{"again"});
+  EXPECT_EQ(users(), std::vector<std::string>{"again"});
   EXPECT_EQ(daemon.stop(), 0);
 }
 
@@ -149,12 +142,12 @@ TEST_F(StorageFault, AReadOnlyFileIsReadAndTakesNothingUntilItIsWritableAgain) {
   harness::WrappedDaemon daemon(read_only);
   expect_service();
   EXPECT_TRUE(log_holds("attempt to write a readonly database"));
-  EXPECT_EQ(list().users, std::vector<std::string>{"user0"});
+  EXPECT_EQ(users(), std::vector<std::string>{"user0"});
   ASSERT_EQ(harness::run_in_namespace_of(daemon.pid(), "mount -o remount,bind,rw \"$DB\""), 0);
   // The connection that was opened for reading only ends with the first record that it cannot take.
   EXPECT_EQ(insert("lost"), KX_SUCCESS);
   EXPECT_EQ(insert("after"), KX_SUCCESS);
-  EXPECT_EQ(list().users, (std::vector<std::string>{"user0", "after"}));
+  EXPECT_EQ(users(), (std::vector<std::string>{"user0", "after"}));
   EXPECT_EQ(daemon.stop(), 0);
 }
 
@@ -180,9 +173,9 @@ TEST_F(StorageFault, AFullDiskDamagesTheFileAndADumpSavesItsRows) {
 
   fs::rename(save_by_dump(harness::test_root() + "/damaged.db"), database());
   harness::Daemon again;
-  EXPECT_GE(list().users.size() + 1, static_cast<size_t>(stored));
+  EXPECT_GE(users().size() + 1, static_cast<size_t>(stored));
   EXPECT_EQ(insert("after"), KX_SUCCESS);
-  EXPECT_EQ(list().users.back(), "after");
+  EXPECT_EQ(users().back(), "after");
   EXPECT_EQ(sql("PRAGMA integrity_check;"), std::vector<std::string>{"ok"});
   EXPECT_EQ(again.stop(), 0);
 }
@@ -209,6 +202,10 @@ struct Damage {
   const char* started;  // null when the daemon starts as with a new file
 };
 
+void PrintTo(const Damage& damage, std::ostream* out) {
+  *out << damage.name;
+}
+
 constexpr const char* kMalformed = "err = database disk image is malformed";
 constexpr const char* kNoDatabase = "err = file is not a database";
 
@@ -221,7 +218,8 @@ constexpr Damage kDamages[] = {
     {"CutInTheHeader", [] { fs::resize_file(database(), 50); }, kMalformed, false, kMalformed},
     {"CutInHalf", [] { fs::resize_file(database(), fs::file_size(database()) / 2); }, kMalformed,
      false, kMalformed},
-    {"NoiseAllOver", [] { overwrite(0, size()); }, kNoDatabase, false, kNoDatabase},
+    {"NoiseAllOver", [] { overwrite(0, size()); }, kNoDatabase, false,
+     "create db failed: CREATE  TABLE IF NOT EXISTS conn_server_log"},
     {"NoiseBehindTheFirstPage", [] { overwrite(2048, size()); }, kMalformed, false, kMalformed},
     // A connection remembers the schema that it has read.
     {"NoiseInTheSchema", [] { overwrite(100, 2048); }, "", true, kMalformed},
@@ -238,13 +236,13 @@ class DamagedFile : public StorageFault, public testing::WithParamInterface<Dama
 
 TEST_P(DamagedFile, WhileTheDaemonRuns) {
   harness::Daemon daemon;
-  EXPECT_EQ(list().users.size(), kRows);
+  EXPECT_EQ(users().size(), kRows);
   GetParam().apply();
   expect_service();
   expect_service();
   EXPECT_TRUE(log_holds(GetParam().running));
   if (GetParam().readable_running) {
-    EXPECT_EQ(list().users.size(), kRows + 2);
+    EXPECT_EQ(users().size(), kRows + 2);
   } else {
     EXPECT_EQ(list().total, kUnread);
   }
@@ -262,7 +260,7 @@ TEST_P(DamagedFile, BeforeTheDaemonStarts) {
       EXPECT_TRUE(log_holds(GetParam().started));
       EXPECT_EQ(list().total, kUnread);
     } else {
-      EXPECT_EQ(list().users.size(), 1U);
+      EXPECT_EQ(users().size(), 1U);
     }
     EXPECT_EQ(daemon.stop(), 0);
   }
@@ -297,7 +295,7 @@ TEST_F(StorageFault, ALockHeldForASecondDelaysAndLosesNothing) {
     neighbour.end();
     caller.join();
   }
-  EXPECT_EQ(list().users, (std::vector<std::string>{"BEGIN IMMEDIATE;", "BEGIN EXCLUSIVE;"}));
+  EXPECT_EQ(users(), (std::vector<std::string>{"BEGIN IMMEDIATE;", "BEGIN EXCLUSIVE;"}));
   EXPECT_FALSE(log_holds("database is locked"));
   EXPECT_EQ(daemon.stop(), 0);
 }
@@ -311,18 +309,9 @@ TEST_F(StorageFault, ALockHeldLongerLosesTheRecordAndNothingElse) {
     EXPECT_TRUE(log_holds("database is locked"));
   }
   EXPECT_EQ(insert("kept"), KX_SUCCESS);
-  EXPECT_EQ(list().users, std::vector<std::string>{"kept"});
+  EXPECT_EQ(users(), std::vector<std::string>{"kept"});
   EXPECT_EQ(daemon.stop(), 0);
 }
-
-struct KillFigures {
-  int kills = 0;
-  int acknowledged = 0;    // rows
-  int unacknowledged = 0;  // rows that are there though nobody was told
-  int lost = 0;            // acknowledged rows that are not in a sound file
-  int damaged = 0;         // files that integrity_check finds fault with
-  int unsaved = 0;         // acknowledged rows that a dump does not save from a damaged file
-};
 
 // Inserts until the daemon is killed, `delay` after the first answer.
 int insert_until_killed(harness::Daemon& daemon, int round, std::chrono::microseconds delay) {
@@ -354,26 +343,26 @@ TEST_F(StorageFault, KilledDuringInserts) {
   const char* wanted = getenv("ZORV_TEST_KILLS");
   const int kills = wanted != nullptr ? atoi(wanted) : 20;
   std::minstd_rand random(static_cast<unsigned>(kills));
-  KillFigures figures;
-  int before = 0;  // rows in the file
-  while (figures.kills < kills) {
-    const int round = figures.kills++;
+  int told = 0;     // rows that were acknowledged
+  int lost = 0;     // of them, those that are not in a sound file
+  int untold = 0;   // rows that are there though nobody was told
+  int damaged = 0;  // files that integrity_check finds fault with
+  int unsaved = 0;  // acknowledged rows that a dump does not save from a damaged file
+  int before = 0;   // rows in the file
+  for (int round = 0; round < kills; ++round) {
     harness::Daemon daemon;  // on whatever the kill before left behind
     const int acknowledged =
         insert_until_killed(daemon, round, std::chrono::microseconds(random() % 50'000));
-    figures.acknowledged += acknowledged;
+    told += acknowledged;
     const int due = before + acknowledged;
-    const auto check = sql("PRAGMA integrity_check;");
-    if (check == std::vector<std::string>{"ok"}) {
+    if (sql("PRAGMA integrity_check;") == std::vector<std::string>{"ok"}) {
       before = rows_in(database());
-      figures.lost += std::max(due - before, 0);
-      figures.unacknowledged += std::max(before - due, 0);
+      lost += std::max(due - before, 0);
+      untold += std::max(before - due, 0);
     } else {
       const std::string saved = save_by_dump(database());
-      ++figures.damaged;
-      figures.unsaved += std::max(due - rows_in(saved), 0);
-      printf("kill %d: %s; %d rows due, %d saved\n", round, check.empty() ? "" : check[0].c_str(),
-             due, rows_in(saved));
+      ++damaged;
+      unsaved += std::max(due - rows_in(saved), 0);
       fs::remove(saved);
       before = kMostRows;
     }
@@ -385,9 +374,8 @@ TEST_F(StorageFault, KilledDuringInserts) {
   printf(
       "%d kills, %d rows acknowledged, %d of them lost from sound files; %d rows stored and not "
       "acknowledged; %d files damaged, %d acknowledged rows not saved from them\n",
-      figures.kills, figures.acknowledged, figures.lost, figures.unacknowledged, figures.damaged,
-      figures.unsaved);
-  EXPECT_EQ(figures.lost, 0);
+      kills, told, lost, untold, damaged, unsaved);
+  EXPECT_EQ(lost, 0);
 }
 
 }  // namespace

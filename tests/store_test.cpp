@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <thread>
 
 #include "harness/daemon.h"
 #include "harness/test_root.h"
@@ -64,15 +63,6 @@ class StoreTest : public testing::Test {
     return select(cond);
   }
 
-  // Rows straight into the file, ids from..to.
-  static void fill(int from, int to) {
-    const auto rows =
-        harness::sql("WITH RECURSIVE n(i) AS (SELECT " + std::to_string(from) +
-                     " UNION ALL SELECT i+1 FROM n " + "WHERE i < " + std::to_string(to) +
-                     ") INSERT INTO probe SELECT i, 'user' || i, i % 7, i * 10 FROM n;");
-    ASSERT_TRUE(rows.empty()) << rows[0];
-  }
-
   std::unique_ptr<store::TableTraits> traits_;
   std::unique_ptr<store::Table> table_;
   int created_ = -2;
@@ -103,9 +93,8 @@ TEST_F(StoreTest, StatementsAndLogLinesOfAnInsertAndAPage) {
       "DEBUG sqlite3_exec END TRANSACTION;",
       "INFO start = 0, count = 100001, order_by = 2 (limit_count), order_style = 5",
       "DEBUG count 100001 > maxium 100000, set count = 100000",
-      "DEBUG sqlite3_exec SELECT id FROM (SELECT * FROM probe ORDER BY id DESC LIMIT 100000) ORDER "
-      "BY "
-      "id ASC LIMIT 1;",
+      "DEBUG sqlite3_exec SELECT id FROM (SELECT * FROM probe ORDER BY id DESC LIMIT 100000) "
+      "ORDER BY id ASC LIMIT 1;",
       "DEBUG count = 1, rows[0] = 1",
       "DEBUG ID = 1",
       "INFO first_id = 1",
@@ -122,7 +111,7 @@ TEST_F(StoreTest, StatementsAndLogLinesOfAnInsertAndAPage) {
 
 TEST_F(StoreTest, The102000thRowRecycles2000AndPagesEndAtTheNewest100000) {
   make();
-  fill(1, 101998);
+  harness::insert_rows("probe", 101998, "id, username, limit_count", "i, 'user' || i, i % 7");
   insert("row 101999");
   EXPECT_EQ(harness::sql("SELECT count(*), min(id) FROM probe"),
             (std::vector<std::string>{"101999|1"}));
@@ -288,67 +277,6 @@ TEST_F(StoreTest, RowsThatOthersWroteAreReadWithoutDamage) {
   make();
   ASSERT_EQ(all().rows.size(), 1U);
   EXPECT_EQ(all().rows[0].limit, -1) << "a column that the file lacks reads as NULL";
-}
-
-TEST_F(StoreTest, EachFailureIsLoggedAndTheNextStatementTriesAgain) {
-  harness::write_file(harness::kDatabase, std::string(8192, '#'));
-  make();
-  EXPECT_EQ(created_, -1);
-  EXPECT_TRUE(harness::log_holds("create db failed: CREATE  TABLE IF NOT EXISTS probe"));
-  insert("lost");
-  EXPECT_TRUE(harness::log_holds("file is not a database"));
-  EXPECT_EQ(all().total, static_cast<record_uint64>(-1));
-
-  std::filesystem::remove_all(harness::test_root() + "/etc/config/zorv");
-  insert("lost");
-  EXPECT_TRUE(harness::log_holds("open db failed, unable to open database file"));
-  EXPECT_TRUE(harness::log_holds("RET = 14"));
-
-  std::filesystem::create_directories(harness::test_root() + "/etc/config/zorv");
-  make();
-  ASSERT_EQ(created_, 0);
-  insert("kept");
-  EXPECT_EQ(all().rows.size(), 1U);
-}
-
-TEST_F(StoreTest, AnotherProcessHoldingTheFileCostsNoRow) {
-  make();
-  sqlite3* other = nullptr;
-  sqlite3_open((harness::test_root() + harness::kDatabase).c_str(), &other);
-  ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
-  std::thread releasing([other] {
-    while (!harness::log_holds("sqlite3_exec INSERT")) {  // which is now waiting
-      std::this_thread::yield();
-    }
-    sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr);
-  });
-  insert("patient");
-  releasing.join();
-  sqlite3_close(other);
-  EXPECT_EQ(harness::sql("SELECT username FROM probe"), (std::vector<std::string>{"patient"}));
-}
-
-TEST_F(StoreTest, TemporaryTableLivesAndDiesWithItsConnection) {
-  make(Storage::temporary);
-  insert("here");
-  EXPECT_EQ(all().rows.size(), 1U);
-  EXPECT_EQ(harness::sql("SELECT count(*) FROM sqlite_master"), (std::vector<std::string>{"0"}));
-  store::run(*table_, store::SqlText(sqlite3_mprintf("SELECT nonsense;")));
-  EXPECT_EQ(all().rows.size(), 0U);
-  insert("into nothing");
-  EXPECT_TRUE(harness::log_holds("no such table: probe"));
-}
-
-TEST_F(StoreTest, FinishIsHarmlessWithoutCreateAndEmptiesTheTexts) {
-  store::TableTraits traits{"never", Storage::persistent, DeleteText::accumulates};
-  store::Table never(log_module, traits);
-  EXPECT_EQ(store::finish(never), 0);
-  EXPECT_TRUE(harness::log_texts("probe").empty());
-  make();
-  EXPECT_EQ(store::finish(*table_), 0);
-  EXPECT_EQ(table_->__db__, nullptr);
-  EXPECT_TRUE(table_->__db_create_str.empty() && table_->__db_insert_str.empty());
-  EXPECT_FALSE(table_->__db_update_str.empty());
 }
 
 }  // namespace

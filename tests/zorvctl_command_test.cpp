@@ -1,64 +1,52 @@
 // zorvctl as it is run: its words, its output and its exit status, with the real daemon and
 // without.
-
 #include <gtest/gtest.h>
 #include <jansson.h>
 
-#include <filesystem>
+#include <algorithm>
+#include <iterator>
 #include <set>
 #include <sstream>
 
 #include "harness/daemon.h"
 #include "harness/test_root.h"
-
-using harness::Daemon;
-using harness::Outcome;
+#include "json_ref.h"
 
 namespace {
 
-Outcome zorvctl(std::vector<std::string> words, const std::string& input = "") {
-  words.insert(words.begin(), harness::program("zorvctl"));
-  return harness::run(words, input);
-}
+using harness::lines_of;
+using harness::Outcome;
+using harness::zorvctl;
+using Words = std::vector<std::string>;
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-std::vector<std::string> split(const std::string& words) {
+Words split(const std::string& words) {
   std::istringstream stream(words);
   return {std::istream_iterator<std::string>(stream), {}};
 }
 
+// Runs it, expects 0 and no complaint.
+std::string done(const Words& words) {
+  const Outcome outcome = zorvctl(words);
+  EXPECT_EQ(outcome.status, 0) << testing::PrintToString(words) << outcome.err;
+  EXPECT_EQ(outcome.err, "");
+  return outcome.out;
+}
+
 // A member of one line of JSON, a number as its digits; "(none)" where there is none.
 std::string member(const std::string& line, const char* name) {
-  json_t* row = json_loads(line.c_str(), 0, nullptr);
-  const json_t* value = json_object_get(row, name);
-  std::string text = "(none)";
+  const JsonRef row(json_loads(line.c_str(), 0, nullptr));
+  const json_t* value = json_object_get(row.get(), name);
   if (json_is_string(value)) {
-    text.assign(json_string_value(value), json_string_length(value));
-  } else if (json_is_integer(value)) {
-    text = std::to_string(json_integer_value(value));
+    return {json_string_value(value), json_string_length(value)};
   }
-  json_decref(row);
-  return text;
+  return json_is_integer(value) ? std::to_string(json_integer_value(value)) : "(none)";
 }
 
 TEST(Words, ThatAreWrongEndWith2AndAreNamed) {
-  struct Wrong {
-    const char* words;
-    const char* named;
-  };
-  const Wrong cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"", "server-log"},
       {"frob", "'frob'"},
       {"server-log", "list"},
-      {"server-log frob", "'frob'"},
       {"server-log list --frob", "'--frob'"},
       {"server-log list -n many", "'many'"},
       {"server-log list -n -1", "'-1'"},
@@ -78,6 +66,7 @@ TEST(Words, ThatAreWrongEndWith2AndAreNamed) {
       {"server-log delete 1 two", "'two'"},
       {"server-log delete 0x10", "'0x10'"},
       {"server-log clean", "--all"},
+      {"block clean", "--all"},
       {"event delete 1", "'delete'"},
       {"block check", "user"},
       {"uuid new -n 0", "0"},
@@ -89,38 +78,33 @@ TEST(Words, ThatAreWrongEndWith2AndAreNamed) {
       {"hook openvpn", "script_type"},
   };
   unsetenv("script_type");
-  for (const Wrong& wrong : cases) {
-    const Outcome outcome = zorvctl(split(wrong.words));
-    EXPECT_EQ(outcome.status, 2) << wrong.words;
+  for (const auto& [words, named] : cases) {
+    const Outcome outcome = zorvctl(split(words));
+    EXPECT_EQ(outcome.status, 2) << words;
     EXPECT_TRUE(outcome.err.starts_with("zorvctl: ")) << outcome.err;
-    EXPECT_NE(outcome.err.find(wrong.named), std::string::npos) << wrong.words << outcome.err;
-    EXPECT_EQ(outcome.out, "") << wrong.words;
+    EXPECT_NE(outcome.err.find(named), std::string::npos) << words << outcome.err;
+    EXPECT_EQ(outcome.out, "") << words;
   }
   EXPECT_EQ(zorvctl({"server-log", "add", "--username", std::string(1025, 'u')}).status, 2);
+  EXPECT_EQ(zorvctl({"block", "check", std::string(1025, 'u')}).status, 2);
 }
 
 TEST(Words, HaveHelpAtEveryLevel) {
-  const std::string version = zorvctl({"--version"}).out;
-  EXPECT_TRUE(version.starts_with("zorvctl ")) << version;
+  EXPECT_TRUE(done({"--version"}).starts_with("zorvctl "));
   // Walks the tree that the help itself shows.
-  std::vector<std::vector<std::string>> open{{}};
+  std::vector<Words> open{{}};
   size_t seen = 0;
-  while (!open.empty()) {
-    const auto path = open.back();
+  for (; !open.empty(); ++seen) {
+    const Words path = open.back();
     open.pop_back();
-    ++seen;
-    auto words = path;
+    Words words = path;
     words.emplace_back("--help");
-    const Outcome outcome = zorvctl(words);
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.err, "");
     bool in_subcommands = false;
-    for (const std::string& line : lines_of(outcome.out)) {
+    for (const std::string& line : lines_of(done(words))) {
       EXPECT_LE(line.size(), 120U) << line;
       if (in_subcommands && line.starts_with("  ")) {
-        auto next = path;
-        next.push_back(split(line)[0]);
-        open.push_back(next);
+        open.push_back(path);
+        open.back().push_back(split(line)[0]);
       } else {
         in_subcommands = line == "Subcommands:";
       }
@@ -148,25 +132,11 @@ TEST(Words, AreCompletedFromTheHelp) {
 }
 
 TEST(WithoutDaemon, EveryRequestEndsWith3AndSaysWhy) {
-  const char* requests[] = {"server-log list",
-                            "server-log list -j",
-                            "client-log list -o csv",
-                            "event list",
-                            "session list -n 0",
-                            "device list",
-                            "block list",
-                            "server-log add",
-                            "event add",
-                            "device add",
-                            "server-log delete 1",
-                            "block check u",
-                            "session clean --all",
-                            "block clean --all",
-                            "block fail u",
-                            "block remove u",
-                            "uuid new",
-                            "client-log list -S today"};
-  for (const char* request : requests) {
+  for (const char* request :
+       {"server-log list", "server-log list -j", "client-log list -o csv", "event list",
+        "session list -n 0", "device list", "block list", "server-log add", "event add",
+        "device add", "server-log delete 1", "block check u", "session clean --all", "block fail u",
+        "block remove u", "uuid new", "client-log list -S today"}) {
     const Outcome outcome = zorvctl(split(request));
     EXPECT_EQ(outcome.status, 3) << request;
     EXPECT_NE(outcome.err.find("the daemon is not running"), std::string::npos) << outcome.err;
@@ -175,30 +145,21 @@ TEST(WithoutDaemon, EveryRequestEndsWith3AndSaysWhy) {
 
 class WithDaemon : public testing::Test {
  protected:
-  // Runs it, expects 0 and no complaint.
-  static std::string done(const std::vector<std::string>& words) {
-    const Outcome outcome = zorvctl(words);
-    EXPECT_EQ(outcome.status, 0) << words[0] << " " << words[1] << ": " << outcome.err;
-    EXPECT_EQ(outcome.err, "");
-    return outcome.out;
-  }
-
-  Daemon daemon_;
+  harness::Daemon daemon_;
 };
 
 TEST_F(WithDaemon, EveryColumnComesBackUnderItsName) {
   // Each column gets a value of its own, so that a mix-up shows.
-  const std::vector<std::string> columns = {
-      "username", "vpn_type", "uptime",   "time",     "device_info", "source_ip", "vpn_ip",
-      "tx_rate",  "rx_rate",  "tx_total", "rx_total", "outgoing",    "action"};
-  std::vector<std::string> words{"server-log", "add"};
+  const Words columns = {"username",  "vpn_type", "uptime",  "time",    "device_info",
+                         "source_ip", "vpn_ip",   "tx_rate", "rx_rate", "tx_total",
+                         "rx_total",  "outgoing", "action"};
+  Words words{"server-log", "add"};
   std::string select;
-  for (size_t index = 0; index < columns.size(); ++index) {
-    std::string option = "--" + columns[index];
+  for (const std::string& column : columns) {
+    std::string option = "--" + column;
     std::replace(option.begin(), option.end(), '_', '-');
-    words.push_back(option);
-    words.push_back(std::to_string(100 + index));
-    select += ", " + columns[index];
+    words.insert(words.end(), {option, std::to_string(100 + words.size())});
+    select += ", " + column;
   }
   done(words);
   const auto stored = harness::sql("SELECT id" + select + " FROM conn_server_log");
@@ -206,36 +167,22 @@ TEST_F(WithDaemon, EveryColumnComesBackUnderItsName) {
   const std::string line = done({"server-log", "list", "-j"});
   std::string shown = member(line, "id");
   for (const std::string& column : columns) {
-    shown += "|" + member(line, column.c_str());
+    const std::string value = member(line, column.c_str());
+    shown += "|" + value;
+    EXPECT_EQ(done({"server-log", "list", "-j", column + "=" + value}), line);
+    EXPECT_EQ(done({"server-log", "list", "-j", column + "=99"}), "") << column;
+    EXPECT_EQ(done({"server-log", "list", "-j", "--sort", column}), line);
   }
   EXPECT_EQ(shown, stored[0]);
-  for (size_t index = 0; index < columns.size(); ++index) {
-    const std::string value = std::to_string(100 + index);
-    EXPECT_EQ(done({"server-log", "list", "-j", columns[index] + "=" + value}), line);
-    EXPECT_EQ(done({"server-log", "list", "-j", columns[index] + "=99"}), "") << columns[index];
-    EXPECT_EQ(done({"server-log", "list", "-j", "--sort", columns[index]}), line);
-  }
 }
 
 TEST_F(WithDaemon, WordsOfTheCommandLineAreNoWordsInAName) {
-  const std::string names[] = {"",
-                               "list",
-                               "event",
-                               "[a,b]",
-                               "[]",
-                               "{}",
-                               "-x",
-                               "--all",
-                               "--",
-                               "++",
-                               "a=b",
-                               "%s%n",
-                               "o'brien",
-                               "two words",
-                               "\x1b[2J",
-                               "Zo\xC3\xAB",
-                               std::string(1024, 'u')};
-  for (const std::string& name : names) {
+  for (const std::string& name :
+       {std::string(), std::string("list"), std::string("[a,b]"), std::string("[]"),
+        std::string("{}"), std::string("-x"), std::string("--all"), std::string("--"),
+        std::string("++"), std::string("a=b"), std::string("%s%n"), std::string("o'brien"),
+        std::string("two words"), std::string("\x1b[2J"), std::string("Zo\xC3\xAB"),
+        std::string(1024, 'u')}) {
     done({"client-log", "add", "--username", name});
     EXPECT_EQ(member(done({"client-log", "list", "-j", "-n", "1", "-q"}), "username"), name);
     const auto found = lines_of(done({"client-log", "list", "-j", "username=" + name}));
@@ -245,34 +192,32 @@ TEST_F(WithDaemon, WordsOfTheCommandLineAreNoWordsInAName) {
 }
 
 TEST_F(WithDaemon, LongListsComeWholeAndOnce) {
-  harness::sql(
-      "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 5003) "
-      "INSERT INTO conn_server_log (username, vpn_type, uptime, time, device_info, source_ip, "
-      "vpn_ip, tx_rate, rx_rate, tx_total, rx_total, outgoing, action) "
-      "SELECT 'u' || i, 4, 0, i, '', '', '', 0, 0, 0, 0, '', i % 3 + 1 FROM n");
-  for (const std::vector<std::string>& order :
-       {std::vector<std::string>{}, {"-r"}, {"--sort", "action"}, {"--sort", "username", "-r"}}) {
-    std::vector<std::string> words{"server-log", "list", "-n", "0", "-j"};
-    words.insert(words.end(), order.begin(), order.end());
+  harness::insert_rows("conn_server_log", 5003, "username, uptime, time, action",
+                       "'u' || i, 0, i, i % 3 + 1");
+  for (const char* order : {"", "-r", "--sort action", "--sort username -r"}) {
     std::set<std::string> ids;
-    const auto lines = lines_of(done(words));
+    const auto lines = lines_of(done(split(std::string("server-log list -n 0 -j ") + order)));
     for (const std::string& line : lines) {
       ids.insert(member(line, "id"));
     }
     EXPECT_EQ(lines.size(), 5003U);
     EXPECT_EQ(ids.size(), 5003U);
   }
-  EXPECT_EQ(lines_of(done({"server-log", "list", "-q"})).size(), 50U);
-  EXPECT_EQ(lines_of(done({"server-log", "list", "-n", "0", "action=1", "-o", "csv"})).size(),
-            1 + 1667U);
-  EXPECT_EQ(
-      lines_of(done({"server-log", "list", "-n", "0", "-j", "-S", "@100", "-U", "@102"})).size(),
-      3U);
+  const std::pair<const char*, size_t> lists[] = {
+      {"server-log list -q", 50U},
+      {"server-log list -n 0 action=1 -o csv", 1 + 1667U},
+      {"server-log list -n 0 -j -S @100 -U @102", 3U},
+  };
+  for (const auto& [words, lines] : lists) {
+    EXPECT_EQ(lines_of(done(split(words))).size(), lines) << words;
+  }
   const Outcome outcome = zorvctl({"server-log", "list", "-n", "2", "--offset", "1", "-j"});
   EXPECT_EQ(outcome.status, 0);
   ASSERT_EQ(lines_of(outcome.out).size(), 2U);
   EXPECT_EQ(member(lines_of(outcome.out)[0], "username"), "u5002");
   EXPECT_NE(outcome.err.find("-n 0"), std::string::npos) << outcome.err;
+  const std::string full = harness::program("zorvctl") + " server-log list > /dev/full";
+  EXPECT_EQ(harness::run({"/bin/sh", "-c", full}).status, 1) << "output that cannot be written";
 }
 
 TEST_F(WithDaemon, DeletingAndCleaningSayWhenTheyDidNot) {
@@ -289,6 +234,8 @@ TEST_F(WithDaemon, DeletingAndCleaningSayWhenTheyDidNot) {
   done({"client-log", "add"});
   done({"client-log", "clean", "--all"});
   EXPECT_EQ(done({"client-log", "list", "-j"}), "");
+  done({"event", "add"});
+  EXPECT_EQ(done({"event", "list", "-n", "0"}), "") << "taken and not kept";
 }
 
 TEST_F(WithDaemon, SessionsExpireAndAreLostAfterTheSecondDelete) {
@@ -307,25 +254,94 @@ TEST_F(WithDaemon, ADeviceKeepsItsUuid) {
   const std::string first = done({"device", "add", "--mac", "00:11", "--dev-name", "old"});
   EXPECT_EQ(first.size(), 36U) << first;
   EXPECT_EQ(done({"device", "add", "--mac", "00:11", "--dev-name", "new"}), first);
-  const auto rows = lines_of(done({"device", "list", "-j"}));
-  ASSERT_EQ(rows.size(), 1U);
-  EXPECT_EQ(member(rows[0], "dev_name"), "new");
-  EXPECT_EQ(member(rows[0], "dev_uuid") + "\n", first);
+  const std::string row = done({"device", "list", "-j"});
+  EXPECT_EQ(member(row, "dev_name"), "new");
+  EXPECT_EQ(member(row, "dev_uuid") + "\n", first);
   const auto fresh = lines_of(done({"uuid", "new", "-n", "20"}));
   EXPECT_EQ(std::set<std::string>(fresh.begin(), fresh.end()).size(), 20U);
 }
 
-TEST_F(WithDaemon, EventsAreTakenAndNoneIsKept) {
-  done({"event", "add"});
-  for (const char* format : {"table", "json", "csv"}) {
-    EXPECT_EQ(done({"event", "list", "-n", "0", "-o", format}), "");
-  }
+TEST_F(WithDaemon, BlockListsUsersWhoseStateIsUnknownAndThePolicy) {
+  done({"block", "fail", "bob"});
+  const Outcome list = zorvctl({"block", "list"});
+  EXPECT_EQ(list.status, 0);
+  EXPECT_NE(list.out.find("bob"), std::string::npos);
+  EXPECT_NE(list.out.find("unknown"), std::string::npos) << list.out;
+  EXPECT_NE(list.err.find("vpn_block.conf"), std::string::npos) << list.err;
+  EXPECT_EQ(zorvctl({"block", "policy"}).status, 1);
+  done({"block", "clean", "--all"});
+  EXPECT_TRUE(harness::sql("SELECT * FROM privilege_user_block").empty());
+  const harness::PlatformDaemon platform;
+  harness::write_file("/etc/config/vpn_block.conf",
+                      R"({"global": {"enable": true, "limit": 3, "time": 1.5}})");
+  EXPECT_EQ(done({"block", "policy", "-j"}), "{\"enable\": true, \"limit\": 3, \"time\": 1.5}\n");
+  EXPECT_NE(done({"block", "policy"}).find("1 min 30 s"), std::string::npos);
 }
 
-TEST_F(WithDaemon, OutputThatCannotBeWrittenIsAFailure) {
-  done({"server-log", "add"});
-  const std::string command = harness::program("zorvctl") + " server-log list > /dev/full";
-  EXPECT_EQ(harness::run({"/bin/sh", "-c", command}).status, 1);
+constexpr const char* kOptions = "/etc/config/vpn_options.conf";
+
+TEST(OptionCommand, AnswersProgramsInOneLine) {
+  const struct {
+    Words words;
+    const char* line;
+    int status;
+  } answers[] = {
+      {{"get"}, R"({"data": {"{}": {"a": 1}, "list": [1, 2]}, "error": 0})", 0},
+      {{"get", "list"}, R"({"data": [1, 2], "error": 0})", 0},
+      {{"get", "nothing"}, R"({"data": {}, "error": 0})", 0},
+      {{"get", "{}"}, R"({"data": {"a": 1}, "error": 0})", 0},
+      {{"get", "a", "b"}, R"({"error": -1})", 2},
+      {{"set"}, R"({"error": -1})", 2},
+      {{"frob"}, R"({"error": -1})", 2},
+      {{}, R"({"error": -1})", 2},
+  };
+  EXPECT_EQ(done({"option", "get"}), "{\"data\": {}, \"error\": 0}\n") << "there is no file";
+  harness::write_file(kOptions, R"({"{}": {"a": 1}, "list": [1, 2]})");
+  for (const auto& answer : answers) {
+    Words words{"option"};
+    words.insert(words.end(), answer.words.begin(), answer.words.end());
+    const Outcome outcome = zorvctl(words);
+    EXPECT_EQ(outcome.out, std::string(answer.line) + "\n");
+    EXPECT_EQ(outcome.status, answer.status) << outcome.err;
+  }
+  EXPECT_TRUE(harness::log_holds("argc=3, argvs=option get nothing "));
+}
+
+TEST(OptionCommand, IsSetOnlyByAnObjectAndSaysWhatWasNotStored) {
+  const std::string before = R"({"global": {"version": "1"}, "gw_setting": {"as_gw_en": 0}})";
+  harness::write_file(kOptions, before);
+  for (const auto& [patch, status] : std::initializer_list<std::pair<const char*, int>>{
+           {"", 2}, {"3", 2}, {"{} x", 2}, {"@/no/such/file", 1}}) {
+    const Outcome outcome = zorvctl({"option", "set", patch});
+    EXPECT_EQ(outcome.status, status) << patch;
+    EXPECT_NE(outcome.err, "");
+    EXPECT_EQ(harness::read_file(kOptions), before) << patch;
+  }
+  EXPECT_EQ(zorvctl({"option", "set", "-"}, R"({"global": {"version": "2"}})").status, 0);
+  EXPECT_EQ(done({"option", "get", "global"}), "{\"data\": {\"version\": \"2\"}, \"error\": 0}\n");
+  harness::write_file("/patch.json", R"({"global": {"version": "3"}, "new": {}})");
+  const Outcome partly = zorvctl({"option", "set", "@" + harness::test_root() + "/patch.json"});
+  EXPECT_EQ(partly.status, 1);
+  EXPECT_NE(partly.err.find("'new'"), std::string::npos) << partly.err;
+  EXPECT_EQ(done({"option", "get", "global"}), "{\"data\": {\"version\": \"3\"}, \"error\": 0}\n");
+}
+
+TEST(GatewayCommand, IsShownAndDisabled) {
+  harness::write_file(kOptions,
+                      R"({"gw_setting": {"as_gw_en": 1, "gw1": {"type": 1024, "index": 3, )"
+                      R"("sname": "OPENVPN_CLIENT3"}, "failover_en": 0}})");
+  const Outcome shown = zorvctl({"gateway", "show"});
+  EXPECT_EQ(shown.status, 1) << "the network service is away";
+  EXPECT_NE(shown.out.find("OpenVPN client 3 (OPENVPN_CLIENT3)"), std::string::npos) << shown.out;
+
+  const harness::PlatformDaemon platform;
+  const JsonRef both(json_loads(done({"gateway", "show", "-j"}).c_str(), 0, nullptr));
+  EXPECT_TRUE(json_is_object(json_object_get(both.get(), "current")));
+  EXPECT_TRUE(json_is_object(json_object_get(both.get(), "gw_setting")));
+  const std::string other = zorvctl({"gateway", "disable", "pptp", "1"}).out;
+  EXPECT_NE(other.find("nothing changed"), std::string::npos);
+  EXPECT_EQ(zorvctl({"gateway", "disable", "OpenVPN", "3"}).status, 0);
+  EXPECT_NE(harness::read_file(kOptions).find("\"as_gw_en\": 0"), std::string::npos);
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,7 +52,6 @@ std::string proc_folder(pid_t pid) {
 
 void bus_callback(const char* method, kx_io* io, int fd) {
   const std::string name = method;
-  const auto* text = static_cast<const char*>(kx_io_read(io, nullptr));
   if (name == "fail") {
     kx_io_free(io);
   } else if (name == "throw") {
@@ -64,16 +62,6 @@ void bus_callback(const char* method, kx_io* io, int fd) {
     kx_io_realloc(io, 0);
     kx_io_write(io, answer.data(), answer.size());
     kx_reply(io);
-  } else if (name == "grow") {
-    const std::size_t wanted = strtoul(text != nullptr ? text : "0", nullptr, 10);
-    kx_io_realloc(io, 0);
-    for (std::size_t done = 0; done < wanted;) {
-      const std::size_t part = std::min<std::size_t>(wanted - done, 5200);
-      memset(kx_io_extend(io, part), 'a' + static_cast<int>(done % 23), part);
-      done += part;
-    }
-    kx_reply(io);
-    kx_io_free(io);
   } else if (name == "again") {
     kx_reply(io);
     kx_reply(io);
@@ -85,7 +73,7 @@ void bus_callback(const char* method, kx_io* io, int fd) {
     kx_io_realloc(io, 0);
     kx_io_write(io, bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
     kx_reply(io);
-  } else if (name == "echo") {
+  } else if (name == "echo" || name.size() == 255) {
     kx_reply(io);
     kx_io_free(io);
   }
@@ -242,25 +230,6 @@ double cpu_seconds(pid_t pid) {
     return -1;
   }
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-Child::Child(const std::function<int()>& body) : pid_(fork()) {
-  if (pid_ == 0) {
-    _exit(body());
-  }
-}
-
-Child::~Child() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-}
-
-int Child::wait() {
-  int status = -1;
-  waitpid(std::exchange(pid_, -1), &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
 }
 
 }  // namespace harness

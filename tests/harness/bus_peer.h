@@ -5,11 +5,11 @@
 #include <sys/types.h>
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "harness/process.h"
 #include "kxbus.h"
 
 namespace harness {
@@ -17,10 +17,10 @@ namespace harness {
 inline constexpr const char* kBusAddress = "@bus";
 
 // The callback of the tests; what it does is named by the method:
-//   echo    replies what came              held    replies how many descriptors its process has
-//   grow    replies that many bytes (text) fail    frees the buffer
-//   again   replies, then frees twice over throw   throws
-//   ignore  returns without an answer      mark    replies nothing, and adds 1 to marks()
+//   echo    replies what came, as does the longest name    throw   throws
+//   again   replies, then frees twice over                 fail    frees the buffer
+//   ignore  returns without an answer                      mark    answers, and adds 1 to marks()
+//   held    replies how many descriptors its process has
 //   read    replies the first bytes of the descriptor passed along
 void bus_callback(const char* method, kx_io* io, int fd);
 int marks();
@@ -91,20 +91,5 @@ int open_descriptors(pid_t pid = 0);
 // The lowest number that an opened descriptor of the process would get.
 int lowest_free_descriptor(pid_t pid);
 double cpu_seconds(pid_t pid);
-
-// Runs `body` in a child; its value is the exit status. The parent's own gtest is left alone.
-class Child {
- public:
-  explicit Child(const std::function<int()>& body);
-  ~Child();
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  pid_t pid() const { return pid_; }
-  int wait();
-
- private:
-  pid_t pid_;
-};
 
 }  // namespace harness

@@ -3,45 +3,16 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
 
 #include "harness/test_root.h"
 #include "kxbus.h"
 
 namespace harness {
 namespace {
-
-using std::chrono::steady_clock;
-
-constexpr std::chrono::seconds kPatience{20};
-constexpr std::chrono::milliseconds kPause{2};
-
-// Asks again until `ready` is, or patience ends.
-template <class Ready>
-bool wait_for(Ready ready) {
-  const auto end = steady_clock::now() + kPatience;
-  while (!ready()) {
-    if (steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(kPause);
-  }
-  return true;
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
 
 std::vector<std::string> command(const std::string& name, const std::vector<std::string>& options) {
   std::vector<std::string> words{program(name)};
@@ -62,7 +33,7 @@ void install_notify() {
 }
 
 bool wait_until_serving(const char* address) {
-  return wait_for([address] {
+  return eventually([address] {
     kx_io* io = kx_io_create();
     const int status = kx_call(address, "no such method", io, 5, -1);
     kx_io_free(io);
@@ -80,6 +51,19 @@ PlatformDaemon::PlatformDaemon() : process_(command("platformd", {})) {
   if (!wait_until_serving("vpncaas") || !wait_until_serving("NetworkService")) {
     throw std::runtime_error("platformd does not serve");
   }
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+Outcome zorvctl(const std::vector<std::string>& words, const std::string& input) {
+  return run(command("zorvctl", words), input);
 }
 
 std::vector<LogLine> log_lines() {
@@ -125,13 +109,20 @@ std::vector<std::string> log_texts(const std::string& module) {
   return texts;
 }
 
+std::vector<std::string> new_log_texts(const std::string& module, const std::string& level) {
+  std::vector<std::string> texts = log_texts(module);
+  std::erase_if(texts, [&](const std::string& text) { return text.rfind(level, 0) != 0; });
+  write_file(kLogFile, "");
+  return texts;
+}
+
 bool log_holds(const std::string& text) {
   return read_file(kLogFile).find(text) != std::string::npos;
 }
 
 std::vector<std::string> notifications(size_t count) {
   std::vector<std::string> lines;
-  wait_for([&] {
+  eventually([&] {
     lines = lines_of(read_file(kNotifications));
     return lines.size() >= count;
   });
@@ -162,6 +153,17 @@ std::vector<std::string> sql(const std::string& statement) {
     sqlite3_free(error);
   }
   return rows;
+}
+
+void insert_rows(const std::string& table, int last, const std::string& columns,
+                 const std::string& values, int first) {
+  const auto complaints =
+      sql("WITH RECURSIVE n(i) AS (SELECT " + std::to_string(first) +
+          " UNION ALL SELECT i + 1 FROM n WHERE i < " + std::to_string(last) + ") INSERT INTO " +
+          table + " (" + columns + ") SELECT " + values + " FROM n");
+  if (!complaints.empty()) {
+    throw std::runtime_error(complaints[0]);
+  }
 }
 
 }  // namespace harness

@@ -43,6 +43,11 @@ class PlatformDaemon {
   Process process_;
 };
 
+// Runs zorvctl to its end.
+Outcome zorvctl(const std::vector<std::string>& words, const std::string& input = "");
+
+std::vector<std::string> lines_of(const std::string& text);
+
 // Waits until somebody listens on a bus address.
 bool wait_until_serving(const char* address);
 
@@ -56,6 +61,8 @@ struct LogLine {
 std::vector<LogLine> log_lines();
 // Those of one module, as "LEVEL text".
 std::vector<std::string> log_texts(const std::string& module);
+// Those of one module and level (an empty one is any) since the last call.
+std::vector<std::string> new_log_texts(const std::string& module, const std::string& level = "");
 bool log_holds(const std::string& text);
 
 // The notifications, once there are at least `count` of them (or after some seconds, fewer).
@@ -63,5 +70,9 @@ std::vector<std::string> notifications(size_t count);
 
 // One statement on the database file, its rows as "a|b|c".
 std::vector<std::string> sql(const std::string& statement);
+
+// One row for each number i from `first` to `last`; `values` may name it.
+void insert_rows(const std::string& table, int last, const std::string& columns,
+                 const std::string& values, int first = 1);
 
 }  // namespace harness

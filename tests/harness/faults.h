@@ -1,11 +1,7 @@
 // A daemon that has to live with failing calls, small limits and broken disks.
 #pragma once
 
-#include <chrono>
-#include <functional>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "harness/fault_plan.h"
@@ -18,19 +14,6 @@ inline constexpr bool kSanitized = true;  // whose allocator is another and keep
 #else
 inline constexpr bool kSanitized = false;
 #endif
-
-// Asks again until `ready` is; false when it is not within 20 seconds.
-template <class Ready>
-bool eventually(Ready ready) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!ready()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 long resident_kilobytes(pid_t process);
 

@@ -49,6 +49,27 @@ std::string slurp(const std::string& path) {
 
 }  // namespace
 
+Child::Child(const std::function<int()>& body) : pid_(fork()) {
+  if (pid_ == 0) {
+    _exit(body());
+  }
+}
+
+Child::~Child() {
+  if (pid_ > 0) {
+    kill(pid_, SIGKILL);
+    wait();
+  }
+}
+
+int Child::wait() {
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  pid_ = -1;
+  return decode(status);
+}
+
 Process::Process(const std::vector<std::string>& arguments) : pid_(spawn(arguments, -1, -1, -1)) {}
 
 Process::~Process() {

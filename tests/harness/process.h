@@ -4,10 +4,41 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace harness {
+
+// Asks again until `ready` is; false when it is not within 20 seconds.
+template <class Ready>
+bool eventually(Ready ready) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// Runs `body` in a child; its value is the exit status. The parent's own gtest is left alone.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& body);
+  ~Child();  // kills and reaps it
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  int wait();  // as of Process::wait
+
+ private:
+  pid_t pid_;
+};
 
 class Process {
  public:
