@@ -15,6 +15,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 constexpr const char* kPolicy = "/etc/config/vpn_block.conf";
 
 void set_policy(const std::string& global) {
@@ -156,9 +158,8 @@ TEST_F(Block, LimitsAndTimesOfEveryKind) {
 
 TEST_F(Block, NamesOfEveryKindAreCountedAsThemselves) {
   set_policy(R"({"enable": true, "limit": 2, "time": 5})");
-  for (const std::string& name :
-       {std::string(), std::string("a%sb%n%%"), std::string("o'brien"), std::string("jos\xc3\xa9"),
-        std::string("\xff\x01"), std::string(1024, 'x'), std::string("%llu")}) {
+  for (const std::string& name : {""s, "a%sb%n%%"s, "o'brien"s, "jos\xc3\xa9"s, "\xff\x01"s,
+                                  std::string(1024, 'x'), "%llu"s}) {
     EXPECT_EQ(fail(name), 0);
     EXPECT_EQ(fail(name), 0);
     EXPECT_EQ(check(name), 1) << name;

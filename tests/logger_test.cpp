@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "harness/process.h"
 #include "harness/test_root.h"
 
 namespace {
@@ -115,16 +115,15 @@ TEST_F(LoggerTest, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
   log_module._iot_lock_fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0777);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  const pid_t holder = fork();
-  if (holder == 0) {
+  const harness::Child holder([&]() -> int {
     const int fd = open(path.c_str(), O_WRONLY);
     struct flock record {};
     record.l_type = F_WRLCK;
     record.l_whence = SEEK_SET;
     fcntl(fd, F_SETLKW, &record);
     [[maybe_unused]] const ssize_t told = write(ends[1], "", 1);
-    pause();
-  }
+    return pause();
+  });
   char byte;
   ASSERT_EQ(read(ends[0], &byte, 1), 1);
   std::thread line([] { ZORV_LOG(info, "waited\n"); });
@@ -137,8 +136,7 @@ TEST_F(LoggerTest, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
     locks.assign(std::istreambuf_iterator<char>(file), {});
   }
   EXPECT_EQ(log_content(), "");
-  kill(holder, SIGKILL);
-  waitpid(holder, nullptr, 0);
+  kill(holder.pid(), SIGKILL);
   line.join();
   EXPECT_NE(log_content().find("waited"), std::string::npos);
   EXPECT_EQ(log_module._iot_lock_fd_, -1);
@@ -146,14 +144,14 @@ TEST_F(LoggerTest, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
 
 TEST_F(LoggerTest, AForkedProcessSignsWithItsOwnId) {
   ZORV_LOG(info, "parent\n");
-  const pid_t child = fork();
-  if (child == 0) {
+  harness::Child child([] {
     ZORV_LOG(info, "child\n");
-    _exit(0);
-  }
-  waitpid(child, nullptr, 0);
+    return 0;
+  });
+  const pid_t id = child.pid();
+  child.wait();
   EXPECT_NE(log_content().find(" " + std::to_string(getpid()) + " [INFO]"), std::string::npos);
-  EXPECT_NE(log_content().find(" " + std::to_string(child) + " [INFO]"), std::string::npos);
+  EXPECT_NE(log_content().find(" " + std::to_string(id) + " [INFO]"), std::string::npos);
 }
 
 TEST_F(LoggerTest, LongLinesStayWholeAmongThreads) {

@@ -14,6 +14,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using harness::list;
 using harness::set_text;
 
@@ -38,15 +39,14 @@ db_conn_server_log server_record(const char* user, int vpn_type, int action) {
 
 db_conn_client_log_data client_record(int vpn_type, int action) {
   db_conn_client_log_data record{};
-  set_text(record.username, "office");
   record.vpn_type = vpn_type;
   record.action = action;
   record.time = 1795234206;
   record.uptime = 3725;
   record.tx_total = 1048577;
-  record.rx_total = 0;
+  set_text(record.username, "office");
   set_text(record.vpn_ip, "10.8.0.6");
-  memcpy(record.country_code, "DE", 3);
+  set_text(record.country_code, "DE");
   set_text(record.wan_ip, "203.0.113.9");
   return record;
 }
@@ -256,9 +256,8 @@ std::vector<std::string> kept_texts(Record record, Add add, List list_all, auto 
 TEST_F(Methods, EveryTextFieldKeepsWhatItIsGiven) {
   using Field = char(*)[kTextSize];
   using Fields = std::vector<Field>;
-  for (const std::string& text : {std::string("o'brien \"q\" \\ ; --"), std::string("%s%n%llu%%"),
-                                  std::string("\x01\n\t\x7f"), std::string("\xff\xfe caf\xc3\xa9"),
-                                  std::string(), std::string(1025, 'x')}) {
+  for (const std::string& text : {"o'brien \"q\" \\ ; --"s, "%s%n%llu%%"s, "\x01\n\t\x7f"s,
+                                  "\xff\xfe caf\xc3\xa9"s, ""s, std::string(1025, 'x')}) {
     const std::string kept = text.substr(0, 1024);
     const auto as_kept = [&](size_t count) { return std::vector<std::string>(count, kept); };
     EXPECT_EQ(

@@ -13,6 +13,7 @@
 
 namespace {
 
+using namespace std::string_literals;
 using harness::Daemon;
 using harness::Outcome;
 using harness::sql;
@@ -197,7 +198,7 @@ TEST(OpenVpn, HostileTextsStayWithinTheirFields) {
   }
   for (const std::string& value :
        {std::string(1 << 20, 'h'), accents, std::string(1023, 'x') + "\xC3\xAB",
-        std::string(5000, '\xff'), std::string("\x1b[2J\n%s%n"), std::string()}) {
+        std::string(5000, '\xff'), "\x1b[2J\n%s%n"s, ""s}) {
     Environment environment;
     for (const std::string& line : recorded("client-disconnect")) {
       environment[line.substr(0, line.find('='))] = value;

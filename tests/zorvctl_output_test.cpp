@@ -17,6 +17,7 @@ using namespace zorvctl;
 
 namespace {
 
+using namespace std::string_literals;
 using User = db_privilege_user_block_data;
 
 // The daemon's table: rows in id order, the time of each its id times ten.
@@ -220,9 +221,8 @@ std::string every_byte() {
 
 TEST(Json, IsValidAndExactWhateverARecordHolds) {
   for (const std::string& text :
-       {std::string(), std::string("\"quoted\" \\ back"), std::string("line\nbreak\ttab"),
-        std::string("\x1b[31m"), std::string("\x7f\xC2\x9B"), std::string("Zo\xC3\xAB"),
-        std::string("cut\xE2\x82"), every_byte(), std::string("\xE2\x80\xA8")}) {
+       {""s, "\"quoted\" \\ back"s, "line\nbreak\ttab"s, "\x1b[31m"s, "\x7f\xC2\x9B"s,
+        "Zo\xC3\xAB"s, "cut\xE2\x82"s, every_byte(), "\xE2\x80\xA8"s}) {
     db_conn_server_log record = connection(text);
     std::string out;
     make_json_writer(kServerLog.columns, &out)->add(&record);

@@ -2,11 +2,8 @@
 
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -61,19 +58,17 @@ FakeService::FakeService(const char* address, std::map<std::string, Answer> answ
   if (pipe(ends) != 0) {
     throw std::runtime_error("no pipe");
   }
-  child_ = fork();
-  if (child_ == 0) {
+  child_.emplace([&]() -> int {
     known_answers = std::move(answers);
     record_path = record_;
     close(ends[0]);
     serve(address, ends[1]);
-  }
+  });
   close(ends[1]);
   char ready = 0;
   const bool is_serving = read(ends[0], &ready, 1) == 1;
   close(ends[0]);
   if (!is_serving) {
-    stop();
     throw std::runtime_error(std::string("cannot serve ") + address);
   }
 }
@@ -81,15 +76,6 @@ FakeService::FakeService(const char* address, std::map<std::string, Answer> answ
 FakeService::FakeService(const char* address, const char* method,
                          const std::optional<std::string>& reply)
     : FakeService(address, {{method, [reply] { return reply; }}}) {}
-
-void FakeService::stop() {
-  if (child_ > 0) {
-    kill(child_, SIGKILL);
-    while (waitpid(child_, nullptr, 0) < 0 && errno == EINTR) {
-    }
-    child_ = -1;
-  }
-}
 
 std::vector<std::string> FakeService::calls() const {
   std::vector<std::string> calls;

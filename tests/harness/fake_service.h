@@ -2,13 +2,13 @@
 // with what no real service would send.
 #pragma once
 
-#include <sys/types.h>
-
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "harness/process.h"
 
 namespace harness {
 
@@ -20,18 +20,15 @@ class FakeService {
   // Serves when the constructor returns. Other methods than these are unknown to it.
   FakeService(const char* address, std::map<std::string, Answer> answers);
   FakeService(const char* address, const char* method, const std::optional<std::string>& reply);
-  ~FakeService() { stop(); }
-  FakeService(const FakeService&) = delete;
-  FakeService& operator=(const FakeService&) = delete;
 
-  void stop();
+  void stop() { child_.reset(); }
 
   // What has been asked so far, in order, as "METHOD REQUEST".
   std::vector<std::string> calls() const;
 
  private:
   std::string record_;
-  pid_t child_ = -1;
+  std::optional<Child> child_;
 };
 
 }  // namespace harness
