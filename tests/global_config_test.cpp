@@ -170,29 +170,4 @@ TEST_F(GlobalConfigFile, AnnouncesUnderTheLockAndUpdatesAfterIt) {
   EXPECT_EQ(new_errors(), Lines{"ERROR update_vpn_gw: kx_call failed"});
 }
 
-// A section long enough to be written in several pieces.
-std::string generation(int number) {
-  const std::string text = std::to_string(number);
-  return R"({"gw_setting": {"first": )" + text + R"(, "fill": ")" + std::string(20000, 'x') +
-         R"(", "last": )" + text + "}}";
-}
-
-TEST_F(GlobalConfigFile, ReadersNeverSeeAHalfWrittenFile) {
-  harness::write_file(kOptionsFile, kDefaults);
-  config_.save(generation(0).c_str());
-  harness::Child saver([this] {
-    for (int i = 0; i < 100; ++i) {
-      config_.save(generation(i).c_str());
-    }
-    return 0;
-  });
-  for (int i = 0; i < 200; ++i) {
-    const JsonRef section(config_.load("gw_setting"));
-    const json_t* const first = json_object_get(section.get(), "first");
-    ASSERT_TRUE(json_is_integer(first) &&
-                json_equal(first, json_object_get(section.get(), "last")) != 0);
-  }
-  EXPECT_EQ(saver.wait(), 0);
-}
-
 }  // namespace
