@@ -2,6 +2,7 @@
 // daemon, and everybody else.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -148,6 +149,14 @@ void send_wrong_descriptors() {
   for (const int64_t length :
        std::initializer_list<int64_t>{0, 1, 99'999, 100'001, 1 << 30, (1 << 30) + 1, 0xffffffff}) {
     EXPECT_EQ(answer_to(packet(kBody, length), {good}), KX_IS_INVALID) << length;
+  }
+  for (const int64_t length : {1 << 30, (1 << 30) + 1}) {  // the largest body, and one more
+    const int sparse = memfd_create("sparse", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    ASSERT_EQ(ftruncate(sparse, length), 0);
+    ASSERT_EQ(fcntl(sparse, F_ADD_SEALS, static_cast<int>(harness::kAllSeals)), 0);
+    EXPECT_EQ(answer_to(packet(kBody, length), {sparse}),
+              length == 1 << 30 ? KX_SUCCESS : KX_IS_INVALID);
+    close(sparse);
   }
   for (const int each : wrong) {
     EXPECT_EQ(answer_to(packet(kBody, 100'000), {each}), KX_IS_INVALID) << each;

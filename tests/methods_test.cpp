@@ -321,6 +321,7 @@ TEST_F(Methods, WrongRequestsAreAnsweredAtOnceAndChangeNothing) {
       {"db_conn_server_log_query", "", KX_IS_REJECT},
       {"db_conn_server_log_del", "", KX_IS_REJECT},
       {"db_device_info_insert", "", KX_IS_REJECT},
+      {"db_event_insert", std::string(300, 'x'), KX_SUCCESS},
       {"db_conn_client_log_clean", "a payload that is not looked at", KX_SUCCESS},
       {"db_conn_server_log_query", injection, KX_SUCCESS},
       {"db_conn_server_log_query", std::string(2088, '\xff'), KX_IS_REJECT},
@@ -379,6 +380,8 @@ TEST_F(Methods, AHundredThousandRecordsArriveWhole) {
     ASSERT_EQ(row.username, "user" + std::to_string(i + 1));
     ASSERT_EQ(row.action, 2);
   }
+  EXPECT_EQ(call("db_conn_server_log_clean", "", nullptr, 60), KX_SUCCESS);
+  EXPECT_TRUE(harness::sql("SELECT id FROM conn_server_log").empty());
 }
 
 }  // namespace
