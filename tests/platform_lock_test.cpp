@@ -9,13 +9,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "conf_file_lock.h"
-#include "descriptor.h"
 #include "harness/process.h"
 #include "harness/test_root.h"
 #include "rooted.h"

@@ -4,6 +4,7 @@
 #include <jansson.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "block_state.h"
