@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sched.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -103,6 +104,19 @@ class ServerChild {
   bool ready_ = false;
 };
 
+// Whether a peer's supplementary groups can be asked for: an emulator may not know how.
+bool groups_can_be_told() {
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+  gid_t groups[64];
+  socklen_t length = sizeof groups;
+  const int result = getsockopt(ends[0], SOL_SOCKET, SO_PEERGROUPS, groups, &length);
+  const bool told = result == 0 || errno == ERANGE;
+  close(ends[0]);
+  close(ends[1]);
+  return told;
+}
+
 TEST_F(PeerTest, AllowListDecidesWhoMayCall) {
   const ServerChild server;
   ASSERT_TRUE(server.ready());
@@ -133,6 +147,9 @@ TEST_F(PeerTest, AllowListDecidesWhoMayCall) {
   for (const auto& item : kCases) {
     SCOPED_TRACE(item.what);
     allow(item.file);
+    if (!item.groups.empty() && !groups_can_be_told()) {
+      continue;
+    }
     EXPECT_EQ(call_as(item.user, item.groups, item.primary), item.status);
   }
 }
