@@ -60,7 +60,7 @@ Page answer(db_query_cond& cond) {
   }
   const size_t start = std::min(static_cast<size_t>(cond.start), rows.size());
   page.count = std::min(static_cast<size_t>(cond.count), rows.size() - start);
-  page.records.reset(calloc(page.count + 1, page.record_size));
+  page.records.reset(calloc(static_cast<size_t>(page.count) + 1, page.record_size));
   std::copy_n(rows.data() + start, page.count, static_cast<User*>(page.records.get()));
   table.add(table.added_per_query);
   return page;
