@@ -36,7 +36,8 @@ install(FILES ${package}/logrotate.conf DESTINATION /etc/logrotate.d RENAME zorv
 install(FILES ${package}/completion/zorvctl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zorvctl
         COMPONENT zorvd)
-install(FILES README.md docs/operations.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
 
 # The libraries' folder is their own: some of their names are short.
 set(client_libraries ${CMAKE_INSTALL_LIBDIR}/zorv)
