@@ -170,7 +170,7 @@ int receive_reply(int socket, Buffer& body, const Deadline& deadline) {
   ReplyFrame frame;
   if (decode_reply(incoming.packet(body.packet_space()), frame) != KX_SUCCESS) {
     body.clear();
-    return incoming.out_of_descriptors ? KX_IS_BUSY : KX_IO_FAILURE;
+    return KX_IO_FAILURE;
   }
   if (frame.status != KX_SUCCESS) {
     return frame.status;

@@ -36,7 +36,7 @@ enum kx_status {
   KX_NOT_READY = 2,   // nobody listens on the address
   KX_IS_PAUSED = 3,   // the server is stopping
   KX_IS_REJECT = 4,   // one side does not deal with the other, or the handler failed
-  KX_IO_FAILURE = 5,  // the connection ended without a reply, the reply is malformed, no memory
+  KX_IO_FAILURE = 5,  // the connection ended without a reply, the reply cannot be read, no memory
   KX_IS_BUSY = 6,  // the backlog was full until the deadline, too many connections or descriptors
   KX_IS_INVALID = 7,  // bad arguments, a malformed request, an unknown method
 };
