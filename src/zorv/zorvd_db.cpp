@@ -3,7 +3,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 
 #include "logger.h"
 #include "zorv_records.h"
@@ -40,19 +42,23 @@ int answer_empty(const LogSite& site, kx_io* io, int result, const char* call) {
   return replied(io);
 }
 
-const void* payload_of(const LogSite& site, kx_io* io) {
-  const void* payload = kx_io_read(io, nullptr);
+// What the caller sent; without it the request has failed.
+std::optional<std::string_view> payload_of(const LogSite& site, kx_io* io) {
+  size_t length = 0;
+  const void* payload = kx_io_read(io, &length);
   if (payload == nullptr) {
     ZORV_LOG_AT(site, error, "%s: kx_io_read returned NULL\n", site.function);
     kx_io_free(io);
+    return std::nullopt;
   }
-  return payload;
+  return std::string_view(static_cast<const char*>(payload), length);
 }
 
+// A short payload is a record with zeros behind it, a long one is cut.
 template <class Record>
-Record copy_of(const void* payload) {
-  Record record;
-  std::memcpy(static_cast<void*>(&record), payload, sizeof record);
+Record record_of(std::string_view payload) {
+  Record record{};
+  payload.copy(reinterpret_cast<char*>(&record), sizeof record);
   return record;
 }
 
@@ -77,11 +83,11 @@ class ReplyRows final : public store::RowSpace {
 
 template <class Record>
 int handle_insert(const LogSite& site, kx_io* io, int (*insert)(Record*), const char* call) {
-  const void* payload = payload_of(site, io);
-  if (payload == nullptr) {
+  const auto payload = payload_of(site, io);
+  if (!payload) {
     return -1;
   }
-  auto record = copy_of<Record>(payload);
+  auto record = record_of<Record>(*payload);
   return answer_empty(site, io, insert(&record), call);
 }
 
@@ -91,11 +97,11 @@ using Select = int (*)(const db_query_cond*, store::RowSpace&, Query&);
 template <class Query>
 int handle_query(const LogSite& site, kx_io* io, Select<Query> select, const char* announcement,
                  const char* call) {
-  const void* payload = payload_of(site, io);
-  if (payload == nullptr) {
+  const auto payload = payload_of(site, io);
+  if (!payload) {
     return -1;
   }
-  const auto cond = copy_of<db_query_cond>(payload);
+  const auto cond = record_of<db_query_cond>(*payload);
   ZORV_LOG_AT(site, debug, "%s\n", announcement);
   // The head is only known behind the rows, so its place is kept.
   Query head{};
@@ -116,17 +122,19 @@ int handle_query(const LogSite& site, kx_io* io, Select<Query> select, const cha
 
 int handle_delete(const LogSite& site, kx_io* io, int (*remove)(const db_delete_cond*),
                   const char* call) {
-  const void* payload = payload_of(site, io);
-  if (payload == nullptr) {
+  const auto payload = payload_of(site, io);
+  if (!payload) {
     return -1;
   }
-  const auto cond = copy_of<db_delete_cond>(payload);
+  const auto cond = record_of<db_delete_cond>(*payload);
   return answer_empty(site, io, remove(&cond), call);
 }
 
-// The user name is used where it lies; the bus ends every request buffer with a zero byte.
-const char* username_of(kx_io* io) {
-  return static_cast<const char*>(kx_io_read(io, nullptr));
+// A user name is text: it ends at its first zero byte, or with the payload. None is the empty one.
+std::string username_of(kx_io* io) {
+  size_t length = 0;
+  const auto* payload = static_cast<const char*>(kx_io_read(io, &length));
+  return payload != nullptr ? std::string(payload, strnlen(payload, length)) : std::string();
 }
 
 }  // namespace
@@ -180,7 +188,7 @@ int db_conn_client_clean_handler(kx_io* io) {
 // An event has no fields: the payload must be there, and nothing of it is used.
 int db_event_insert_handler(kx_io* io) {
   ZORV_LOG(info, "db_event_data\n");
-  if (payload_of(ZORV_HERE, io) == nullptr) {
+  if (!payload_of(ZORV_HERE, io)) {
     return -1;
   }
   db_event_data record;
@@ -217,11 +225,11 @@ int db_server_list_clean_handler(kx_io* io) {
 
 int db_device_info_insert_handler(kx_io* io) {
   ZORV_LOG(info, "db_device_info_data\n");
-  const void* payload = payload_of(ZORV_HERE, io);
-  if (payload == nullptr) {
+  const auto payload = payload_of(ZORV_HERE, io);
+  if (!payload) {
     return -1;
   }
-  auto record = copy_of<db_device_info_data>(payload);
+  auto record = record_of<db_device_info_data>(*payload);
   zorv_mobile_gen_uuid_data_get answer{};
   if (zorv_uuid_gen(answer.zorv_uuid) != 0) {
     ZORV_LOG(debug, "zorv_uuid_gen failed\n");
@@ -274,7 +282,7 @@ int db_device_info_clean_handler(kx_io* io) {
 
 int db_privilege_user_block_insert_handler(kx_io* io) {
   ZORV_LOG(info, "db_privilege_user_block\n");
-  return answer_empty(ZORV_HERE, io, store::insert_privilege_user_block(username_of(io)),
+  return answer_empty(ZORV_HERE, io, store::insert_privilege_user_block(username_of(io).c_str()),
                       "insert_privilege_user_block (username)");
 }
 
@@ -286,7 +294,7 @@ int db_privilege_user_block_query_handler(kx_io* io) {
 
 int db_privilege_user_block_delete_handler(kx_io* io) {
   ZORV_LOG(info, "db_privilege_user_block_delete_handler\n");
-  return answer_empty(ZORV_HERE, io, store::delete_privilege_user_block(username_of(io)),
+  return answer_empty(ZORV_HERE, io, store::delete_privilege_user_block(username_of(io).c_str()),
                       "delete_privilege_user_block (username)");
 }
 
@@ -299,7 +307,7 @@ int db_privilege_user_block_clean_handler(kx_io* io) {
 // The entry text is the insert handler's.
 int db_privilege_user_block_check_handler(kx_io* io) {
   ZORV_LOG(info, "db_privilege_user_block\n");
-  const int result = store::check_privilege_user_block(username_of(io));
+  const int result = store::check_privilege_user_block(username_of(io).c_str());
   ZORV_LOG(debug, "ret: %d\n", result);
   char digits[16];
   const int length = snprintf(digits, sizeof digits, "%d", result);
