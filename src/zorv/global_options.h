@@ -13,8 +13,8 @@
 // integers; a missing member reads as 0 or as the empty text.
 //
 // There is no state in memory: every operation reads the file anew under the platform's lock for
-// it. Everything here blocks (a bus call for up to five seconds), logs its failures and reports
-// them to nobody. Any thread may call.
+// it. Everything here blocks (a bus call for up to five seconds, a lock that another process holds
+// for up to thirty), logs its failures and reports them to nobody. Any thread may call.
 #pragma once
 
 #include <jansson.h>
