@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -222,6 +223,30 @@ TEST(HostileServer, EarlyAnswersAndHangUpsAreTakenAsTheyAre) {
     EXPECT_EQ(bus_call("m", ""), early.empty() ? KX_IO_FAILURE : KX_IS_REJECT);
     thread.join();
   }
+}
+
+// The request was executed, so "busy", which may be tried again, would be the wrong word for it.
+TEST(HostileServer, AReplyWhoseDescriptorFindsNoPlaceHasFailed) {
+  const int body = harness::make_memfd(std::string(70000, 'b'), kAllSeals);
+  const RawSocket listener = RawSocket::listening();
+  rlimit usual{};
+  getrlimit(RLIMIT_NOFILE, &usual);
+  std::optional<RawSocket> caller;  // closed later than the reply is read: its number stays taken
+  std::thread thread([&] {
+    caller.emplace(listener.accept());
+    caller->receive();
+    const int free_descriptor = dup(body);
+    close(free_descriptor);
+    const rlimit scarce{static_cast<rlim_t>(free_descriptor), usual.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &scarce);
+    caller->send(
+        Frame{.kind = 2, .detail = 0, .flags = 1, .body_length = 70000, .method = ""}.bytes(),
+        {body});
+  });
+  EXPECT_EQ(bus_call("m", "q"), KX_IO_FAILURE);
+  thread.join();
+  setrlimit(RLIMIT_NOFILE, &usual);
+  close(body);
 }
 
 }  // namespace
