@@ -63,9 +63,40 @@ TEST(Hook, WithoutTheDaemonNobodyIsRefusedAndTheCheckerDecides) {
     EXPECT_NE(outcome.err.find("the daemon is not running"), std::string::npos) << outcome.err;
     EXPECT_NE(outcome.err.find("alice"), std::string::npos) << outcome.err;
   }
-  EXPECT_EQ(hook({"script_type=tls-verify"}).status, 0);
+  EXPECT_EQ(hook({"script_type=tls-verify"}, {"0", "CN=alice"}).status, 0);
   EXPECT_EQ(hook(recorded("user-pass-verify"), {"--", "false"}).status, 1);
   EXPECT_EQ(hook(recorded("user-pass-verify"), {"--", "true"}).status, 0);
+}
+
+TEST(Hook, WordsThatAreWrongRefuseAndNeverAcceptOrDefer) {
+  const struct {
+    std::string script;
+    Lines words;
+    const char* named;
+    bool via_env = false;
+  } cases[] = {
+      {"user-pass-verify", {"/bin/true", "/tmp/file"}, "'/bin/true'"},
+      {"user-pass-verify", {"/bin/true", "--strict", "/tmp/file"}, "'/bin/true'"},
+      {"user-pass-verify", {"--checker", "/bin/true"}, "'--checker'"},
+      {"user-pass-verify", {"--checker=/bin/true"}, "'--checker=/bin/true'"},
+      {"user-pass-verify", {"--help"}, "'--help'"},
+      {"user-pass-verify", {"--"}, "behind --"},
+      {"user-pass-verify", {"/bin/true"}, "'/bin/true'", true},
+      {"user-pass-verify", {"X", "--", "sh", "-c", "exit 0"}, "'X'"},
+      {"user-pass-verify", {"--x", "--", "true"}, "'--x'"},
+      {"client-connect", {"a", "--", "b"}, "'a'"},
+      {"", {}, "script_type"},
+  };
+  for (const auto& one : cases) {
+    Lines variables{"script_type=" + one.script, "username=alice"};
+    if (one.via_env) {
+      variables.emplace_back("password=secret");
+    }
+    const Outcome outcome = hook(variables, one.words);
+    EXPECT_EQ(outcome.status, 1) << testing::PrintToString(one.words);
+    EXPECT_NE(outcome.err.find(one.named), std::string::npos) << one.named << outcome.err;
+  }
+  EXPECT_EQ(hook({"script_type=user-pass-verify", "username=a", "password=b"}).status, 0);
 }
 
 TEST(Hook, TakesADaemonThatHangsForOneThatIsAway) {

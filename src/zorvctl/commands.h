@@ -6,6 +6,7 @@
 #include <CLI/App.hpp>
 
 #include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,7 +26,14 @@ void add_block_noun(CLI::App& program, Run* run);
 void add_uuid_noun(CLI::App& program, Run* run);
 void add_option_noun(CLI::App& program, Run* run);
 void add_gateway_noun(CLI::App& program, Run* run);
-void add_hook_noun(CLI::App& program, Run* run);
+
+// OpenVPN reads the exit status of "hook": wrong words must not end as its checker's "deferred".
+inline constexpr const char* kHookNoun = "hook";
+
+// The words behind "hook openvpn" are a checker's and OpenVPN's, no options of ours: these are cut
+// off *arguments, which the parser gets, and returned.
+std::span<char*> take_hook_words(std::span<char*>* arguments);
+void add_hook_noun(CLI::App& program, std::span<char*> words, Run* run);
 
 // Verbs that several nouns have.
 void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_computed, Run* run);

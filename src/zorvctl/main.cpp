@@ -21,7 +21,7 @@ constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked (only\n"
     "block check).";
 
-void add_nouns(CLI::App& program, Run* run) {
+void add_nouns(CLI::App& program, std::span<char*> hook_words, Run* run) {
   program.require_subcommand(1);
   program.set_version_flag("--version", "zorvctl " ZORV_VERSION, "Print the version");
   add_record_nouns(program, run);
@@ -29,7 +29,7 @@ void add_nouns(CLI::App& program, Run* run) {
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);
-  add_hook_noun(program, run);
+  add_hook_noun(program, hook_words, run);
   program.footer(kFooter);  // last: what is added later inherits it
 }
 
@@ -64,15 +64,16 @@ int wrong_words(const CLI::App& program, const CLI::ParseError& error) {
   const CLI::App& app = reached(program, &words);
   complain("{}{}{}", words, words.empty() ? "" : ": ", display_text(reason(program, app, error)));
   fmt::print(stderr, "Try 'zorvctl {}{}--help'.\n", words, words.empty() ? "" : " ");
-  return kUsage;
+  return words.starts_with(kHookNoun) ? kFailed : kUsage;
 }
 
-int run(int argc, char** argv) {
+int run(std::span<char*> arguments) {
   CLI::App program("The command line of zorvd, the record daemon of the VPN service", "zorvctl");
   Run chosen_run;
-  add_nouns(program, &chosen_run);
+  const std::span<char*> hook_words = take_hook_words(&arguments);
+  add_nouns(program, hook_words, &chosen_run);
   try {
-    program.parse(argc, argv);
+    program.parse(static_cast<int>(arguments.size()), arguments.data());
   } catch (const CLI::Success& wanted) {  // --help, --version
     return program.exit(wanted);
   } catch (const CLI::ParseError& error) {
@@ -86,7 +87,7 @@ int run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   try {
-    const int status = zorvctl::run(argc, argv);
+    const int status = zorvctl::run({argv, static_cast<size_t>(argc)});
     return std::fflush(stdout) == 0 ? status : zorvctl::kFailed;
   } catch (const std::exception& error) {
     zorvctl::complain("{}", error.what());
