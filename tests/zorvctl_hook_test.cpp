@@ -211,8 +211,12 @@ TEST(OpenVpn, NumbersThatAreNoneLoseNoRecord) {
       {"99999999999999999999999999", kMost},
   };
   for (const auto& [text, number] : cases) {
-    const auto record = zorvctl::logout_record(
-        {{"username", "u"}, {"bytes_sent", text}, {"bytes_received", text}}, kNow);
+    const auto record = zorvctl::logout_record({{"username", "u"},
+                                                {"bytes_sent", text},
+                                                {"bytes_received", text},
+                                                {"time_duration", text}},
+                                               kNow);
+    EXPECT_EQ(record.uptime, static_cast<unsigned long long>(number)) << text;
     EXPECT_EQ(record.tx_total, number) << text;
     EXPECT_EQ(record.rx_total, number) << text;
     EXPECT_STREQ(record.username, "u");
@@ -220,6 +224,7 @@ TEST(OpenVpn, NumbersThatAreNoneLoseNoRecord) {
   // A login and a duration whose sum is no time.
   const Environment endless{{"time_unix", "18446744073709551615"}, {"time_duration", "1"}};
   EXPECT_EQ(zorvctl::logout_record(endless, kNow).time, static_cast<unsigned long long>(kNow));
+  EXPECT_EQ(zorvctl::login_record(endless, kNow).time, static_cast<unsigned long long>(kMost));
 }
 
 TEST(OpenVpn, HostileTextsStayWithinTheirFields) {

@@ -46,7 +46,7 @@ struct Column {
   Filled filled;
   size_t capacity;             // of a text, in bytes without the terminator
   long long lowest;            // of a number
-  unsigned long long highest;  // of a number
+  unsigned long long highest;  // of a number; never beyond what the database keeps as an integer
   Value (*get)(const void* record);
   // The value must be of the alternative that get() gives, and within the limits above.
   void (*set)(void* record, const Value& value);
@@ -103,7 +103,9 @@ consteval Column column(const char* name, const char* heading, Kind kind,
     }
   } else {
     result.lowest = static_cast<long long>(std::numeric_limits<Type>::min());
+    constexpr unsigned long long kLargestKept = std::numeric_limits<long long>::max();
     result.highest = static_cast<unsigned long long>(std::numeric_limits<Type>::max());
+    result.highest = result.highest < kLargestKept ? result.highest : kLargestKept;
     const bool unsigned_kind = kind == Kind::time || kind == Kind::duration;
     const bool fits =
         unsigned_kind ? std::is_unsigned_v<Type> : kind == Kind::integer || std::is_signed_v<Type>;

@@ -113,10 +113,11 @@ db_conn_server_log record_of(const Environment& environment, int action) {
   return record;
 }
 
-constexpr unsigned long long kAnyNumber = std::numeric_limits<unsigned long long>::max();
+// The database keeps larger ones as inexact reals.
+constexpr unsigned long long kLargestKept = std::numeric_limits<long long>::max();
 
 unsigned long long login_time(const Environment& environment) {
-  return number_of(environment, "time_unix", kAnyNumber);
+  return number_of(environment, "time_unix", kLargestKept);
 }
 
 void put_vpn_ip(const Environment& environment, db_conn_server_log* record) {
@@ -163,14 +164,14 @@ db_conn_server_log login_record(const Environment& environment, std::time_t now)
 }
 
 db_conn_server_log logout_record(const Environment& environment, std::time_t now) {
-  constexpr auto kMostBytes = std::numeric_limits<long long>::max();
   db_conn_server_log record = record_of(environment, zorv::kLogout);
   put_vpn_ip(environment, &record);
-  record.uptime = number_of(environment, "time_duration", kAnyNumber);
-  record.tx_total = static_cast<long long>(number_of(environment, "bytes_sent", kMostBytes));
-  record.rx_total = static_cast<long long>(number_of(environment, "bytes_received", kMostBytes));
+  record.uptime = number_of(environment, "time_duration", kLargestKept);
+  record.tx_total = static_cast<long long>(number_of(environment, "bytes_sent", kLargestKept));
+  record.rx_total = static_cast<long long>(number_of(environment, "bytes_received", kLargestKept));
   const unsigned long long login = login_time(environment);
-  if (login == 0 || __builtin_add_overflow(login, record.uptime, &record.time)) {
+  record.time = login + record.uptime;  // neither is more than half of what fits
+  if (login == 0 || record.time > kLargestKept) {
     record.time = static_cast<unsigned long long>(now);
   }
   return record;

@@ -163,8 +163,10 @@ int read_value(const Column& column, std::string_view text, time_t now, Zone zon
     return 0;
   }
   unsigned long long seconds = 0;
-  if ((column.kind == Kind::time && parse_time(text, now, zone, &seconds) == 0) ||
-      (column.kind == Kind::duration && parse_duration(text, &seconds) == 0)) {
+  const bool is_seconds =
+      (column.kind == Kind::time && parse_time(text, now, zone, &seconds) == 0) ||
+      (column.kind == Kind::duration && parse_duration(text, &seconds) == 0);
+  if (is_seconds && seconds <= column.highest) {
     *ret = seconds;
     return 0;
   }
