@@ -97,6 +97,14 @@ TEST(Words, AreCompletedFromTheHelp) {
       {"server-log list --rev", "--reverse"},
       {"server-log list --sort source", "source_ip"},
       {"server-log list rx_to", "rx_total="},
+      {"session list --sort ''", "id uuid username sid device_name expire_time time"},
+      {"session list t", "time="},
+      {"device list --sort u", "user_id"},
+      {"session list -n ''", ""},
+      {"session list --offset t", ""},
+      {"session list username = t", ""},
+      {"session list username =", ""},
+      {"session add --sid t", ""},
   };
   for (const auto& [typed, completed] : cases) {
     const std::string command =

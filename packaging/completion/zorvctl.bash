@@ -25,9 +25,17 @@ _zorvctl() {
   done
   help=$("$program" "${path[@]}" --help 2>/dev/null) || return 0
 
+  # Bash takes FIELD=VALUE apart, and nothing is known of values; nor of those of most options, whose
+  # line of the help has the value's name in capitals.
+  [[ $previous == = || $current == *=* ]] && return
+  if [[ $previous =~ ^--?[a-z-]+$ && $previous != --sort ]] &&
+    grep -qE "^ +(-[a-zA-Z],)?$previous(,[^ ]+)? [A-Z]" <<<"$help"; then
+    return
+  fi
+
   if [[ $previous == --sort || ( ${#path[@]} -eq 2 && $current != -* ) ]]; then
     # "Fields: id, username, ..." up to the first line that ends the sentence.
-    words=$(sed -n '/^Fields: /,/\.$/{s/^Fields: //;s/[,.]/ /g;p}' <<<"$help")
+    words=$(sed -n '/^Fields: /,$ {h;s/^Fields: //;s/[,.]/ /g;p;x;/\.$/q}' <<<"$help")
     if [[ $previous != --sort ]]; then
       words=$(sed 's/[^ ][^ ]*/&=/g' <<<"$words")
       compopt -o nospace 2>/dev/null
