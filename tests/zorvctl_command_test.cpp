@@ -4,6 +4,7 @@
 #include <jansson.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <set>
 #include <sstream>
@@ -291,7 +292,7 @@ TEST(OptionCommand, IsSetOnlyByAnObjectAndSaysWhatWasNotStored) {
   const std::string before = R"({"global": {"version": "1"}, "gw_setting": {"as_gw_en": 0}})";
   harness::write_file(kOptions, before);
   for (const auto& [patch, status] : std::initializer_list<std::pair<const char*, int>>{
-           {"", 2}, {"3", 2}, {"{} x", 2}, {"@/no/such/file", 1}}) {
+           {"", 2}, {"3", 2}, {"{} x", 2}, {"@/no/such/file", 1}, {"@/tmp", 1}}) {
     const Outcome outcome = zorvctl({"option", "set", patch});
     EXPECT_EQ(outcome.status, status) << patch;
     EXPECT_NE(outcome.err, "");
@@ -304,6 +305,51 @@ TEST(OptionCommand, IsSetOnlyByAnObjectAndSaysWhatWasNotStored) {
   EXPECT_EQ(partly.status, 1);
   EXPECT_NE(partly.err.find("'new'"), std::string::npos) << partly.err;
   EXPECT_EQ(done({"option", "get", "global"}), "{\"data\": {\"version\": \"3\"}, \"error\": 0}\n");
+}
+
+TEST(OptionCommand, TellsAFileThatIsUnreadFromOneThatIsEmpty) {
+  constexpr const char* kSection = R"({"gw_setting": {"as_gw_en": 0}})";
+  constexpr const char* kUnread = "could not be read";
+  const struct {
+    const char* content;  // null: no file; "": a link to itself, which nobody can open
+    Words words;
+    int status;
+    const char* said;
+  } cases[] = {
+      {nullptr, {"option", "set", kSection}, 1, "does not exist"},
+      {nullptr, {"gateway", "disable", "openvpn", "1"}, 0, ""},
+      {"{}", {"option", "get"}, 0, ""},
+      {"{}", {"option", "set", kSection}, 1, "there is no such section"},
+      {R"({"a": 1})", {"gateway", "disable", "openvpn", "1"}, 0, ""},
+      {R"({"a": 1)", {"option", "set", kSection}, 1, "holds no JSON object"},
+      {R"([1])", {"option", "set", kSection}, 1, "holds no JSON object"},
+      {"", {"option", "get", "a"}, 1, kUnread},
+      {"", {"option", "set", kSection}, 1, kUnread},
+      {"", {"gateway", "show"}, 1, kUnread},
+      {"", {"gateway", "disable", "openvpn", "1"}, 1, kUnread},
+  };
+  const harness::PlatformDaemon platform;
+  const std::string path = harness::test_root() + kOptions;
+  for (const auto& one : cases) {
+    std::filesystem::remove(path);
+    const std::string content = one.content != nullptr ? one.content : "";
+    if (!content.empty()) {
+      harness::write_file(kOptions, content);
+    } else if (one.content != nullptr) {
+      std::filesystem::create_symlink(path, path);
+    }
+    const Outcome outcome = zorvctl(one.words);
+    SCOPED_TRACE(content + testing::PrintToString(one.words));
+    EXPECT_EQ(outcome.status, one.status) << outcome.err;
+    EXPECT_NE(outcome.err.find(one.said), std::string::npos) << outcome.err;
+    EXPECT_EQ(outcome.err.empty(), one.status == 0) << outcome.err;
+    EXPECT_EQ(outcome.out.find("not a VPN client"), std::string::npos) << outcome.out;
+    if (content != "") {
+      EXPECT_EQ(harness::read_file(kOptions), content);
+    }
+    EXPECT_EQ(std::filesystem::exists(std::filesystem::symlink_status(path)),
+              one.content != nullptr);
+  }
 }
 
 TEST(GatewayCommand, IsShownAndDisabled) {

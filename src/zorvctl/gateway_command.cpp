@@ -10,6 +10,7 @@
 #include "exit_status.h"
 #include "global_options.h"
 #include "json_ref.h"
+#include "options_file.h"
 #include "whole_number.h"
 
 namespace zorvctl {
@@ -94,7 +95,8 @@ std::string settings_text(const json_t* section) {
 
 int show_gateway(bool json) {
   const CurrentGateway current = current_gateway();
-  const JsonRef section(zorv::GlobalConfig().load("gw_setting"));
+  const bool readable = is_readable_or_missing(read_options_file());
+  const JsonRef section(readable ? zorv::GlobalConfig().load("gw_setting") : json_null());
   if (!current.known) {
     complain("the network service does not tell which gateway is in use");
   }
@@ -108,9 +110,9 @@ int show_gateway(bool json) {
   } else {
     print(fmt::format("in use           {}\n",
                       current.known ? client_text(current.type, current.index) : "unknown"));
-    print(settings_text(section.get()));
+    print(readable ? settings_text(section.get()) : "default gateway  unknown\n");
   }
-  return current.known ? kDone : kFailed;
+  return current.known && readable ? kDone : kFailed;
 }
 
 bool is_gateway(const json_t* section, int type, int index) {
@@ -141,6 +143,9 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
     complain("'{}' is not a client's number", display_text(index_text));
     return kUsage;
   }
+  if (!is_readable_or_missing(read_options_file())) {
+    return kFailed;
+  }
   const zorv::GlobalConfig options;
   const JsonRef before(options.load("gw_setting"));
   options.disable_gateway(*type, index);
@@ -149,9 +154,9 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
     print(settings_text(after.get()));
     return kDone;
   }
-  // Neither reading nor saving says that it failed.
-  if (json_object_size(before.get()) == 0 || is_gateway(before.get(), *type, index)) {
-    complain("the options could not be read or written, the log says why");
+  // Saving does not say that it failed.
+  if (is_gateway(before.get(), *type, index)) {
+    complain("the options file could not be written, the log says why");
     return kFailed;
   }
   print("nothing changed: this client is not a gateway\n");

@@ -2,9 +2,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 #include <optional>
 
@@ -13,9 +13,12 @@
 #include "exit_status.h"
 #include "global_options.h"
 #include "json_ref.h"
+#include "options_file.h"
 
 namespace zorvctl {
 namespace {
+
+constexpr const char* kFile = zorv::kOptionsFile;
 
 // Hands the words to the service's command, whose answer is the output, byte for byte.
 int answer_command(const std::vector<std::string>& words) {
@@ -36,44 +39,80 @@ int answer_wrong_words(const std::vector<std::string>& words) {
   return kUsage;
 }
 
+int get_options(const std::vector<std::string>& words) {
+  answer_command(words);
+  return is_readable_or_missing(read_options_file()) ? kDone : kFailed;
+}
+
 std::optional<std::string> patch_text(const std::string& source) {
-  if (source == "-") {
-    return std::string(std::istreambuf_iterator<char>(std::cin), {});
-  }
-  if (source.empty() || source.front() != '@') {
+  const bool is_file = source.starts_with('@');
+  if (!is_file && source != "-") {
     return source;
   }
   // The user's own file: it lies where the user says.
-  std::ifstream file(source.substr(1), std::ios::binary);
-  std::string text(std::istreambuf_iterator<char>(file), {});
-  if (!file) {
-    complain("cannot read {}", display_text(source.substr(1)));
-    return std::nullopt;
+  FILE* const file = is_file ? fopen(source.c_str() + 1, "re") : stdin;
+  std::string text;
+  bool complete = file != nullptr;
+  if (file != nullptr) {
+    char part[4096];
+    while (const size_t length = fread(part, 1, sizeof part, file)) {
+      text.append(part, length);
+    }
+    complete = ferror(file) == 0;
   }
-  return text;
+  if (!complete) {
+    complain("cannot read {}: {}", is_file ? display_text(source.substr(1)) : "standard input",
+             std::strerror(errno));
+  }
+  if (is_file && file != nullptr) {
+    fclose(file);
+  }
+  return complete ? std::optional(text) : std::nullopt;
 }
 
 // Saving reports nothing, and sections that the file does not have are left out of it: what stands
 // in the file afterwards tells.
 int compare_saved(const json_t* patch) {
-  const JsonRef saved(zorv::GlobalConfig().load());
-  if (json_object_size(saved.get()) == 0) {
-    complain("the options file could not be read or written, the log says why");
+  const OptionsFile saved = read_options_file();
+  if (saved.state != OptionsFile::State::read) {
+    complain("the options file {} could not be written, the log says why", kFile);
     return kFailed;
   }
   int status = kDone;
   const char* key = nullptr;
   json_t* value = nullptr;
   json_object_foreach(const_cast<json_t*>(patch), key, value) {
-    if (json_equal(value, json_object_get(saved.get(), key)) == 0) {
+    const json_t* stored = json_object_get(saved.sections.get(), key);
+    if (json_equal(value, stored) == 0) {
       complain("'{}' was not stored: {}", display_text(key),
-               json_object_get(saved.get(), key) == nullptr
-                   ? "the options have no such section"
-                   : "the options file could not be written");
+               stored == nullptr ? "there is no such section in the options file"
+                                 : "the options file could not be written");
       status = kFailed;
     }
   }
   return status;
+}
+
+// Saving starts from what can be read: without that it would write the defaults, or nothing.
+bool can_be_patched() {
+  const OptionsFile file = read_options_file();
+  const JsonRef defaults(zorv::GlobalConfig().get_tmpl());
+  switch (file.state) {
+    case OptionsFile::State::read:
+      return true;
+    case OptionsFile::State::unread:
+      is_readable_or_missing(file);
+      break;
+    case OptionsFile::State::missing:
+      complain("the options file {} does not exist: put the sections into it that can be set: {}",
+               kFile, text_or_empty(dump_json(defaults.get())));
+      break;
+    case OptionsFile::State::broken:
+      complain("the options file {} holds no JSON object ({}): mend it first; the defaults are {}",
+               kFile, file.reason, text_or_empty(dump_json(defaults.get())));
+      break;
+  }
+  return false;
 }
 
 int set_options(const std::string& source) {
@@ -92,6 +131,9 @@ int set_options(const std::string& source) {
   if (!json_is_object(patch.get())) {
     complain("this is JSON, but not an object of sections such as {{\"gw_setting\": ...}}");
     return kUsage;
+  }
+  if (!can_be_patched()) {
+    return kFailed;
   }
   zorv::GlobalConfig().save(text->c_str());
   return compare_saved(patch.get());
@@ -140,7 +182,7 @@ void add_option_noun(CLI::App& program, Run* run) {
     if (set->parsed() && set_patch->count() != 0 && more.empty()) {
       *run = [patch] { return set_options(*patch); };
     } else if (get->parsed() && more.empty()) {
-      *run = [words] { return answer_command(words); };
+      *run = [words] { return get_options(words); };
     } else {
       *run = [words] { return answer_wrong_words(words); };
     }

@@ -1,0 +1,55 @@
+#include "options_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "conf_file_lock.h"
+#include "display_text.h"
+#include "exit_status.h"
+#include "global_options.h"
+#include "rooted.h"
+
+namespace zorvctl {
+namespace {
+
+struct CloseFile {
+  void operator()(FILE* file) const { fclose(file); }
+};
+
+}  // namespace
+
+OptionsFile read_options_file() {
+  using State = OptionsFile::State;
+  errno = 0;
+  const platform::ConfFileLock lock(conf_file_read_lock(zorv::kOptionsFile));
+  const int lock_error = errno;
+  const std::unique_ptr<FILE, CloseFile> file(
+      fopen(platform::rooted(zorv::kOptionsFile).c_str(), "re"));
+  if (file == nullptr) {
+    const bool missing = errno == ENOENT || errno == ENOTDIR;
+    return {missing ? State::missing : State::unread, std::strerror(errno), nullptr};
+  }
+  if (!lock.held()) {
+    return {State::unread, std::string("its lock: ") + std::strerror(lock_error), nullptr};
+  }
+  json_error_t error;
+  JsonRef sections(json_loadf(file.get(), 0, &error));
+  if (sections == nullptr) {
+    return {State::broken, display_text(error.text), nullptr};
+  }
+  if (!json_is_object(sections.get())) {
+    return {State::broken, "it is JSON, but not an object", nullptr};
+  }
+  return {State::read, "", std::move(sections)};
+}
+
+bool is_readable_or_missing(const OptionsFile& file) {
+  if (file.state == OptionsFile::State::unread) {
+    complain("the options file {} could not be read: {}", zorv::kOptionsFile, file.reason);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace zorvctl

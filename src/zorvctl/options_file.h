@@ -1,0 +1,29 @@
+// The options file as it stands, with the reason where it cannot be had: the service's own reading
+// turns every failure into default or empty options.
+#pragma once
+
+#include <string>
+
+#include "json_ref.h"
+
+namespace zorvctl {
+
+struct OptionsFile {
+  enum class State {
+    missing,
+    unread,  // it is there, perhaps, and may not be locked or opened
+    broken,  // it holds no JSON object; the service takes the defaults for it
+    read,
+  };
+  State state = State::unread;
+  std::string reason;  // half a sentence, of unread and broken
+  JsonRef sections;    // of read
+};
+
+// Waits for the file's lock as the service does.
+OptionsFile read_options_file();
+
+// False after a complaint, for a file that is there and could not be read.
+bool is_readable_or_missing(const OptionsFile& file);
+
+}  // namespace zorvctl
