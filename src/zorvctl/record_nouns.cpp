@@ -26,10 +26,11 @@ int print_uuids(unsigned count) {
     zorv_mobile_gen_uuid_data_set request{};
     zorv_mobile_gen_uuid_data_get answer{};
     zorv_mobile_gen_uuid_data_get* result = &answer;
+    const CallTime time;
     zorv_mobile_gen_zorv_uuid(&request, &result);
     const std::string uuid(answer.zorv_uuid, strnlen(answer.zorv_uuid, sizeof answer.zorv_uuid));
     if (uuid.empty()) {
-      return report_status(probe_daemon(), "make a UUID");
+      return report_status(probe_daemon(time), "make a UUID");
     }
     if (!print(uuid + "\n")) {
       return kFailed;

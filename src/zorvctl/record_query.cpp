@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "call_time.h"
 #include "value_text.h"
 
 namespace zorvctl {
@@ -41,15 +42,19 @@ class Run {
     newest_first_ = cond_.order_by == 0 && query.descending && !kind.columns.empty();
   }
 
-  QueryEnd go() {
+  QueryEnd go(unsigned long long* ret_total) {
     while (true) {
       cond_.count = static_cast<long long>(rows_to_ask());
+      const CallTime time;
       const Page page = kind_.list(cond_);
       if (!page.answered) {
-        return QueryEnd::unanswered;
+        return time.ran_out() ? QueryEnd::late : QueryEnd::unanswered;
       }
       if (page.total == kTableUnread && !kind_.always_empty) {
         return QueryEnd::unread;
+      }
+      if (ret_total != nullptr) {
+        *ret_total = page.total;
       }
       for (unsigned long long index = 0; index < page.count; ++index) {
         if (!take(page.record(index))) {
@@ -138,8 +143,9 @@ std::string Filter::wire_text() const {
   return column->kind == Kind::text ? text : number_digits(number);
 }
 
-QueryEnd run_query(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events) {
-  return Run(kind, query, events).go();
+QueryEnd run_query(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events,
+                   unsigned long long* ret_total) {
+  return Run(kind, query, events).go(ret_total);
 }
 
 }  // namespace zorvctl

@@ -1,7 +1,7 @@
 // Reads records from the daemon, page by page, and hands on those that are wanted.
 //
 // The daemon filters by one column and knows no times, so further filters and the time window are
-// applied here. It shows the newest 100000 rows of a table and no older ones.
+// applied here. It shows the newest kMostRowsShown rows of a table and no older ones.
 #pragma once
 
 #include <functional>
@@ -12,6 +12,8 @@
 #include "record_kind.h"
 
 namespace zorvctl {
+
+inline constexpr unsigned long long kMostRowsShown = 100000;
 
 struct Filter {
   const Column* column;
@@ -44,9 +46,12 @@ enum class QueryEnd {
   complete,
   more,        // rows beyond the limit match, too
   unanswered,  // no page came; what came before was handed on
+  late,        // the same, for want of an answer in time
   unread,      // the daemon lives and could not read its table
 };
 
-QueryEnd run_query(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events);
+// *ret_total, unless null, is how many rows the table has, up to kMostRowsShown.
+QueryEnd run_query(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events,
+                   unsigned long long* ret_total = nullptr);
 
 }  // namespace zorvctl
