@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -24,9 +25,22 @@ void complain(fmt::format_string<Args...> format, Args&&... args) {
   std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
-// Text to stdout as it is, bytes and all. Returns false where it could not be written.
+// Why output got lost, the first time: main says so at the end, for every verb.
+inline int output_error = 0;
+
+inline bool note_output(bool written) {
+  if (!written && output_error == 0) {
+    output_error = errno;
+  }
+  return written;
+}
+
+// Text to stdout as it is, bytes and all. Both return false where it could not be written.
 inline bool print(const std::string& text) {
-  return std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+  return note_output(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
+}
+inline bool flush_output() {
+  return note_output(std::fflush(stdout) == 0);
 }
 
 }  // namespace zorvctl

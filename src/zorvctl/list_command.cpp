@@ -121,8 +121,7 @@ int list_records(const RecordKind& kind, const ListOptions& options,
   };
   const QueryEnd end = run_query(kind, query, events);
   progress.clear();
-  if (std::fflush(stdout) != 0 || !printed) {
-    complain("cannot write the output");
+  if (!flush_output() || !printed) {
     return kFailed;
   }
   const std::string what = fmt::format("list the {}", kind.plural);

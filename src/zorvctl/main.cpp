@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstring>
 #include <exception>
 
 #include "commands.h"
@@ -82,13 +83,22 @@ int run(std::span<char*> arguments) {
   return chosen_run();
 }
 
+// Output that got lost is a failure of any verb that did not fail by itself.
+int end_output(int status) {
+  if (flush_output() && std::ferror(stdout) == 0) {
+    return status;
+  }
+  complain("cannot write the output{}{}", output_error != 0 ? ": " : "",
+           output_error != 0 ? std::strerror(output_error) : "");
+  return status == kDone ? kFailed : status;
+}
+
 }  // namespace
 }  // namespace zorvctl
 
 int main(int argc, char** argv) {
   try {
-    const int status = zorvctl::run({argv, static_cast<size_t>(argc)});
-    return std::fflush(stdout) == 0 ? status : zorvctl::kFailed;
+    return zorvctl::end_output(zorvctl::run({argv, static_cast<size_t>(argc)}));
   } catch (const std::exception& error) {
     zorvctl::complain("{}", error.what());
     return zorvctl::kFailed;
