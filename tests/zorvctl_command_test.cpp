@@ -127,6 +127,13 @@ TEST(WithoutDaemon, EveryRequestEndsWith3AndSaysWhy) {
   }
 }
 
+TEST(WithoutDaemon, AnAddressThatCannotBeIsSaid) {
+  setenv("ZORV_ROOT", ("/" + std::string(88, 'r')).c_str(), 1);
+  const Outcome outcome = zorvctl({"uuid", "new"});
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_NE(outcome.err.find("ZORV_ROOT is too long"), std::string::npos) << outcome.err;
+}
+
 class WithDaemon : public testing::Test {
  protected:
   harness::Daemon daemon_;
@@ -197,11 +204,42 @@ TEST_F(WithDaemon, LongListsComeWholeAndOnce) {
   ASSERT_EQ(lines_of(outcome.out).size(), 2U);
   EXPECT_EQ(member(lines_of(outcome.out)[0], "username"), "u5002");
   EXPECT_NE(outcome.err.find("-n 0"), std::string::npos) << outcome.err;
-  const std::string full = harness::program("zorvctl") + " server-log list > /dev/full";
-  EXPECT_EQ(harness::run({"/bin/sh", "-c", full}).status, 1) << "output that cannot be written";
+}
+
+TEST_F(WithDaemon, OutputThatCannotBeWrittenIsSaidOnce) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"server-log list > /dev/full", "No space left"},
+      {"uuid new > /dev/full", "No space left"},
+      {"option get > /dev/full", "No space left"},
+      {"uuid new -n 9999 > /dev/full", ""},
+      {"--help > /dev/full", "No space left"},
+      {"block list --help >&-", "Bad file"},
+      {"block check u >&-", "Bad file"},
+  };
+  for (const auto& [words, reason] : cases) {
+    const Outcome outcome =
+        harness::run({"/bin/sh", "-c", harness::program("zorvctl") + " " + words});
+    EXPECT_EQ(outcome.status, 1) << words;
+    const auto lines = lines_of(outcome.err);
+    ASSERT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const auto& line) {
+                              return line.starts_with("zorvctl: cannot write the output");
+                            }),
+              1)
+        << words << outcome.err;
+    EXPECT_NE(outcome.err.find(reason), std::string::npos) << words << outcome.err;
+  }
 }
 
 TEST_F(WithDaemon, DeletingAndCleaningSayWhenTheyDidNot) {
+  const Outcome nobody = zorvctl({"device", "delete", "99"});
+  EXPECT_EQ(nobody.status, 0);
+  EXPECT_NE(nobody.err.find("there is no 99"), std::string::npos) << nobody.err;
+  const Outcome unknown = zorvctl({"block", "remove", "nobody-such"});
+  EXPECT_EQ(unknown.status, 0);
+  EXPECT_NE(unknown.err.find("there is no user 'nobody-such'"), std::string::npos) << unknown.err;
+  done({"device", "delete", "99", "-q"});
+  done({"block", "remove", "nobody-such", "-q"});
   for (int row = 0; row < 4; ++row) {
     done({"server-log", "add"});
   }
@@ -215,6 +253,16 @@ TEST_F(WithDaemon, DeletingAndCleaningSayWhenTheyDidNot) {
   done({"client-log", "add"});
   done({"client-log", "clean", "--all"});
   EXPECT_EQ(done({"client-log", "list", "-j"}), "");
+  // After a clean, a delete empties this table.
+  for (int row = 0; row < 3; ++row) {
+    done({"client-log", "add"});
+  }
+  const auto ids = harness::sql("SELECT id FROM conn_client_log");
+  ASSERT_EQ(ids.size(), 3U);
+  const Outcome emptied = zorvctl({"client-log", "delete", ids[1], ids[0]});
+  EXPECT_EQ(emptied.status, harness::sql("SELECT id FROM conn_client_log").empty() ? 1 : 0);
+  EXPECT_EQ(emptied.err.find("all connections are gone") != std::string::npos, emptied.status == 1)
+      << emptied.err;
   done({"event", "add"});
   EXPECT_EQ(done({"event", "list", "-n", "0"}), "") << "taken and not kept";
 }
@@ -228,7 +276,22 @@ TEST_F(WithDaemon, SessionsExpireAndAreLostAfterTheSecondDelete) {
   EXPECT_TRUE(table[1].ends_with("expired")) << table[1];
   done({"session", "delete", "1"});
   EXPECT_EQ(zorvctl({"session", "delete", "2"}).status, 1);
-  EXPECT_EQ(zorvctl({"session", "list"}).status, 1);
+  for (const char* verb : {"list", "add", "delete 2"}) {
+    const Outcome lost = zorvctl(split("session "s + verb));
+    EXPECT_EQ(lost.status, 1) << verb;
+    EXPECT_NE(lost.err.find("could not read its table"), std::string::npos) << lost.err;
+  }
+}
+
+TEST(WithoutDatabase, WhatIsNotKeptIsSaid) {
+  std::filesystem::create_directory(harness::test_root() + harness::kDatabase);
+  const harness::Daemon daemon;
+  for (const char* words : {"server-log add", "client-log add", "block fail u", "block remove u",
+                            "server-log delete 1"}) {
+    const Outcome outcome = zorvctl(split(words));
+    EXPECT_EQ(outcome.status, 1) << words;
+    EXPECT_NE(outcome.err.find("could not read its table"), std::string::npos) << outcome.err;
+  }
 }
 
 TEST_F(WithDaemon, ADeviceKeepsItsUuid) {

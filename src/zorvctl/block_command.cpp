@@ -9,6 +9,7 @@
 #include "duration.h"
 #include "exit_status.h"
 #include "login_guard.h"
+#include "table_look.h"
 #include "zorv_api_db.h"
 
 namespace zorvctl {
@@ -69,15 +70,42 @@ int check(const std::string& username, bool quiet) {
 }
 
 int fail(const std::string& username) {
-  return fits(username) ? report_status(count_failure(username), "count a failed login") : kUsage;
-}
-
-int remove(const std::string& username) {
+  constexpr const char* kWhat = "count a failed login";
   if (!fits(username)) {
     return kUsage;
   }
+  const int status = report_status(count_failure(username), kWhat);
+  return status == kDone ? report_query_end(look(kBlock).end, kWhat) : status;
+}
+
+int remove(const std::string& username, bool quiet) {
+  constexpr const char* kWhat = "remove the user";
+  if (!fits(username)) {
+    return kUsage;
+  }
+  const RecordQuery row = where(*find_column(kBlock.columns, "username"), username, {});
+  const TableLook before = look(kBlock, row);
+  if (const int status = report_query_end(before.end, kWhat); status != kDone) {
+    return status;
+  }
   std::string name = username;
-  return report_status(delete_privilege_user_block(name.data()), "remove the user");
+  if (const int status = report_status(delete_privilege_user_block(name.data()), kWhat);
+      status != kDone) {
+    return status;
+  }
+  const TableLook after = look(kBlock, row);
+  if (const int status = report_query_end(after.end, kWhat); status != kDone) {
+    return status;
+  }
+  if (after.id) {
+    complain("cannot {}: {} is still there, the daemon's log says why", kWhat,
+             display_text(username));
+    return kFailed;
+  }
+  if (!before.id && !quiet) {
+    complain("there is no user '{}' with failed logins", display_text(username));
+  }
+  return kDone;
 }
 
 int show_policy(bool json) {
@@ -126,7 +154,8 @@ void add_block_noun(CLI::App& program, Run* run) {
 
   verb =
       add_user_verb(*noun, "remove", "Lift the block of a user and forget the failures", username);
-  verb->callback([=] { *run = [=] { return remove(*username); }; });
+  verb->add_flag("-q,--quiet", *quiet, "No word about a user who is not there");
+  verb->callback([=] { *run = [=] { return remove(*username, *quiet); }; });
 
   add_clean_verb(*noun, kBlock, run);
 

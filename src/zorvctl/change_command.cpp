@@ -6,9 +6,10 @@
 
 #include "commands.h"
 #include "daemon_answer.h"
+#include "delete_records.h"
 #include "display_text.h"
 #include "exit_status.h"
-#include "record_query.h"
+#include "table_look.h"
 #include "value_text.h"
 
 namespace zorvctl {
@@ -62,49 +63,17 @@ int add_record(const RecordKind& kind, const std::vector<AddOption>& options) {
   std::string answer;
   const std::string what = fmt::format("add to {}", kind.noun);
   const int status = report_status(kind.add(record.get(), &answer), what.c_str());
-  if (status != kDone || !kind.answers_add) {
+  if (status != kDone) {
     return status;
+  }
+  if (!kind.answers_add) {
+    return report_query_end(look(kind).end, what.c_str());
   }
   if (answer.empty()) {
     complain("cannot {}: the daemon kept nothing, its log says why", what);
     return kFailed;
   }
   return print(display_text(answer) + "\n") ? kDone : kFailed;
-}
-
-// The first id that a query meets; nothing when it meets none.
-QueryEnd first_id(const RecordKind& kind, RecordQuery query, std::optional<long long>* ret_id) {
-  query.limit = 1;
-  QueryEvents events;
-  events.on_record = [&](const void* record) {
-    *ret_id = std::get<long long>(kind.columns[0].get(record));
-  };
-  events.on_page_end = [] {};
-  events.on_wait = [](unsigned long long, unsigned long long) {};
-  return run_query(kind, query, events);
-}
-
-// The daemon answers a delete or a clean the same way whether its statement worked or not, so the
-// table is asked afterwards.
-int delete_records(const RecordKind& kind, const std::vector<long long>& ids) {
-  for (const long long id : ids) {
-    const std::string what = fmt::format("delete {} of {}", id, kind.noun);
-    if (const int status = report_status(kind.remove(id), what.c_str()); status != kDone) {
-      return status;
-    }
-    RecordQuery query;
-    query.filters.push_back({&kind.columns[0], "", id});
-    std::optional<long long> left;
-    if (const int status = report_query_end(first_id(kind, query, &left), what.c_str());
-        status != kDone) {
-      return status;
-    }
-    if (left) {
-      complain("cannot {}: it is still there, the daemon's log says why", what);
-      return kFailed;
-    }
-  }
-  return kDone;
 }
 
 // All of them, before the first is deleted.
@@ -128,20 +97,21 @@ std::string caution(const RecordKind& kind) {
 
 int clean_records(const RecordKind& kind) {
   const std::string what = fmt::format("clean {}", kind.noun);
-  std::optional<long long> newest;
-  first_id(kind, {}, &newest);
+  const TableLook newest = look(kind);
+  if (newest.end == QueryEnd::late || newest.end == QueryEnd::unanswered) {
+    return report_query_end(newest.end, what.c_str());
+  }
   if (const int status = report_status(kind.clean(), what.c_str()); status != kDone) {
     return status;
   }
   RecordQuery query;
   query.descending = false;
-  std::optional<long long> oldest;
-  if (const int status = report_query_end(first_id(kind, query, &oldest), what.c_str());
-      status != kDone) {
+  const TableLook oldest = look(kind, query);
+  if (const int status = report_query_end(oldest.end, what.c_str()); status != kDone) {
     return status;
   }
   // Newer ones came after the clean.
-  if (oldest && newest && *oldest <= *newest) {
+  if (oldest.id && newest.id && *oldest.id <= *newest.id) {
     complain("cannot {}: {} are still there, the daemon's log says why", what, kind.plural);
     return kFailed;
   }
@@ -171,17 +141,19 @@ void add_add_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
 void add_delete_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
   CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", kind.plural));
   auto words = std::make_shared<std::vector<std::string>>();
+  auto quiet = std::make_shared<bool>(false);
+  verb->add_flag("-q,--quiet", *quiet, "No word about ids that are not there");
   CLI::Option* id_words =
       verb->add_option("ids", *words, "Ids, as \"list\" shows them")->required()->type_name("ID");
   if (kind.deletes_once) {
     id_words->expected(1);
   }
   verb->footer(caution(kind));
-  verb->callback([&kind, words, run] {
-    *run = [&kind, words] {
+  verb->callback([&kind, words, quiet, run] {
+    *run = [&kind, words, quiet] {
       std::vector<long long> ids;
       const int status = read_ids(kind, *words, &ids);
-      return status == kDone ? delete_records(kind, ids) : status;
+      return status == kDone ? delete_records(kind, ids, *quiet) : status;
     };
   });
 }

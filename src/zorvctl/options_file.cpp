@@ -31,7 +31,8 @@ OptionsFile read_options_file() {
     return {missing ? State::missing : State::unread, std::strerror(errno), nullptr};
   }
   if (!lock.held()) {
-    return {State::unread, std::string("its lock: ") + std::strerror(lock_error), nullptr};
+    return {State::unread, std::string("it cannot be locked: ") + std::strerror(lock_error),
+            nullptr};
   }
   json_error_t error;
   JsonRef sections(json_loadf(file.get(), 0, &error));
