@@ -158,7 +158,8 @@ void add_option_noun(CLI::App& program, Run* run) {
           ->type_name("JSON|@FILE|-");
   set->footer(
       "Each section that the object names is replaced whole. A section that the options file does\n"
-      "not have yet is not stored. The network service is told to apply the VPN gateway anew.");
+      "not have yet is not stored, and the file must exist. The network service is told to apply\n"
+      "the VPN gateway anew.");
 
   noun->footer(
       "The answers are the service's own, for programs: {\"data\": ..., \"error\": 0}, or\n"

@@ -9,8 +9,9 @@ namespace {
 
 // The daemon adds to the statements of these tables and never takes back what it added.
 constexpr const char* kLogCaution =
-    "Until zorvd is restarted, a delete after a clean deletes EVERY record, and a clean after a\n"
-    "delete deletes none.";
+    "Until zorvd is restarted, a delete after a clean deletes EVERY record, which it says and "
+    "ends\n"
+    "with 1, and a clean after a delete deletes none.";
 constexpr const char* kSessionCaution =
     "Until zorvd is restarted, one delete works: the next delete or clean after it, or a delete\n"
     "after a clean, fails and may lose the whole list.";
