@@ -8,7 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <optional>
+#include <algorithm>
+#include <cerrno>
 #include <string>
 #include <thread>
 #include <vector>
@@ -226,22 +227,30 @@ TEST(HostileServer, EarlyAnswersAndHangUpsAreTakenAsTheyAre) {
 }
 
 // The request was executed, so "busy", which may be tried again, would be the wrong word for it.
+// The limit stays far above the few places needed: where a process has no privileges, it bounds
+// what all processes of its user have under way, too.
 TEST(HostileServer, AReplyWhoseDescriptorFindsNoPlaceHasFailed) {
   const int body = harness::make_memfd(std::string(70000, 'b'), kAllSeals);
   const RawSocket listener = RawSocket::listening();
   rlimit usual{};
-  getrlimit(RLIMIT_NOFILE, &usual);
-  std::optional<RawSocket> caller;  // closed later than the reply is read: its number stays taken
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit bounded{std::min<rlim_t>(usual.rlim_cur, 4096), usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &bounded), 0);
   std::thread thread([&] {
-    caller.emplace(listener.accept());
-    caller->receive();
-    const int free_descriptor = dup(body);
-    close(free_descriptor);
-    const rlimit scarce{static_cast<rlim_t>(free_descriptor), usual.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &scarce);
-    caller->send(
+    std::vector<int> taken;
+    const RawSocket caller = listener.accept();
+    caller.receive();
+    for (int next = dup(body); next >= 0; next = dup(body)) {
+      taken.push_back(next);
+    }
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_TRUE(caller.send(
         Frame{.kind = 2, .detail = 0, .flags = 1, .body_length = 70000, .method = ""}.bytes(),
-        {body});
+        {body}));
+    caller.receive();  // "" once the caller has its answer and has gone
+    for (const int descriptor : taken) {
+      close(descriptor);
+    }
   });
   EXPECT_EQ(bus_call("m", "q"), KX_IO_FAILURE);
   thread.join();
