@@ -244,6 +244,14 @@ JsonValue& JsonValue::operator[](std::string key) {
 }
 
 void JsonValue::erase() {
+  if (type == OBJECT_TYPE && value != nullptr) {
+    auto& object = as<Object>(value);
+    while (!object.empty()) {
+      const std::unique_ptr<JsonValue> ended(object.begin()->second);
+      object.erase(object.begin());
+    }
+    return;
+  }
   while (JsonValue** const slot = last_child(*this)) {
     const std::unique_ptr<JsonValue> ended(*slot);
     drop_last_child(*this);
