@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <iterator>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -337,6 +338,8 @@ TEST(OptionCommand, AnswersProgramsInOneLine) {
       {{"get", "a", "b"}, R"({"error": -1})", 2},
       {{"set"}, R"({"error": -1})", 2},
       {{"frob"}, R"({"error": -1})", 2},
+      {{"list", "get"}, R"({"error": -1})", 2},
+      {{"get", "-x"}, R"({"error": -1})", 2},
       {{}, R"({"error": -1})", 2},
   };
   EXPECT_EQ(done({"option", "get"}), "{\"data\": {}, \"error\": 0}\n") << "there is no file";
@@ -431,6 +434,73 @@ TEST(GatewayCommand, IsShownAndDisabled) {
   EXPECT_NE(other.find("nothing changed"), std::string::npos);
   EXPECT_EQ(zorvctl({"gateway", "disable", "OpenVPN", "3"}).status, 0);
   EXPECT_NE(harness::read_file(kOptions).find("\"as_gw_en\": 0"), std::string::npos);
+}
+
+TEST(GatewayCommand, TellsWhetherTheClientWasAGateway) {
+  const struct {
+    const char* settings;
+    Words client;
+    bool changes;
+  } cases[] = {
+      {R"("gw1": {"type": 1024, "index": 3}, "failover_en": 0, "gw2": {"type": 512, "index": 1})",
+       {"l2tp", "1"},
+       false},
+      {R"("gw1": {"type": 1024, "index": 3}, "failover_en": 1, "gw2": {"type": 512, "index": 1})",
+       {"l2tp", "1"},
+       true},
+      {R"("gw1": {"type": 512, "index": 1}, "failover_en": 1, "gw2": {"type": 512, "index": 1})",
+       {"l2tp", "1"},
+       true},
+      {R"("gw1": {"type": 512.9, "index": 1})", {"l2tp", "1"}, true},
+      {R"("gw1": {"type": 512, "index": 1}, "gw2": {})", {"none", "0"}, true},
+      {R"("gw1": {"type": 512, "index": 1}, "failover_en": 0)", {"none", "0"}, false},
+  };
+  const harness::PlatformDaemon platform;
+  for (const auto& one : cases) {
+    const std::string before =
+        R"({"gw_setting": {"as_gw_en": 1, )" + std::string(one.settings) + "}}";
+    harness::write_file(kOptions, before);
+    const std::string said = done({"gateway", "disable", one.client[0], one.client[1]});
+    EXPECT_EQ(said.find("nothing changed") == std::string::npos, one.changes) << before << said;
+    EXPECT_EQ(harness::read_file(kOptions) != before, one.changes) << before;
+  }
+}
+
+TEST(OptionsFile, ThatCannotBeWrittenIsNotTakenForSaved) {
+  const std::string path = harness::test_root() + kOptions;
+  const std::string before =
+      R"({"gw_setting": {"as_gw_en": 1, "gw1": {"type": 1024, "index": 2}}})";
+  const struct {
+    std::string preparation;
+    const char* said;
+    const char* left;
+  } cases[] = {
+      {"mount --bind F F && mount -o remount,bind,ro F", "Read-only file system", before.c_str()},
+      {"trap '' XFSZ && ulimit -f 0", "failed and damaged it", ""},
+  };
+  const bool may_mount = harness::run({"/usr/bin/unshare", "--mount", "true"}).status == 0;
+  const harness::PlatformDaemon platform;
+  for (const std::string words :
+       {"gateway disable openvpn 2", R"(option set '{"gw_setting": {}}')", "option set @F"}) {
+    for (const auto& [preparation, said, left] : cases) {
+      if (preparation.starts_with("mount") && !may_mount) {
+        continue;
+      }
+      harness::write_file(kOptions, before);
+      // The limit holds for zorvctl alone, whose words therefore leave it through a pipe.
+      const std::string text = "said=$(" + preparation + " && " + harness::program("zorvctl") +
+                               " " + words + " 2>&1); status=$?; echo \"$said\"; exit $status";
+      Words command{"/bin/sh", "-c", std::regex_replace(text, std::regex("\\bF\\b"), path)};
+      if (may_mount) {
+        command.insert(command.begin(), {"/usr/bin/unshare", "--mount"});
+      }
+      const Outcome outcome = harness::run(command);
+      EXPECT_EQ(outcome.status, 1) << words;
+      EXPECT_NE(outcome.out.find(said), std::string::npos) << words << outcome.out;
+      EXPECT_EQ(lines_of(outcome.out).size(), 1U) << words << outcome.out;
+      EXPECT_EQ(harness::read_file(kOptions), left) << words;
+    }
+  }
 }
 
 }  // namespace

@@ -16,6 +16,8 @@
 namespace zorvctl {
 namespace {
 
+constexpr const char* kSection = "gw_setting";
+
 struct TypeWord {
   const char* word;
   zorv::TYPE type;
@@ -96,7 +98,7 @@ std::string settings_text(const json_t* section) {
 int show_gateway(bool json) {
   const CurrentGateway current = current_gateway();
   const bool readable = is_readable_or_missing(read_options_file());
-  const JsonRef section(readable ? zorv::GlobalConfig().load("gw_setting") : json_null());
+  const JsonRef section(readable ? zorv::GlobalConfig().load(kSection) : json_null());
   if (!current.known) {
     complain("the network service does not tell which gateway is in use");
   }
@@ -115,18 +117,24 @@ int show_gateway(bool json) {
   return current.known && readable ? kDone : kFailed;
 }
 
-bool is_gateway(const json_t* section, int type, int index) {
-  if (json_number_value(json_object_get(section, "as_gw_en")) == 0) {
+// Whether disabling the client changes the settings. Without failover the backup is no client, 0.
+bool concerns(const json_t* section, int type, int index) {
+  const auto is_client = [&](const char* key) {
+    const json_t* client = json_object_get(section, key);
+    return number_member(client, "type") == type && number_member(client, "index") == index;
+  };
+  if (number_member(section, "as_gw_en") == 0) {
     return false;
   }
-  for (const char* name : {"gw1", "gw2"}) {
-    const json_t* gateway = json_object_get(section, name);
-    if (json_is_object(gateway) && json_number_value(json_object_get(gateway, "type")) == type &&
-        json_number_value(json_object_get(gateway, "index")) == index) {
-      return true;
-    }
+  if (is_client("gw1")) {
+    return true;
   }
-  return false;
+  if (number_member(section, "failover_en") != 0) {
+    return is_client("gw2");
+  }
+  return type == zorv::NONE_TYPE && index == 0 &&
+         (json_object_get(section, "gw2") != nullptr ||
+          json_object_get(section, "failover_interval") != nullptr);
 }
 
 int disable_gateway(const std::string& type_text, const std::string& index_text) {
@@ -143,23 +151,30 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
     complain("'{}' is not a client's number", display_text(index_text));
     return kUsage;
   }
-  if (!is_readable_or_missing(read_options_file())) {
+  const OptionsFile before = read_options_file();
+  if (!is_readable_or_missing(before)) {
     return kFailed;
   }
-  const zorv::GlobalConfig options;
-  const JsonRef before(options.load("gw_setting"));
-  options.disable_gateway(*type, index);
-  const JsonRef after(options.load("gw_setting"));
-  if (json_equal(before.get(), after.get()) == 0) {
-    print(settings_text(after.get()));
+  const json_t* settings = json_object_get(before.sections.get(), kSection);
+  const bool changes = concerns(settings, *type, index);
+  if (changes && !can_be_written()) {
+    return kFailed;
+  }
+  zorv::GlobalConfig().disable_gateway(*type, index);
+  if (!changes) {
+    print("nothing changed: this client is not a gateway\n");
     return kDone;
   }
-  // Saving does not say that it failed.
-  if (is_gateway(before.get(), *type, index)) {
-    complain("the options file could not be written, the log says why");
+  const OptionsFile after = read_options_file();
+  if (!is_whole_after_saving(after)) {
     return kFailed;
   }
-  print("nothing changed: this client is not a gateway\n");
+  const json_t* changed = json_object_get(after.sections.get(), kSection);
+  if (json_equal(settings, changed) != 0) {
+    complain("the options file {} was not written", zorv::kOptionsFile);
+    return kFailed;
+  }
+  print(settings_text(changed));
   return kDone;
 }
 

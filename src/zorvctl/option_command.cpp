@@ -33,8 +33,8 @@ int answer_command(const std::vector<std::string>& words) {
 }
 
 // Words that are no command of the options: the answer for programs, and the reason for people.
-int answer_wrong_words(const std::vector<std::string>& words) {
-  answer_command(words);
+int answer_wrong_words() {
+  zorv::usage();
   complain("option: say \"get\", \"get SECTION\" or \"set JSON|@FILE|-\"");
   return kUsage;
 }
@@ -74,8 +74,7 @@ std::optional<std::string> patch_text(const std::string& source) {
 // in the file afterwards tells.
 int compare_saved(const json_t* patch) {
   const OptionsFile saved = read_options_file();
-  if (saved.state != OptionsFile::State::read) {
-    complain("the options file {} could not be written, the log says why", kFile);
+  if (!is_whole_after_saving(saved)) {
     return kFailed;
   }
   int status = kDone;
@@ -86,7 +85,7 @@ int compare_saved(const json_t* patch) {
     if (json_equal(value, stored) == 0) {
       complain("'{}' was not stored: {}", display_text(key),
                stored == nullptr ? "there is no such section in the options file"
-                                 : "the options file could not be written");
+                                 : "the options file was not written");
       status = kFailed;
     }
   }
@@ -99,7 +98,7 @@ bool can_be_patched() {
   const JsonRef defaults(zorv::GlobalConfig().get_tmpl());
   switch (file.state) {
     case OptionsFile::State::read:
-      return true;
+      return can_be_written();
     case OptionsFile::State::unread:
       is_readable_or_missing(file);
       break;
@@ -169,23 +168,17 @@ void add_option_noun(CLI::App& program, Run* run) {
       "  zorvctl option set '{\"gw_setting\": {\"as_gw_en\": 0}}'");
 
   noun->callback([=] {
-    const std::vector<std::string> more = noun->remaining(true);
-    std::vector<std::string> words;
-    if (get->parsed()) {
-      words.emplace_back("get");
-    } else if (set->parsed()) {
-      words.emplace_back("set");
-    }
-    if (get_section->count() != 0) {
-      words.push_back(*section);
-    }
-    words.insert(words.end(), more.begin(), more.end());
-    if (set->parsed() && set_patch->count() != 0 && more.empty()) {
+    const bool understood = noun->remaining(true).empty();
+    if (understood && set->parsed() && set_patch->count() != 0) {
       *run = [patch] { return set_options(*patch); };
-    } else if (get->parsed() && more.empty()) {
+    } else if (understood && get->parsed()) {
+      std::vector<std::string> words{"get"};
+      if (get_section->count() != 0) {
+        words.push_back(*section);
+      }
       *run = [words] { return get_options(words); };
     } else {
-      *run = [words] { return answer_wrong_words(words); };
+      *run = answer_wrong_words;
     }
   });
 }

@@ -1,10 +1,13 @@
 #include "options_file.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "conf_file_lock.h"
+#include "descriptor.h"
 #include "display_text.h"
 #include "exit_status.h"
 #include "global_options.h"
@@ -51,6 +54,31 @@ bool is_readable_or_missing(const OptionsFile& file) {
     return false;
   }
   return true;
+}
+
+bool can_be_written() {
+  const platform::ConfFileLock lock(conf_file_write_lock(zorv::kOptionsFile));
+  if (!lock.held()) {
+    complain("the options file {} cannot be locked for writing: {}", zorv::kOptionsFile,
+             std::strerror(errno));
+    return false;
+  }
+  const platform::Descriptor file(
+      open(platform::rooted(zorv::kOptionsFile).c_str(), O_WRONLY | O_CLOEXEC));
+  if (!file.valid()) {
+    complain("the options file {} cannot be written: {}", zorv::kOptionsFile, std::strerror(errno));
+    return false;
+  }
+  return true;
+}
+
+bool is_whole_after_saving(const OptionsFile& file) {
+  if (file.state == OptionsFile::State::read) {
+    return true;
+  }
+  complain("writing the options file {} failed and damaged it, the log has what it should hold",
+           zorv::kOptionsFile);
+  return false;
 }
 
 }  // namespace zorvctl

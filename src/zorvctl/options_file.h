@@ -26,4 +26,11 @@ OptionsFile read_options_file();
 // False after a complaint, for a file that is there and could not be read.
 bool is_readable_or_missing(const OptionsFile& file);
 
+// False after a complaint, where saving would not even begin: the service says nothing then. Takes
+// the lock for a moment and changes nothing.
+bool can_be_written();
+
+// False after a complaint, for what a failed save left of the file.
+bool is_whole_after_saving(const OptionsFile& file);
+
 }  // namespace zorvctl
