@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 namespace zorv {
 
@@ -49,7 +48,8 @@ inline constexpr CodeWord kClientActions[] = {
     {kLoginOk, "Login OK"}, {kLogout, "Logout"}, {kGetGeolocation, "Get geolocation"}};
 
 // The word of `code`, or null where the table has none.
-constexpr const char* word_of(std::span<const CodeWord> words, long long code) {
+template <class Words>
+constexpr const char* word_of(const Words& words, long long code) {
   for (const CodeWord& entry : words) {
     if (entry.code == code) {
       return entry.word;

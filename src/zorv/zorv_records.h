@@ -9,10 +9,9 @@
 // header as they lie in memory, immediately followed by `count` records.
 #pragma once
 
-#include <bit>
 #include <cstddef>
 
-static_assert(std::endian::native == std::endian::little, "records are little-endian");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "records are little-endian");
 static_assert(sizeof(int) == 4 && sizeof(long long) == 8);
 
 inline constexpr size_t kTextSize = 1025;  // of nearly every text field, terminator included
