@@ -244,17 +244,21 @@ JsonValue& JsonValue::operator[](std::string key) {
 }
 
 void JsonValue::erase() {
-  if (type == OBJECT_TYPE && value != nullptr) {
+  if (value == nullptr) {
+    return;
+  }
+  if (type == ARRAY_TYPE) {
+    auto& array = as<Array>(value);
+    while (!array.empty()) {
+      const std::unique_ptr<JsonValue> ended(array.back());
+      array.pop_back();
+    }
+  } else if (type == OBJECT_TYPE) {
     auto& object = as<Object>(value);
     while (!object.empty()) {
       const std::unique_ptr<JsonValue> ended(object.begin()->second);
       object.erase(object.begin());
     }
-    return;
-  }
-  while (JsonValue** const slot = last_child(*this)) {
-    const std::unique_ptr<JsonValue> ended(*slot);
-    drop_last_child(*this);
   }
 }
 
