@@ -114,8 +114,9 @@ TEST(Signal, OfACallbackThatRunsWaitForItsEnd) {
   server = kx_create(harness::kBusAddress, 4, 1, [](const char*, kx_io* io, int) {
     kill(getpid(), SIGTERM);
     kx_io_realloc(io, 0);
+    const std::string row(5200, 'r');
     for (int i = 0; i < 4000; ++i) {
-      kx_io_extend(io, 5200);
+      kx_io_write(io, row.data(), row.size());
     }
     kx_io_write(io, delivered == 0 ? "whole" : "early", 5);
     kx_reply(io);

@@ -90,20 +90,14 @@ bool Buffer::allocate_cleared() {
   return block_ != nullptr;
 }
 
-void Buffer::drop_views() {
-  view_ = Mapping();
-  window_ = Mapping();
-}
-
 void Buffer::clear() {
-  drop_views();
+  view_ = Mapping();
   memfd_.reset();
   sealed_ = false;
   held_ = stored_ = 0;
 }
 
 const char* Buffer::read() {
-  window_ = Mapping();
   if (size() == 0) {
     return nullptr;
   }
@@ -209,7 +203,7 @@ int Buffer::make_room(std::size_t length) {
   if (const int status = unseal(); status != KX_SUCCESS) {
     return status;
   }
-  drop_views();
+  view_ = Mapping();
   return held_ + length > kPacketBody ? move_to_memfd() : KX_SUCCESS;
 }
 
@@ -234,33 +228,13 @@ int Buffer::append(const void* bytes, std::size_t length) {
   return KX_SUCCESS;
 }
 
-void* Buffer::extend(std::size_t length) {
-  if (length == 0 || make_room(length) != KX_SUCCESS) {
-    return nullptr;
+int Buffer::append_zeros(std::size_t length) {
+  if (const int status = make_room(length); status != KX_SUCCESS) {
+    return status;
   }
-  if (length <= kPacketBody) {
-    char* space = block_.get() + held_;
-    memset(space, 0, length);
-    hold(length);
-    return space;
-  }
-  // Allocated up front, because a page that cannot be had would be a signal later. Cut first, so
-  // that nothing an earlier failure left behind shows.
-  const std::size_t skipped = stored_ % page_size();
-  const auto end = static_cast<off_t>(stored_);
-  if (ftruncate(memfd_.get(), end) != 0 ||
-      fallocate(memfd_.get(), 0, end, static_cast<off_t>(length)) != 0) {
-    return nullptr;
-  }
-  void* space = mmap(nullptr, skipped + length, PROT_READ | PROT_WRITE, MAP_SHARED, memfd_.get(),
-                     end - static_cast<off_t>(skipped));
-  if (space == MAP_FAILED) {
-    return nullptr;
-  }
-  window_ = Mapping(space, skipped + length);
-  madvise(space, skipped + length, MADV_DONTFORK);  // a child would keep it from being sealed
-  stored_ += length;
-  return window_.get() + skipped;
+  memset(block_.get() + held_, 0, length);
+  hold(length);
+  return KX_SUCCESS;
 }
 
 int Buffer::overwrite(std::size_t offset, const void* bytes, std::size_t length) {
@@ -293,9 +267,10 @@ int Buffer::resize(std::size_t new_size) {
   }
   const std::size_t old_size = size();
   while (size() < new_size) {
-    if (extend(std::min(new_size - size(), kPacketBody)) == nullptr) {
+    if (const int status = append_zeros(std::min(new_size - size(), kPacketBody));
+        status != KX_SUCCESS) {
       resize(old_size);
-      return KX_IO_FAILURE;
+      return status;
     }
   }
   if (size() == new_size) {
@@ -349,7 +324,7 @@ int Buffer::seal() {
   if (sealed_) {
     return KX_SUCCESS;
   }
-  drop_views();
+  view_ = Mapping();
   if (const int status = move_to_memfd(); status != KX_SUCCESS) {
     return status;
   }

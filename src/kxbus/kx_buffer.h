@@ -63,9 +63,6 @@ class Buffer {
   int copy(std::size_t offset, void* ret_bytes, std::size_t length);
 
   int append(const void* bytes, std::size_t length);
-  // `length` further bytes of zeros to be filled in place; null when they cannot be had. Valid
-  // until the next operation.
-  void* extend(std::size_t length);
   // Replaces bytes that are already there.
   int overwrite(std::size_t offset, const void* bytes, std::size_t length);
   // Cuts, or grows with zeros.
@@ -90,11 +87,11 @@ class Buffer {
 
  private:
   int make_room(std::size_t length);
+  int append_zeros(std::size_t length);  // a packet's body of them at most
   void hold(std::size_t length);
   int store(std::size_t offset, const void* bytes, std::size_t length);
   int flush();
   int unseal();
-  void drop_views();
 
   struct Free {
     void operator()(char* block) const { free(block); }
@@ -106,8 +103,7 @@ class Buffer {
   std::size_t stored_ = 0;  // bytes of content before them in the memfd
   Descriptor memfd_;
   bool sealed_ = false;
-  Mapping view_;    // of the whole content, for reading
-  Mapping window_;  // of the last part, being filled by the caller of extend()
+  Mapping view_;  // of the whole content, for reading
 };
 
 }  // namespace kxbus

@@ -44,10 +44,6 @@ int kx_io_write(kx_io* io, const void* bytes, size_t length) {
   return io->buffer.append(bytes, length);
 }
 
-void* kx_io_extend(kx_io* io, size_t length) {
-  return io != nullptr ? io->buffer.extend(length) : nullptr;
-}
-
 int kx_io_overwrite(kx_io* io, size_t offset, const void* bytes, size_t length) {
   if (io == nullptr || (bytes == nullptr && length > 0)) {
     return KX_IS_INVALID;

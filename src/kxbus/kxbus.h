@@ -121,19 +121,15 @@ const void* kx_io_read(kx_io* io, size_t* ret_length);
 int kx_io_copy(kx_io* io, size_t offset, void* ret_bytes, size_t length);
 
 // Appends. KX_IS_INVALID beyond 1 GiB, KX_IO_FAILURE or KX_IS_BUSY without memory or descriptor;
-// the content is then what it was.
+// the content is then what it was. A large reply is best written record by record, up to 64 KiB
+// each: they are gathered while they are in the cache.
 int kx_io_write(kx_io* io, const void* bytes, size_t length);
-
-// Appends `length` zero bytes and gives them to be filled in place, until the next operation on the
-// buffer. The cheapest way to write a large reply is record by record, up to 64 KiB each. Null when
-// there is no room or `length` is 0.
-void* kx_io_extend(kx_io* io, size_t length);
 
 // Replaces bytes that the content already has: for a count that is known last. KX_IS_INVALID when
 // they are not all there.
 int kx_io_overwrite(kx_io* io, size_t offset, const void* bytes, size_t length);
 
-// Cuts the content to `size`, or appends zeros; 0 empties it.
+// Cuts the content to `size`, or appends zeros, as kx_io_write() does; 0 empties it.
 int kx_io_realloc(kx_io* io, size_t size);
 
 // Sends the content to the caller whose request the buffer held; this never waits. KX_IS_INVALID

@@ -71,11 +71,13 @@ struct QueryResult : Query {
   QueryResult& operator=(const QueryResult&) = delete;
 };
 
-// The rows of an answer, which are read straight into the reply: 520 MB exist once.
-class ReplyRows final : public store::RowSpace {
+// The rows of an answer, which go straight into the reply: 520 MB exist once.
+class ReplyRows final : public store::RowSink {
  public:
   explicit ReplyRows(kx_io* io) : io_(io) {}
-  void* next(size_t size) override { return kx_io_extend(io_, size); }
+  bool put(const void* record, size_t size) override {
+    return kx_io_write(io_, record, size) == KX_SUCCESS;
+  }
 
  private:
   kx_io* io_;
@@ -92,7 +94,7 @@ int handle_insert(const LogSite& site, kx_io* io, int (*insert)(Record*), const 
 }
 
 template <class Query>
-using Select = int (*)(const db_query_cond*, store::RowSpace&, Query&);
+using Select = int (*)(const db_query_cond*, store::RowSink&, Query&);
 
 template <class Query>
 int handle_query(const LogSite& site, kx_io* io, Select<Query> select, const char* announcement,

@@ -1,7 +1,7 @@
-// The rows of a page, read one after the other into records wherever their reader wants them.
+// The rows of a page, read one after the other into records for whoever takes them.
 //
 // A record is zero-filled before it is read (no stale bytes reach another process). A row that
-// finds no space is dropped together with all that follow, and the query as a whole fails.
+// finds no room is dropped together with all that follow, and the query as a whole fails.
 #pragma once
 
 #include <cstdlib>
@@ -9,25 +9,25 @@
 #include <utility>
 
 #include "zorvd_db_helper.h"
-#include "zorvd_db_row_space.h"
+#include "zorvd_db_row_sink.h"
 
 namespace store {
 
 // Records as one array from the C heap, which grows geometrically.
-class RowArray final : public RowSpace {
+class RowArray final : public RowSink {
  public:
   RowArray() = default;
   ~RowArray() { std::free(bytes_); }
   RowArray(const RowArray&) = delete;
   RowArray& operator=(const RowArray&) = delete;
 
-  void* next(size_t size) override {
+  bool put(const void* record, size_t size) override {
     if (capacity_ - used_ < size && !grow(size)) {
-      return nullptr;
+      return false;
     }
-    char* space = bytes_ + used_;
+    std::memcpy(bytes_ + used_, record, size);
     used_ += size;
-    return std::memset(space, 0, size);
+    return true;
   }
 
   // The array, which is the caller's to free; null without records.
@@ -58,8 +58,8 @@ class RowArray final : public RowSpace {
 template <class Record, class AllColumns>
 class RowReader {
  public:
-  RowReader(Table& table, const AllColumns& columns, RowSpace& space)
-      : table_(table), columns_(columns), space_(space) {}
+  RowReader(Table& table, const AllColumns& columns, RowSink& sink)
+      : table_(table), columns_(columns), sink_(sink) {}
 
   // The signature of SQLite's row callback; `user` is the RowReader. Always 0: a row that cannot be
   // kept must not abort the statement, which would close the connection.
@@ -76,30 +76,31 @@ class RowReader {
     if (incomplete_) {
       return;
     }
-    auto* record = static_cast<Record*>(space_.next(sizeof(Record)));
-    if (record == nullptr) {
+    Record record;
+    std::memset(&record, 0, sizeof record);
+    read_row(columns_, text_count, texts, record);
+    if (!sink_.put(&record, sizeof record)) {
       ZORV_LOG_FOR(table_.log, debug, "realloc fail");
       incomplete_ = true;
       return;
     }
-    read_row(columns_, text_count, texts, *record);
     ++count_;
   }
 
   Table& table_;
   const AllColumns& columns_;
-  RowSpace& space_;
+  RowSink& sink_;
   record_uint64 count_ = 0;
   bool incomplete_ = false;
 };
 
-// The paged select of a table whose records are `Query`'s, into `space`; the head gets its numbers.
-// 0, or -1 with an untouched head for a bad column index or when `space` did not hold the rows.
+// The paged select of a table whose records are `Query`'s, into `sink`; the head gets its numbers.
+// 0, or -1 with an untouched head for a bad column index or when `sink` did not take the rows.
 template <class Query, class AllColumns>
 int select_records(Table& table, const AllColumns& columns, const db_query_cond& cond,
-                   RowSpace& space, Query& ret_head) {
+                   RowSink& sink, Query& ret_head) {
   using Reader = RowReader<typename Query::record_type, AllColumns>;
-  Reader rows(table, columns, space);
+  Reader rows(table, columns, sink);
   record_uint64 total = 0;
   if (select_page(table, cond, &Reader::select_callback, &rows, total) != 0 || rows.incomplete()) {
     return -1;
