@@ -22,10 +22,10 @@ std::string daemonizing() {
 // A daemonised zorvd, ended by the process id in its PID file.
 class Detached {
  public:
-  Detached() {
+  explicit Detached(const std::string& preparation = "") {
     // A million close calls would take the better part of the timeout under a sanitizer.
     const std::string unlimited = "ulimit -n 1048576 2>/dev/null; ";
-    status = harness::run({"/bin/sh", "-c", unlimited + daemonizing()}).status;
+    status = harness::run({"/bin/sh", "-c", preparation + unlimited + daemonizing()}).status;
     serving = harness::wait_until_serving("@/var/run/zorvd.sock");
     pid = atoi(harness::read_file(kPidFile).c_str());
   }
@@ -182,6 +182,16 @@ TEST(DaemonEntry, DaemonizedProcessHasItsStreamsAndItsPidFile) {
   daemon.end(SIGINT);
   EXPECT_FALSE(std::filesystem::exists(harness::test_root() + kPidFile));
   EXPECT_TRUE(harness::log_holds("Stopped "));
+}
+
+TEST(DaemonEntry, RelativeRootIsTheCallersAlsoForTools) {
+  harness::install_notify();
+  const std::filesystem::path root = harness::test_root();
+  const Detached daemon("cd " + root.parent_path().string() +
+                        " && export ZORV_ROOT=" + root.filename().string() + "; ");
+  ASSERT_TRUE(daemon.serving);
+  EXPECT_EQ(harness::zorvctl({"server-log", "add", "--vpn-type", "4", "--action", "2"}).status, 0);
+  EXPECT_EQ(harness::notifications(1).size(), 1U);
 }
 
 TEST(DaemonEntry, LongLogPathIsCutTo255Characters) {

@@ -160,7 +160,10 @@ void daemonize() {
   signal(SIGCHLD, SIG_IGN);
   fork_and_leave();
   umask(0);
-  platform::root();  // a relative one is the caller's, not one below "/"
+  // A relative root is the caller's, not one below "/", also for the tools that are started.
+  if (const std::string& root = platform::root(); !root.empty()) {
+    setenv("ZORV_ROOT", root.c_str(), 1);
+  }
   [[maybe_unused]] const int moved = chdir("/");
   platform::close_from(1);  // 0 stays open
   reopen_streams();
