@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -108,6 +109,20 @@ TEST_F(LoggerTest, LockFileIsOpenedAndClosedOnceALine) {
   ZORV_LOG(info, "lock file opened and closed\n");
   EXPECT_EQ(log_module._iot_lock_fd_, -1);
   EXPECT_TRUE(std::filesystem::exists(harness::test_root() + kLogLockFile));
+}
+
+TEST_F(LoggerTest, AFifoInPlaceOfAFileIsNotWaitedFor) {
+  const std::string lock = harness::test_root() + kLogLockFile;
+  std::filesystem::remove(lock);
+  ASSERT_EQ(mkfifo(lock.c_str(), 0666), 0);
+  ZORV_LOG(info, "without the lock\n");
+  EXPECT_NE(log_content().find("without the lock"), std::string::npos);
+  std::filesystem::remove(lock);
+  const std::string log = harness::test_root() + kDefaultLogFile;
+  std::filesystem::remove(log);
+  ASSERT_EQ(mkfifo(log.c_str(), 0666), 0);
+  ZORV_LOG(info, "lost\n");
+  std::filesystem::remove(log);
 }
 
 TEST_F(LoggerTest, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {

@@ -131,9 +131,11 @@ class Line {
   std::string spilled_;
 };
 
+// O_NONBLOCK: anybody may have made the file, in a folder for all, and a FIFO that nobody reads
+// would be waited for.
 int open_lock_file() {
   static const std::string path = platform::rooted(kLogLockFile);
-  return open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0777);
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0777);
 }
 
 // Takes no memory, so that the lines about having none are written, too.
@@ -143,7 +145,7 @@ int open_log_file() {
   const size_t length =
       __log_file__[0] == '/' ? root.copy(path, sizeof path - sizeof __log_file__) : 0;
   memcpy(path + length, __log_file__, sizeof __log_file__);
-  return open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
+  return open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
 }
 
 void append_to_log_file(const Line& line) {
