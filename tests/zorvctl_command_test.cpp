@@ -73,6 +73,7 @@ TEST(Words, ThatAreWrongEndWith2AndAreNamed) {
       {"event delete 1", "'delete'"},
       {"block check", "user"},
       {"uuid new -n 0", "0"},
+      {"uuid new -n 0x3", "'0x3'"},
       {"gateway disable ipx 1", "'ipx'"},
       {"gateway disable openvpn one", "'one'"},
       {"option set {", "JSON"},
@@ -214,6 +215,7 @@ TEST_F(WithDaemon, OutputThatCannotBeWrittenIsSaidOnce) {
       {"option get > /dev/full", "No space left"},
       {"uuid new -n 9999 > /dev/full", ""},
       {"--help > /dev/full", "No space left"},
+      {"--version > /dev/full", "No space left"},
       {"block list --help >&-", "Bad file"},
       {"block check u >&-", "Bad file"},
   };
@@ -229,6 +231,23 @@ TEST_F(WithDaemon, OutputThatCannotBeWrittenIsSaidOnce) {
               1)
         << words << outcome.err;
     EXPECT_NE(outcome.err.find(reason), std::string::npos) << words << outcome.err;
+  }
+}
+
+TEST_F(WithDaemon, WhatTheDatabaseRefusedIsNotTakenForKept) {
+  done({"server-log", "add"});
+  done({"block", "fail", "counted"});
+  for (const std::string table : {"conn_server_log", "conn_client_log", "privilege_user_block"}) {
+    for (const std::string change : {"INSERT", "UPDATE"}) {
+      harness::sql("CREATE TRIGGER no_" + table + change + " BEFORE " + change + " ON " + table +
+                   " BEGIN SELECT RAISE(FAIL, 'refused'); END");
+    }
+  }
+  for (const char* words :
+       {"server-log add", "client-log add", "block fail new", "block fail counted"}) {
+    const Outcome outcome = zorvctl(split(words));
+    EXPECT_EQ(outcome.status, 1) << words;
+    EXPECT_NE(outcome.err.find("the daemon kept nothing"), std::string::npos) << outcome.err;
   }
 }
 
@@ -364,6 +383,8 @@ TEST(OptionCommand, IsSetOnlyByAnObjectAndSaysWhatWasNotStored) {
     EXPECT_NE(outcome.err, "");
     EXPECT_EQ(harness::read_file(kOptions), before) << patch;
   }
+  EXPECT_EQ(zorvctl({"option", "set", "-"}, "{\"global\": {}}\0more"s).status, 2);
+  EXPECT_EQ(harness::read_file(kOptions), before);
   EXPECT_EQ(zorvctl({"option", "set", "-"}, R"({"global": {"version": "2"}})").status, 0);
   EXPECT_EQ(done({"option", "get", "global"}), "{\"data\": {\"version\": \"2\"}, \"error\": 0}\n");
   harness::write_file("/patch.json", R"({"global": {"version": "3"}, "new": {}})");
@@ -389,6 +410,8 @@ TEST(OptionCommand, TellsAFileThatIsUnreadFromOneThatIsEmpty) {
       {R"({"a": 1})", {"gateway", "disable", "openvpn", "1"}, 0, ""},
       {R"({"a": 1)", {"option", "set", kSection}, 1, "holds no JSON object"},
       {R"([1])", {"option", "set", kSection}, 1, "holds no JSON object"},
+      {R"([1])", {"option", "get"}, 1, "holds no JSON object"},
+      {R"({"a": 1)", {"gateway", "disable", "openvpn", "1"}, 1, "holds no JSON object"},
       {"", {"option", "get", "a"}, 1, kUnread},
       {"", {"option", "set", kSection}, 1, kUnread},
       {"", {"gateway", "show"}, 1, kUnread},

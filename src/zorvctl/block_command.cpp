@@ -69,13 +69,31 @@ int check(const std::string& username, bool quiet) {
   return answer.blocked ? kBlocked : kDone;
 }
 
+RecordQuery row_of(const std::string& username) {
+  return where(*find_column(kBlock.columns, "username"), username, {});
+}
+
 int fail(const std::string& username) {
   constexpr const char* kWhat = "count a failed login";
   if (!fits(username)) {
     return kUsage;
   }
-  const int status = report_status(count_failure(username), kWhat);
-  return status == kDone ? report_query_end(look(kBlock).end, kWhat) : status;
+  const TableLook before = look(kBlock, row_of(username));
+  if (const int status = report_query_end(before.end, kWhat); status != kDone) {
+    return status;
+  }
+  if (const int status = report_status(count_failure(username), kWhat); status != kDone) {
+    return status;
+  }
+  const TableLook after = look(kBlock, row_of(username));
+  if (const int status = report_query_end(after.end, kWhat); status != kDone) {
+    return status;
+  }
+  if (after.row == before.row) {
+    complain("cannot {}: the daemon kept nothing, its log says why", kWhat);
+    return kFailed;
+  }
+  return kDone;
 }
 
 int remove(const std::string& username, bool quiet) {
@@ -83,7 +101,7 @@ int remove(const std::string& username, bool quiet) {
   if (!fits(username)) {
     return kUsage;
   }
-  const RecordQuery row = where(*find_column(kBlock.columns, "username"), username, {});
+  const RecordQuery row = row_of(username);
   const TableLook before = look(kBlock, row);
   if (const int status = report_query_end(before.end, kWhat); status != kDone) {
     return status;

@@ -60,20 +60,26 @@ int add_record(const RecordKind& kind, const std::vector<AddOption>& options) {
     }
     column.set(record.get(), value);
   }
-  std::string answer;
   const std::string what = fmt::format("add to {}", kind.noun);
-  const int status = report_status(kind.add(record.get(), &answer), what.c_str());
-  if (status != kDone) {
+  const TableLook before = look(kind);
+  if (const int status = report_query_end(before.end, what.c_str()); status != kDone) {
     return status;
   }
-  if (!kind.answers_add) {
-    return report_query_end(look(kind).end, what.c_str());
+  std::string answer;
+  if (const int status = report_status(kind.add(record.get(), &answer), what.c_str());
+      status != kDone) {
+    return status;
   }
-  if (answer.empty()) {
+  const TableLook after = look(kind);
+  if (const int status = report_query_end(after.end, what.c_str()); status != kDone) {
+    return status;
+  }
+  const bool kept = kind.answers_add ? !answer.empty() : after.id != before.id;
+  if (!kept && !kind.columns.empty()) {
     complain("cannot {}: the daemon kept nothing, its log says why", what);
     return kFailed;
   }
-  return print(display_text(answer) + "\n") ? kDone : kFailed;
+  return !kind.answers_add || print(display_text(answer) + "\n") ? kDone : kFailed;
 }
 
 // All of them, before the first is deleted.
@@ -112,7 +118,11 @@ int clean_records(const RecordKind& kind) {
   }
   // Newer ones came after the clean.
   if (oldest.id && newest.id && *oldest.id <= *newest.id) {
-    complain("cannot {}: {} are still there, the daemon's log says why", what, kind.plural);
+    const bool deaf_after_delete = kind.delete_caution != nullptr && !kind.deletes_once;
+    complain("cannot {}: {} are still there{}, the daemon's log says why", what, kind.plural,
+             deaf_after_delete
+                 ? ": after a delete, a clean does nothing until zorvd is restarted; without one"
+                 : "");
     return kFailed;
   }
   return kDone;

@@ -97,7 +97,9 @@ std::string settings_text(const json_t* section) {
 
 int show_gateway(bool json) {
   const CurrentGateway current = current_gateway();
-  const bool readable = is_readable_or_missing(read_options_file());
+  const OptionsFile file = read_options_file();
+  const bool sound = is_sound_or_missing(file);
+  const bool readable = file.state != OptionsFile::State::unread;
   const JsonRef section(readable ? zorv::GlobalConfig().load(kSection) : json_null());
   if (!current.known) {
     complain("the network service does not tell which gateway is in use");
@@ -114,7 +116,7 @@ int show_gateway(bool json) {
                       current.known ? client_text(current.type, current.index) : "unknown"));
     print(readable ? settings_text(section.get()) : "default gateway  unknown\n");
   }
-  return current.known && readable ? kDone : kFailed;
+  return current.known && sound ? kDone : kFailed;
 }
 
 // Whether disabling the client changes the settings. Without failover the backup is no client, 0.
@@ -152,7 +154,7 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
     return kUsage;
   }
   const OptionsFile before = read_options_file();
-  if (!is_readable_or_missing(before)) {
+  if (!is_sound_or_missing(before)) {
     return kFailed;
   }
   const json_t* settings = json_object_get(before.sections.get(), kSection);

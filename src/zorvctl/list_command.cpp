@@ -9,6 +9,7 @@
 
 #include "commands.h"
 #include "daemon_answer.h"
+#include "decimal_option.h"
 #include "exit_status.h"
 #include "list_options.h"
 #include "record_query.h"
@@ -33,21 +34,6 @@ CLI::Validator output_format() {
   return {[](std::string& text) -> std::string {
             const bool known = text == "table" || text == "json" || text == "csv";
             return known ? "" : fmt::format("'{}' is none of table, json, csv", text);
-          },
-          ""};
-}
-
-// A number of rows, in decimal whatever zeros it begins with; what is none is named in the error.
-CLI::Validator row_count() {
-  return {[](std::string& text) -> std::string {
-            constexpr size_t kMostDigits = 18;
-            const bool digits =
-                !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-            if (!digits || text.size() > kMostDigits) {
-              return fmt::format("'{}' is not a number of rows", text);
-            }
-            text.erase(0, std::min(text.find_first_not_of('0'), text.size() - 1));
-            return "";
           },
           ""};
 }
@@ -171,10 +157,10 @@ void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_com
   verb->add_option(
           "-n,--limit", options->limit,
           fmt::format("At most N {} ({} if not given, 0 for all)", kind.plural, kDefaultLimit))
-      ->transform(row_count())
+      ->transform(decimal())
       ->type_name("N");
   verb->add_option("--offset", options->offset, "Leave out the first N")
-      ->transform(row_count())
+      ->transform(decimal())
       ->type_name("N");
   verb->add_flag("-r,--reverse", options->reverse, "The other way round");
   if (!kind.columns.empty()) {

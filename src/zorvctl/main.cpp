@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <exception>
+#include <sstream>
 
 #include "commands.h"
 #include "display_text.h"
@@ -64,7 +65,9 @@ int wrong_words(const CLI::App& program, const CLI::ParseError& error) {
   std::string words;
   const CLI::App& app = reached(program, &words);
   complain("{}{}{}", words, words.empty() ? "" : ": ", display_text(reason(program, app, error)));
-  fmt::print(stderr, "Try 'zorvctl {}{}--help'.\n", words, words.empty() ? "" : " ");
+  const std::string hint =
+      fmt::format("Try 'zorvctl {}{}--help'.\n", words, words.empty() ? "" : " ");
+  std::fwrite(hint.data(), 1, hint.size(), stderr);
   return words.starts_with(kHookNoun) ? kFailed : kUsage;
 }
 
@@ -76,7 +79,10 @@ int run(std::span<char*> arguments) {
   try {
     program.parse(static_cast<int>(arguments.size()), arguments.data());
   } catch (const CLI::Success& wanted) {  // --help, --version
-    return program.exit(wanted);
+    std::ostringstream text;
+    const int status = program.exit(wanted, text, text);
+    print(text.str());
+    return status;
   } catch (const CLI::ParseError& error) {
     return wrong_words(program, error);
   }

@@ -41,7 +41,7 @@ int answer_wrong_words() {
 
 int get_options(const std::vector<std::string>& words) {
   answer_command(words);
-  return is_readable_or_missing(read_options_file()) ? kDone : kFailed;
+  return is_sound_or_missing(read_options_file()) ? kDone : kFailed;
 }
 
 std::optional<std::string> patch_text(const std::string& source) {
@@ -100,7 +100,7 @@ bool can_be_patched() {
     case OptionsFile::State::read:
       return can_be_written();
     case OptionsFile::State::unread:
-      is_readable_or_missing(file);
+      is_sound_or_missing(file);
       break;
     case OptionsFile::State::missing:
       complain("the options file {} does not exist: put the sections into it that can be set: {}",
@@ -121,7 +121,7 @@ int set_options(const std::string& source) {
   }
   // Checked before anything is opened: a patch that is no object would empty the file.
   json_error_t error;
-  const JsonRef patch(json_loads(text->c_str(), 0, &error));
+  const JsonRef patch(json_loadb(text->data(), text->size(), 0, &error));
   if (patch == nullptr) {
     complain("this is not JSON: {} (line {}, column {})", display_text(error.text), error.line,
              error.column);

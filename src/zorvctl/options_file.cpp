@@ -39,6 +39,9 @@ OptionsFile read_options_file() {
   }
   json_error_t error;
   JsonRef sections(json_loadf(file.get(), 0, &error));
+  if (sections == nullptr && std::ferror(file.get()) != 0) {
+    return {State::unread, std::strerror(errno), nullptr};
+  }
   if (sections == nullptr) {
     return {State::broken, display_text(error.text), nullptr};
   }
@@ -48,10 +51,18 @@ OptionsFile read_options_file() {
   return {State::read, "", std::move(sections)};
 }
 
-bool is_readable_or_missing(const OptionsFile& file) {
-  if (file.state == OptionsFile::State::unread) {
-    complain("the options file {} could not be read: {}", zorv::kOptionsFile, file.reason);
-    return false;
+bool is_sound_or_missing(const OptionsFile& file) {
+  switch (file.state) {
+    case OptionsFile::State::unread:
+      complain("the options file {} could not be read: {}", zorv::kOptionsFile, file.reason);
+      return false;
+    case OptionsFile::State::broken:
+      complain("the options file {} holds no JSON object, so that the defaults count: {}",
+               zorv::kOptionsFile, file.reason);
+      return false;
+    case OptionsFile::State::missing:
+    case OptionsFile::State::read:
+      break;
   }
   return true;
 }
@@ -75,6 +86,11 @@ bool can_be_written() {
 bool is_whole_after_saving(const OptionsFile& file) {
   if (file.state == OptionsFile::State::read) {
     return true;
+  }
+  if (file.state == OptionsFile::State::unread) {
+    complain("the options file {} could not be read again after it was written: {}",
+             zorv::kOptionsFile, file.reason);
+    return false;
   }
   complain("writing the options file {} failed and damaged it, the log has what it should hold",
            zorv::kOptionsFile);

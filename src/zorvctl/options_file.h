@@ -23,8 +23,8 @@ struct OptionsFile {
 // Waits for the file's lock as the service does.
 OptionsFile read_options_file();
 
-// False after a complaint, for a file that is there and could not be read.
-bool is_readable_or_missing(const OptionsFile& file);
+// False after a complaint, for a file that is there and could not be read or holds no object.
+bool is_sound_or_missing(const OptionsFile& file);
 
 // False after a complaint, where saving would not even begin: the service says nothing then. Takes
 // the lock for a moment and changes nothing.

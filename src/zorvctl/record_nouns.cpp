@@ -2,6 +2,7 @@
 
 #include "commands.h"
 #include "daemon_answer.h"
+#include "decimal_option.h"
 #include "exit_status.h"
 #include "zorv_api_mobile.h"
 
@@ -64,6 +65,7 @@ void add_uuid_noun(CLI::App& program, Run* run) {
   auto count = std::make_shared<unsigned>(1);
   verb->add_option("-n,--count", *count, "How many (1 if not given)")
       ->check(CLI::Range(1U, 1000000U))
+      ->transform(decimal())
       ->type_name("N");
   verb->callback([count, run] { *run = [count] { return print_uuids(*count); }; });
 }

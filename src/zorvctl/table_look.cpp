@@ -9,6 +9,7 @@ TableLook look(const RecordKind& kind, RecordQuery query) {
   query.limit = 1;
   QueryEvents events;
   events.on_record = [&](const void* record) {
+    seen.row.assign(static_cast<const char*>(record), kind.record_size);
     if (!kind.columns.empty()) {
       seen.id = std::get<long long>(kind.columns[0].get(record));
     }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "record_query.h"
 
@@ -11,6 +12,7 @@ namespace zorvctl {
 struct TableLook {
   QueryEnd end = QueryEnd::unanswered;
   std::optional<long long> id;   // of the first row that the query meets
+  std::string row;               // that row's record, byte for byte
   unsigned long long total = 0;  // of the rows in the table that can be shown
 };
 

@@ -137,7 +137,7 @@ std::string value_hint(const Column& column) {
     case Kind::duration:
       return "seconds, or a duration such as 1h30m";
     case Kind::time:
-      return "a time such as \"2026-11-21 04:10\", yesterday, 2h or @1795234206";
+      return "a time such as \"2026-11-21 04:10\", yesterday, 2h or @1795234206 (or the number)";
     default:
       break;
   }
