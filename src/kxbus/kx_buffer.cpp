@@ -16,6 +16,8 @@ namespace kxbus {
 namespace {
 
 constexpr std::size_t kBlockSize = kLargestPayload + 1;
+// What is worth a system call of its own, rather than being gathered in the block first.
+constexpr std::size_t kStoredAtOnce = 16 * 1024;
 constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
 static_assert(kBlockSize > 8 * 1024);
 
@@ -216,7 +218,8 @@ int Buffer::append(const void* bytes, std::size_t length) {
   if (const int status = make_room(length); status != KX_SUCCESS) {
     return status;
   }
-  if (length > kPacketBody) {
+  const bool large = held_ == 0 && memfd_.valid() && length >= kStoredAtOnce;
+  if (length > kPacketBody || large) {
     const int status = store(stored_, bytes, length);
     stored_ += status == KX_SUCCESS ? length : 0;
     return status;

@@ -121,8 +121,8 @@ const void* kx_io_read(kx_io* io, size_t* ret_length);
 int kx_io_copy(kx_io* io, size_t offset, void* ret_bytes, size_t length);
 
 // Appends. KX_IS_INVALID beyond 1 GiB, KX_IO_FAILURE or KX_IS_BUSY without memory or descriptor;
-// the content is then what it was. A large reply is best written record by record, up to 64 KiB
-// each: they are gathered while they are in the cache.
+// the content is then what it was. A large reply is best written in blocks of 16 to 60 KiB, which
+// are in the cache still.
 int kx_io_write(kx_io* io, const void* bytes, size_t length);
 
 // Replaces bytes that the content already has: for a count that is known last. KX_IS_INVALID when

@@ -71,16 +71,33 @@ struct QueryResult : Query {
   QueryResult& operator=(const QueryResult&) = delete;
 };
 
-// The rows of an answer, which go straight into the reply: 520 MB exist once.
-class ReplyRows final : public store::RowSink {
+// The rows of an answer, which go into the reply a block at a time: 520 MB exist once.
+class ReplyRows final : public store::RowSpace {
  public:
+  static constexpr size_t kBlock = 60 << 10;  // the bus gathers up to 64 KiB in one packet
+
   explicit ReplyRows(kx_io* io) : io_(io) {}
-  bool put(const void* record, size_t size) override {
-    return kx_io_write(io_, record, size) == KX_SUCCESS;
+
+  void* next(size_t size) override {
+    if (size > sizeof block_ - used_ && !write_out()) {
+      return nullptr;
+    }
+    char* space = block_ + used_;
+    used_ += size;
+    return memset(space, 0, size);
+  }
+
+  // What the block still holds; false when the reply has no room for it.
+  bool write_out() {
+    const bool written = kx_io_write(io_, block_, used_) == KX_SUCCESS;
+    used_ = 0;
+    return written;
   }
 
  private:
   kx_io* io_;
+  size_t used_ = 0;
+  alignas(8) char block_[kBlock];
 };
 
 template <class Record>
@@ -94,7 +111,7 @@ int handle_insert(const LogSite& site, kx_io* io, int (*insert)(Record*), const 
 }
 
 template <class Query>
-using Select = int (*)(const db_query_cond*, store::RowSink&, Query&);
+using Select = int (*)(const db_query_cond*, store::RowSpace&, Query&);
 
 template <class Query>
 int handle_query(const LogSite& site, kx_io* io, Select<Query> select, const char* announcement,
@@ -111,8 +128,9 @@ int handle_query(const LogSite& site, kx_io* io, Select<Query> select, const cha
   if (kx_io_write(io, &head, kQueryHeaderSize) != KX_SUCCESS) {
     return failed(site, io, "kx_io_write (io)");
   }
+  static_assert(sizeof(typename Query::record_type) <= ReplyRows::kBlock);
   ReplyRows rows(io);
-  if (select(&cond, rows, head) != 0) {
+  if (select(&cond, rows, head) != 0 || !rows.write_out()) {
     return failed(site, io, call);
   }
   ZORV_LOG_AT(site, debug, "count = %llu\n", head.count);

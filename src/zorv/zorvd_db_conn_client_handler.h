@@ -5,7 +5,7 @@
 #pragma once
 
 #include "zorv_records.h"
-#include "zorvd_db_row_sink.h"
+#include "zorvd_db_row_space.h"
 
 namespace store {
 
@@ -15,8 +15,8 @@ int insert_conn_client_log(db_conn_client_log_data* record);
 // Fills the caller's zeroed **out; its `data` is released with free. -1, with no data, for a bad
 // order_by or when the rows do not fit into memory.
 int select_conn_client_log(const db_query_cond* cond, db_conn_client_log_query** out);
-// The same with the records given to `sink` and their numbers in ret_head.
-int select_conn_client_log(const db_query_cond* cond, RowSink& sink,
+// The same with the records in `space` and their numbers in ret_head.
+int select_conn_client_log(const db_query_cond* cond, RowSpace& space,
                            db_conn_client_log_query& ret_head);
 int delete_conn_client_log(const db_delete_cond* cond);
 int clean_conn_client_log();

@@ -45,8 +45,8 @@ int select_device_info(const db_query_cond* cond, db_device_info_query** out) {
   return select_records(table, columns, *cond, out);
 }
 
-int select_device_info(const db_query_cond* cond, RowSink& sink, db_device_info_query& ret_head) {
-  return select_records(table, columns, *cond, sink, ret_head);
+int select_device_info(const db_query_cond* cond, RowSpace& space, db_device_info_query& ret_head) {
+  return select_records(table, columns, *cond, space, ret_head);
 }
 
 int delete_device_info(const db_delete_cond* cond) {

@@ -15,15 +15,14 @@ constexpr TableTraits traits{"event_log", Storage::persistent, DeleteText::accum
 Table table(log_module, traits);
 
 struct Events {
-  RowSink& sink;
+  RowSpace& space;
   record_uint64 count = 0;
 };
 
 // An event has nothing to read, its id included.
 int select_callback(void* user, int /*text_count*/, char** /*texts*/, char** /*names*/) {
   auto& events = *static_cast<Events*>(user);
-  const db_event_data nothing{};
-  if (!events.sink.put(&nothing, sizeof nothing)) {
+  if (events.space.next(sizeof(db_event_data)) == nullptr) {
     ZORV_LOG(debug, "realloc fail");
     return 0;
   }
@@ -41,7 +40,7 @@ int insert_event_data(db_event_data* /*record*/) {
   return 0;
 }
 
-int select_event_data(const db_query_cond* cond, RowSink& sink, db_event_query& ret_head) {
+int select_event_data(const db_query_cond* cond, RowSpace& space, db_event_query& ret_head) {
   const bool created = table.__db_field_index__ > 0;
   const bool known_column = cond->order_by >= 0 && cond->order_by < table.__db_field_index__;
   if (created && !known_column) {
@@ -54,7 +53,7 @@ int select_event_data(const db_query_cond* cond, RowSink& sink, db_event_query& 
                                 cond->start));
   const std::string text = query != nullptr ? query.get() : "";
   std::string failure;
-  Events events{sink};
+  Events events{space};
   ZORV_LOG(debug, "select_stmt");
   if (run(table, std::move(query), select_callback, &events, &failure) != SQLITE_OK) {
     ZORV_LOG(error, "Error in select statement %s [%s].", text.c_str(), failure.c_str());

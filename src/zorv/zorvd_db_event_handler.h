@@ -5,7 +5,7 @@
 #pragma once
 
 #include "zorv_records.h"
-#include "zorvd_db_row_sink.h"
+#include "zorvd_db_row_space.h"
 
 namespace store {
 
@@ -13,8 +13,8 @@ int create_event_db();
 int insert_event_data(db_event_data* record);
 // Fills the caller's zeroed **out; its `data` is released with free. -1 for a bad order_by.
 int select_event_data(const db_query_cond* cond, db_event_query** out);
-// The same with the records given to `sink` and their numbers in ret_head.
-int select_event_data(const db_query_cond* cond, RowSink& sink, db_event_query& ret_head);
+// The same with the records in `space` and their numbers in ret_head.
+int select_event_data(const db_query_cond* cond, RowSpace& space, db_event_query& ret_head);
 int delete_event_data(int id);
 int finish_event_db();
 

@@ -69,9 +69,9 @@ int select_conn_server_log(const db_query_cond* cond, db_conn_server_log_query**
   return select_records(table, columns, *cond, out);
 }
 
-int select_conn_server_log(const db_query_cond* cond, RowSink& sink,
+int select_conn_server_log(const db_query_cond* cond, RowSpace& space,
                            db_conn_server_log_query& ret_head) {
-  return select_records(table, columns, *cond, sink, ret_head);
+  return select_records(table, columns, *cond, space, ret_head);
 }
 
 int delete_conn_server_log(const db_delete_cond* cond) {

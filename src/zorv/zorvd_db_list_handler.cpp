@@ -37,8 +37,8 @@ int select_server_list(const db_query_cond* cond, db_server_list_query** out) {
   return select_records(table, columns, *cond, out);
 }
 
-int select_server_list(const db_query_cond* cond, RowSink& sink, db_server_list_query& ret_head) {
-  return select_records(table, columns, *cond, sink, ret_head);
+int select_server_list(const db_query_cond* cond, RowSpace& space, db_server_list_query& ret_head) {
+  return select_records(table, columns, *cond, space, ret_head);
 }
 
 int delete_server_list(const db_delete_cond* cond) {

@@ -185,9 +185,9 @@ int select_privilege_user_block(const db_query_cond* cond, db_privilege_user_blo
   return select_records(table, columns, *cond, out);
 }
 
-int select_privilege_user_block(const db_query_cond* cond, RowSink& sink,
+int select_privilege_user_block(const db_query_cond* cond, RowSpace& space,
                                 db_privilege_user_block_query& ret_head) {
-  return select_records(table, columns, *cond, sink, ret_head);
+  return select_records(table, columns, *cond, space, ret_head);
 }
 
 int optimize_privilege_user_block_db() {

@@ -10,7 +10,7 @@
 #pragma once
 
 #include "zorv_records.h"
-#include "zorvd_db_row_sink.h"
+#include "zorvd_db_row_space.h"
 
 namespace store {
 
@@ -28,8 +28,8 @@ int clean_privilege_user_block();
 // Fills the caller's zeroed **out; its `data` is released with free. -1, with no data, for a bad
 // order_by or when the rows do not fit into memory.
 int select_privilege_user_block(const db_query_cond* cond, db_privilege_user_block_query** out);
-// The same with the records given to `sink` and their numbers in ret_head.
-int select_privilege_user_block(const db_query_cond* cond, RowSink& sink,
+// The same with the records in `space` and their numbers in ret_head.
+int select_privilege_user_block(const db_query_cond* cond, RowSpace& space,
                                 db_privilege_user_block_query& ret_head);
 int optimize_privilege_user_block_db();
 int finish_privilege_user_block_db();

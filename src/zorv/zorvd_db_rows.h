@@ -1,7 +1,7 @@
-// The rows of a page, read one after the other into records for whoever takes them.
+// The rows of a page, read one after the other into records wherever their reader wants them.
 //
 // A record is zero-filled before it is read (no stale bytes reach another process). A row that
-// finds no room is dropped together with all that follow, and the query as a whole fails.
+// finds no space is dropped together with all that follow, and the query as a whole fails.
 #pragma once
 
 #include <cstdlib>
@@ -9,25 +9,25 @@
 #include <utility>
 
 #include "zorvd_db_helper.h"
-#include "zorvd_db_row_sink.h"
+#include "zorvd_db_row_space.h"
 
 namespace store {
 
 // Records as one array from the C heap, which grows geometrically.
-class RowArray final : public RowSink {
+class RowArray final : public RowSpace {
  public:
   RowArray() = default;
   ~RowArray() { std::free(bytes_); }
   RowArray(const RowArray&) = delete;
   RowArray& operator=(const RowArray&) = delete;
 
-  bool put(const void* record, size_t size) override {
+  void* next(size_t size) override {
     if (capacity_ - used_ < size && !grow(size)) {
-      return false;
+      return nullptr;
     }
-    std::memcpy(bytes_ + used_, record, size);
+    char* space = bytes_ + used_;
     used_ += size;
-    return true;
+    return std::memset(space, 0, size);
   }
 
   // The array, which is the caller's to free; null without records.
@@ -58,8 +58,8 @@ class RowArray final : public RowSink {
 template <class Record, class AllColumns>
 class RowReader {
  public:
-  RowReader(Table& table, const AllColumns& columns, RowSink& sink)
-      : table_(table), columns_(columns), sink_(sink) {}
+  RowReader(Table& table, const AllColumns& columns, RowSpace& space)
+      : table_(table), columns_(columns), space_(space) {}
 
   // The signature of SQLite's row callback; `user` is the RowReader. Always 0: a row that cannot be
   // kept must not abort the statement, which would close the connection.
@@ -76,31 +76,30 @@ class RowReader {
     if (incomplete_) {
       return;
     }
-    Record record;
-    std::memset(&record, 0, sizeof record);
-    read_row(columns_, text_count, texts, record);
-    if (!sink_.put(&record, sizeof record)) {
+    auto* record = static_cast<Record*>(space_.next(sizeof(Record)));
+    if (record == nullptr) {
       ZORV_LOG_FOR(table_.log, debug, "realloc fail");
       incomplete_ = true;
       return;
     }
+    read_row(columns_, text_count, texts, *record);
     ++count_;
   }
 
   Table& table_;
   const AllColumns& columns_;
-  RowSink& sink_;
+  RowSpace& space_;
   record_uint64 count_ = 0;
   bool incomplete_ = false;
 };
 
-// The paged select of a table whose records are `Query`'s, into `sink`; the head gets its numbers.
-// 0, or -1 with an untouched head for a bad column index or when `sink` did not take the rows.
+// The paged select of a table whose records are `Query`'s, into `space`; the head gets its numbers.
+// 0, or -1 with an untouched head for a bad column index or when `space` did not hold the rows.
 template <class Query, class AllColumns>
 int select_records(Table& table, const AllColumns& columns, const db_query_cond& cond,
-                   RowSink& sink, Query& ret_head) {
+                   RowSpace& space, Query& ret_head) {
   using Reader = RowReader<typename Query::record_type, AllColumns>;
-  Reader rows(table, columns, sink);
+  Reader rows(table, columns, space);
   record_uint64 total = 0;
   if (select_page(table, cond, &Reader::select_callback, &rows, total) != 0 || rows.incomplete()) {
     return -1;
