@@ -78,28 +78,6 @@ void promote_backup(json_t* section, const Gateway& backup) {
   clear_failover(section);
 }
 
-// Takes `gone` out of the settings; false when it is in none of them.
-bool remove_gateway(json_t* section, const Gateway& gone) {
-  const bool is_primary = gone == gateway_member(section, "gw1");
-  const bool has_backup = int_member(section, "failover_en") != 0;
-  // Without failover the backup counts as (0, 0), whatever gw2 says.
-  const Gateway backup = has_backup ? gateway_member(section, "gw2") : Gateway{};
-  if (is_primary && has_backup) {
-    promote_backup(section, backup);
-    return true;
-  }
-  if (is_primary) {
-    json_object_set_new(section, "as_gw_en", json_integer(0));
-    json_object_del(section, "gw1");
-    return true;
-  }
-  if (gone == backup) {
-    clear_failover(section);
-    return true;
-  }
-  return false;
-}
-
 void announce(NcMsg message, const json_t* gateway) {
   const std::string kind = type_to_string(static_cast<TYPE>(int_member(gateway, "type")));
   const std::string profile = get_profile_name(text_member(gateway, "sname"));
@@ -210,10 +188,35 @@ void GlobalConfig::get_vpn_gw(JsonValue& ret_out) const {
   ret_out["index"] = index;
 }
 
+bool remove_gateway(json_t* section, TYPE type, int index) {
+  if (int_member(section, "as_gw_en") == 0) {
+    return false;
+  }
+  const Gateway gone{type, index};
+  const bool is_primary = gone == gateway_member(section, "gw1");
+  const bool has_backup = int_member(section, "failover_en") != 0;
+  // Without failover the backup counts as (0, 0), whatever gw2 says.
+  const Gateway backup = has_backup ? gateway_member(section, "gw2") : Gateway{};
+  if (is_primary && has_backup) {
+    promote_backup(section, backup);
+    return true;
+  }
+  if (is_primary) {
+    json_object_set_new(section, "as_gw_en", json_integer(0));
+    json_object_del(section, "gw1");
+    return true;
+  }
+  if (gone == backup) {
+    clear_failover(section);
+    return true;
+  }
+  return false;
+}
+
 int GlobalConfig::disable_gateway(TYPE type, int index) const {
   const JsonRef root(load());
   json_t* const section = json_object_get(root.get(), kSection);
-  if (int_member(section, "as_gw_en") == 0 || !remove_gateway(section, {type, index})) {
+  if (!remove_gateway(section, type, index)) {
     return 0;
   }
   const JsonText text = dump_json(root.get());

@@ -68,6 +68,10 @@ std::string typeindex_to_sname(TYPE type, int index);  // "OPENVPN_CLIENT2"
 std::string type_to_string(TYPE type);                 // "OpenVPN"
 std::string interval_to_string(int interval);
 
+// Takes a VPN client out of a "gw_setting" section, as GlobalConfig::disable_gateway() does in the
+// file; false, with nothing changed, where it is neither the gateway nor its backup.
+bool remove_gateway(json_t* section, TYPE type, int index);
+
 // Announces the gateway that a patch has just set.
 void zorv_gw_nclog(json_t* patch);
 

@@ -119,26 +119,6 @@ int show_gateway(bool json) {
   return current.known && sound ? kDone : kFailed;
 }
 
-// Whether disabling the client changes the settings. Without failover the backup is no client, 0.
-bool concerns(const json_t* section, int type, int index) {
-  const auto is_client = [&](const char* key) {
-    const json_t* client = json_object_get(section, key);
-    return number_member(client, "type") == type && number_member(client, "index") == index;
-  };
-  if (number_member(section, "as_gw_en") == 0) {
-    return false;
-  }
-  if (is_client("gw1")) {
-    return true;
-  }
-  if (number_member(section, "failover_en") != 0) {
-    return is_client("gw2");
-  }
-  return type == zorv::NONE_TYPE && index == 0 &&
-         (json_object_get(section, "gw2") != nullptr ||
-          json_object_get(section, "failover_interval") != nullptr);
-}
-
 int disable_gateway(const std::string& type_text, const std::string& index_text) {
   const auto type = type_of(type_text);
   if (!type) {
@@ -158,25 +138,27 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
     return kFailed;
   }
   const json_t* settings = json_object_get(before.sections.get(), kSection);
-  const bool changes = concerns(settings, *type, index);
-  if (changes && !can_be_written()) {
-    return kFailed;
-  }
-  zorv::GlobalConfig().disable_gateway(*type, index);
-  if (!changes) {
+  const JsonRef wanted(json_deep_copy(settings));
+  if (!zorv::remove_gateway(wanted.get(), *type, index) ||
+      json_equal(settings, wanted.get()) != 0) {
     print("nothing changed: this client is not a gateway\n");
     return kDone;
   }
+  if (!can_be_written()) {
+    return kFailed;
+  }
+  zorv::GlobalConfig().disable_gateway(*type, index);
   const OptionsFile after = read_options_file();
   if (!is_whole_after_saving(after)) {
     return kFailed;
   }
-  const json_t* changed = json_object_get(after.sections.get(), kSection);
-  if (json_equal(settings, changed) != 0) {
-    complain("the options file {} was not written", zorv::kOptionsFile);
+  const json_t* settled = json_object_get(after.sections.get(), kSection);
+  if (json_equal(wanted.get(), settled) == 0) {
+    complain("the options file {} was not written, or somebody changed it at once",
+             zorv::kOptionsFile);
     return kFailed;
   }
-  print(settings_text(changed));
+  print(settings_text(settled));
   return kDone;
 }
 
