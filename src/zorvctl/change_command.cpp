@@ -61,21 +61,27 @@ int add_record(const RecordKind& kind, const std::vector<AddOption>& options) {
     column.set(record.get(), value);
   }
   const std::string what = fmt::format("add to {}", kind.noun);
-  const TableLook before = look(kind);
-  if (const int status = report_query_end(before.end, what.c_str()); status != kDone) {
-    return status;
+  TableLook before;
+  if (!kind.answers_add) {
+    before = look(kind);
+    if (const int status = report_query_end(before.end, what.c_str()); status != kDone) {
+      return status;
+    }
   }
   std::string answer;
   if (const int status = report_status(kind.add(record.get(), &answer), what.c_str());
       status != kDone) {
     return status;
   }
-  const TableLook after = look(kind);
-  if (const int status = report_query_end(after.end, what.c_str()); status != kDone) {
-    return status;
+  bool kept = !answer.empty();
+  if (!kind.answers_add) {
+    const TableLook after = look(kind);
+    if (const int status = report_query_end(after.end, what.c_str()); status != kDone) {
+      return status;
+    }
+    kept = after.id != before.id || kind.columns.empty();
   }
-  const bool kept = kind.answers_add ? !answer.empty() : after.id != before.id;
-  if (!kept && !kind.columns.empty()) {
+  if (!kept) {
     complain("cannot {}: the daemon kept nothing, its log says why", what);
     return kFailed;
   }
