@@ -218,8 +218,8 @@ int Buffer::append(const void* bytes, std::size_t length) {
   if (const int status = make_room(length); status != KX_SUCCESS) {
     return status;
   }
-  const bool large = held_ == 0 && memfd_.valid() && length >= kStoredAtOnce;
-  if (length > kPacketBody || large) {
+  static_assert(kStoredAtOnce <= kPacketBody);  // what is larger has been given its memfd
+  if (memfd_.valid() && held_ == 0 && length >= kStoredAtOnce) {
     const int status = store(stored_, bytes, length);
     stored_ += status == KX_SUCCESS ? length : 0;
     return status;
