@@ -78,7 +78,7 @@ void send_descriptor(int connection, char* packet, int descriptor) {
 
 size_t exchange(const std::string& name, char* packet, size_t length, int* ret_descriptor) {
   const Address address(name);
-  const platform::Descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const os::Descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   require(connect(connection.get(), address.get(), address.length) == 0, "no raw server");
   check_peer(connection.get());
   require(send(connection.get(), packet, length, MSG_NOSIGNAL) > 0, "no request was sent");

@@ -41,11 +41,11 @@ install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
 
 # The libraries' folder is their own: some of their names are short.
 set(client_libraries ${CMAKE_INSTALL_LIBDIR}/zorv)
-if(TARGET kxbus AND TARGET platform)
-  install(TARGETS zorv_client zorv_log kxbus platform
+if(ZORV_PLATFORM STREQUAL "bundled")
+  install(TARGETS zorv_client zorv_log zorv_kxbus zorv_os
           ARCHIVE DESTINATION ${client_libraries} COMPONENT zorv-dev)
-  install(FILES src/zorv/zorv_api_db.h src/zorv/zorv_api_mobile.h src/zorv/zorv_records.h
-                src/zorv/zorv_connection_codes.h src/kxbus/kxbus.h
+  install(FILES src/zorv/client/zorv_api_db.h src/zorv/client/zorv_api_mobile.h
+                src/zorv/records/zorv_records.h src/zorv/records/zorv_connection_codes.h src/kxbus/kxbus.h
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorv COMPONENT zorv-dev)
   configure_file(${package}/zorv-client.pc.in ${CMAKE_BINARY_DIR}/zorv-client.pc @ONLY)
   install(FILES ${CMAKE_BINARY_DIR}/zorv-client.pc

@@ -36,7 +36,7 @@ int resolve_address(const char* text, Address& ret_address) {
   }
   Address address;
   char* to = address.name.sun_path + (path ? 0 : 1);
-  const std::string_view root = platform::root();
+  const std::string_view root = os::root();
   const std::size_t size = root.size() + before.size() + given.size() + behind.size();
   if (size > sizeof address.name.sun_path - 1) {
     return ENAMETOOLONG;

@@ -29,7 +29,7 @@ bool same_file(const struct stat& one, const struct stat& other) {
 }
 
 const char* fault_of(const struct stat& about) {
-  const bool own_root = !platform::root().empty() && geteuid() != 0;
+  const bool own_root = !os::root().empty() && geteuid() != 0;
   if (!S_ISREG(about.st_mode)) {
     return "not a plain file";
   }
@@ -99,7 +99,7 @@ bool AllowList::admits_listener(const Peer& peer) {
 }
 
 void AllowList::refresh() {
-  const std::string path = platform::rooted(plain_path_);
+  const std::string path = os::rooted(plain_path_);
   struct stat about {};
   if (stat(path.c_str(), &about) != 0) {
     about = {};

@@ -5,6 +5,6 @@
 
 namespace kxbus {
 
-using platform::Descriptor;
+using os::Descriptor;
 
 }  // namespace kxbus

@@ -9,6 +9,7 @@
 #include "commands.h"
 #include "display_text.h"
 #include "exit_status.h"
+#include "hook_command.h"
 
 namespace zorvctl {
 namespace {

@@ -93,7 +93,7 @@ int make_temporary_tables(sqlite3* db, char** /*error*/, const sqlite3_api_routi
 sqlite3* side_connection() {
   static sqlite3* const db = [] {
     sqlite3* opened = nullptr;
-    sqlite3_open(platform::rooted(store::kDatabaseFile).c_str(), &opened);
+    sqlite3_open(os::rooted(store::kDatabaseFile).c_str(), &opened);
     return opened;
   }();
   return db;
@@ -145,7 +145,7 @@ auto uninterrupted(Call call) {
 
 // A call as it is on the wire.
 Answer call(std::string_view method, const std::string& payload) {
-  const std::string name = platform::rooted(kAddress + 1);
+  const std::string name = os::rooted(kAddress + 1);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   name.copy(address.sun_path + 1, sizeof address.sun_path - 1);

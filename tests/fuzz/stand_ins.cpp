@@ -24,7 +24,7 @@ size_t length_of_all(const char* const* arguments) {
 
 }  // namespace
 
-void zorv::spawn_detached(const char* file, const char* const* arguments) {
+void os::spawn_detached(const char* file, const char* const* arguments) {
   fuzz::require(strlen(file) > 0 && length_of_all(arguments) > 0, "the tool has arguments");
   ++fuzz::spawned;
 }
@@ -44,10 +44,10 @@ int kx_call(const char* address, const char* method, kx_io* io, int timeout_s, i
 namespace fuzz {
 
 void prepare() {
-  require(!platform::root().empty() && std::filesystem::is_directory(platform::root()),
+  require(!os::root().empty() && std::filesystem::is_directory(os::root()),
           "ZORV_ROOT names a folder; script/fuzz makes one");
   for (const char* folder : {"/etc/config/zorv", "/var/lock"}) {
-    std::filesystem::create_directories(platform::rooted(folder));
+    std::filesystem::create_directories(os::rooted(folder));
   }
   __cur_type__ = kLogToStdout;
   require(freopen("/dev/null", "w", stdout) != nullptr, "/dev/null can be written");
@@ -73,7 +73,7 @@ std::vector<std::string> split(std::string_view input, char separator) {
 }
 
 void write_rooted(const char* path, std::string_view content) {
-  std::ofstream file(platform::rooted(path), std::ios::binary | std::ios::trunc);
+  std::ofstream file(os::rooted(path), std::ios::binary | std::ios::trunc);
   file.write(content.data(), static_cast<std::streamsize>(content.size()));
   require(static_cast<bool>(file.flush()), "the root can be written");
 }

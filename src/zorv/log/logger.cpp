@@ -1,0 +1,214 @@
+#include "logger.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "rooted.h"
+
+int __cur_level__ = static_cast<int>(LogLevel::debug);
+int __cur_type__ = kLogToFile;
+char __log_file__[256] = "/var/log/network/ZORV.log";
+
+namespace {
+
+const char* level_name(LogLevel level) {
+  switch (level) {
+    case LogLevel::debug:
+      return "DEBUG";
+    case LogLevel::info:
+      return "INFO";
+    case LogLevel::warn:
+      return "WARN";
+    case LogLevel::error:
+      return "ERROR";
+  }
+  return "";
+}
+
+// The local time as a line shows it, put together once a second.
+std::string_view stamp_of(time_t now) {
+  struct Stamp {
+    time_t second = 0;
+    size_t length = 0;
+    char text[32];
+  };
+  thread_local Stamp stamp;
+  if (stamp.length == 0 || stamp.second != now) {
+    tm local{};
+    localtime_r(&now, &local);
+    stamp.length = strftime(stamp.text, sizeof stamp.text, "%Y-%m-%d %H:%M:%S", &local);
+    stamp.second = now;
+  }
+  return {stamp.text, stamp.length};
+}
+
+// This process's id, asked for once a process: the question costs as much as formatting the line.
+int process_id() {
+  static std::atomic<int> id{0};
+  [[maybe_unused]] static const int forgotten_by_children =
+      pthread_atfork(nullptr, nullptr, [] { id = 0; });
+  int known = id.load(std::memory_order_relaxed);
+  if (known == 0) {
+    known = getpid();
+    id.store(known, std::memory_order_relaxed);
+  }
+  return known;
+}
+
+// A line in a buffer that fits nearly all of them; statement texts of long records spill to the
+// heap. Its prefix is "TIME PID [LEVEL] MODULE [LINE] FUNCTION:".
+class Line {
+ public:
+  __attribute__((format(printf, 4, 0)))
+  Line(const LogSite& site, LogLevel level, const char* format, va_list arguments) {
+    append(stamp_of(time(nullptr)));
+    append(" ");
+    append(process_id());
+    append(" [");
+    append(level_name(level));
+    append("] ");
+    append(site.module.name);
+    append(" [");
+    append(site.line);
+    append("] ");
+    append(site.function);
+    append(":");
+    va_list again;
+    va_copy(again, arguments);
+    const int wanted = vsnprintf(buffer_ + length_, sizeof buffer_ - length_, format, arguments);
+    const size_t text = wanted < 0 ? 0 : static_cast<size_t>(wanted);
+    if (text < sizeof buffer_ - length_) {
+      length_ += text;
+    } else {
+      spill(text, format, again);
+    }
+    va_end(again);
+  }
+
+  const char* data() const { return spilled_.empty() ? buffer_ : spilled_.data(); }
+  size_t size() const { return spilled_.empty() ? length_ : spilled_.size(); }
+
+ private:
+  void append(std::string_view text) {
+    length_ += text.copy(buffer_ + length_, sizeof buffer_ - 1 - length_);
+  }
+
+  void append(int number) {
+    char digits[16];
+    append({digits, std::to_chars(digits, digits + sizeof digits, number).ptr});
+  }
+
+  // Without memory the line stays cut where the buffer ends.
+  __attribute__((format(printf, 3, 0))) void spill(size_t text, const char* format,
+                                                   va_list arguments) {
+    try {
+      spilled_.reserve(length_ + text + 1);
+      spilled_.assign(buffer_, length_);
+      spilled_.resize(length_ + text + 1);
+      vsnprintf(spilled_.data() + length_, text + 1, format, arguments);
+      spilled_.pop_back();
+    } catch (const std::bad_alloc&) {
+      spilled_.clear();
+      length_ = sizeof buffer_ - 1;
+    }
+  }
+
+  char buffer_[2048];
+  size_t length_ = 0;
+  std::string spilled_;
+};
+
+// O_NONBLOCK: anybody may have made the file, in a folder for all, and a FIFO that nobody reads
+// would be waited for.
+int open_lock_file() {
+  static const std::string path = os::rooted(kLogLockFile);
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0777);
+}
+
+// Takes no memory, so that the lines about having none are written, too.
+int open_log_file() {
+  static const std::string& root = os::root();
+  char path[PATH_MAX];
+  const size_t length =
+      __log_file__[0] == '/' ? root.copy(path, sizeof path - sizeof __log_file__) : 0;
+  memcpy(path + length, __log_file__, sizeof __log_file__);
+  return open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK, 0666);
+}
+
+void append_to_log_file(const Line& line) {
+  const int fd = open_log_file();
+  if (fd < 0) {
+    return;
+  }
+  // A full disk loses the line, like any other failure here.
+  [[maybe_unused]] const ssize_t written = write(fd, line.data(), line.size());
+  close(fd);
+}
+
+// The lock is awaited only when an earlier line left its descriptor open, which happens when the
+// lock file could not be opened before that line but could after it. Normally the file is opened
+// and closed once a line, there is no lock to release, and what keeps lines whole is the single
+// write.
+void write_to_file(const LogSite& site, const Line& line) {
+  struct flock record {};
+  record.l_type = F_WRLCK;
+  record.l_whence = SEEK_SET;
+
+  int lock_fd = site.module._iot_lock_fd_.exchange(-1);
+  const bool left_open_before = lock_fd != -1;
+  if (left_open_before) {
+    fcntl(lock_fd, F_SETLKW, &record);
+  } else {
+    lock_fd = open_lock_file();
+  }
+  append_to_log_file(line);
+  if (lock_fd == -1) {
+    lock_fd = open_lock_file();
+    const int left_open = site.module._iot_lock_fd_.exchange(lock_fd);
+    if (left_open != -1) {
+      close(left_open);
+    }
+  } else {
+    if (left_open_before) {
+      record.l_type = F_UNLCK;
+      fcntl(lock_fd, F_SETLK, &record);
+    }
+    close(lock_fd);
+  }
+}
+
+}  // namespace
+
+void log_write(const LogSite& site, LogLevel level, const char* format, ...) {
+  if (__cur_type__ != kLogToStdout && (__cur_type__ != kLogToFile || __log_file__[0] == '\0')) {
+    return;
+  }
+  const int saved_errno = errno;
+  va_list arguments;
+  va_start(arguments, format);
+  const Line line(site, level, format, arguments);
+  va_end(arguments);
+  if (__cur_type__ == kLogToStdout) {
+    fwrite(line.data(), 1, line.size(), stdout);
+  } else {
+    try {
+      write_to_file(site, line);
+    } catch (const std::bad_alloc&) {
+      // No memory for the paths that the first line makes: it is lost.
+    }
+  }
+  errno = saved_errno;
+}
