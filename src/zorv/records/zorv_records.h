@@ -106,22 +106,39 @@ struct db_privilege_user_block_data {
   record_uint64 timestamp;  // last counted failure, seconds since the epoch; the low 32 bits count
 };
 
-// Head of a query's answer. In memory `data` owns an array of `count` records from the C heap; on
-// the wire its bytes mean nothing and the records follow at offset 24.
-template <class Record>
-struct alignas(8) query_result {
-  using record_type = Record;
-  record_uint64 count;  // records in this answer
-  record_uint64 total;  // rows in the table, at most 100000
-  Record* data;
+// Head of a query's answer: `count` records in this answer, of `total` rows in the table (at most
+// 100000). In memory `data` owns an array of `count` records from the C heap; on the wire its bytes
+// mean nothing and the records follow at offset 24.
+struct alignas(8) db_conn_server_log_query {
+  record_uint64 count;
+  record_uint64 total;
+  db_conn_server_log* data;
 };
-
-struct db_conn_server_log_query : query_result<db_conn_server_log> {};
-struct db_conn_client_log_query : query_result<db_conn_client_log_data> {};
-struct db_event_query : query_result<db_event_data> {};
-struct db_server_list_query : query_result<db_server_list_data> {};
-struct db_device_info_query : query_result<db_device_info_data> {};
-struct db_privilege_user_block_query : query_result<db_privilege_user_block_data> {};
+struct alignas(8) db_conn_client_log_query {
+  record_uint64 count;
+  record_uint64 total;
+  db_conn_client_log_data* data;
+};
+struct alignas(8) db_event_query {
+  record_uint64 count;
+  record_uint64 total;
+  db_event_data* data;
+};
+struct alignas(8) db_server_list_query {
+  record_uint64 count;
+  record_uint64 total;
+  db_server_list_data* data;
+};
+struct alignas(8) db_device_info_query {
+  record_uint64 count;
+  record_uint64 total;
+  db_device_info_data* data;
+};
+struct alignas(8) db_privilege_user_block_query {
+  record_uint64 count;
+  record_uint64 total;
+  db_privilege_user_block_data* data;
+};
 
 inline constexpr size_t kQueryHeaderSize = 24;
 
@@ -195,7 +212,6 @@ static_assert(sizeof(db_conn_server_log_query) == kQueryHeaderSize &&
               sizeof(db_server_list_query) == kQueryHeaderSize &&
               sizeof(db_device_info_query) == kQueryHeaderSize &&
               sizeof(db_privilege_user_block_query) == kQueryHeaderSize);
-static_assert(offsetof(query_result<db_event_data>, total) == 8 &&
-              offsetof(query_result<db_event_data>, data) == 16);
+static_assert(offsetof(db_event_query, total) == 8 && offsetof(db_event_query, data) == 16);
 static_assert(sizeof(zorv_mobile_gen_uuid_data_set) == 4 &&
               sizeof(zorv_mobile_gen_uuid_data_get) == 36);
