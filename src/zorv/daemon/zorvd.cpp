@@ -24,12 +24,8 @@
 #include "logger.h"
 #include "rooted.h"
 #include "zorv_api_db.h"
-#include "zorvd_db_conn_client_handler.h"
-#include "zorvd_db_device_info_handler.h"
-#include "zorvd_db_handler.h"
-#include "zorvd_db_list_handler.h"
-#include "zorvd_db_privilege_user_block_handler.h"
 #include "zorvd_handler.h"
+#include "zorvd_tables.h"
 
 namespace {
 
@@ -181,22 +177,6 @@ void log_bus_message(const char* text) {
   ZORV_LOG_FOR(bus_module, warn, "%s\n", text);
 }
 
-void open_tables() {
-  store::create_conn_server_log_db();
-  store::create_conn_client_log_db();
-  store::create_server_list_db();
-  store::create_device_info_db();
-  store::create_privilege_user_block_db();
-}
-
-// The device info is not finished: its table is temporary and ends with the process.
-void close_tables() {
-  store::finish_conn_server_log_db();
-  store::finish_conn_client_log_db();
-  store::finish_server_list_db();
-  store::finish_privilege_user_block_db();
-}
-
 struct Options {
   std::optional<int> exit_status;  // set when an option already did the work
   bool daemon = false;
@@ -272,13 +252,13 @@ int main(int argc, char** argv) {
   read_conf_file(0);
   running = 1;
   ZORV_LOG(info, "kx_start\n");
-  open_tables();
+  store::open_tables();
   handle = kx_create(kZorvdAddress, kBacklogUnits, kDispatchers, zorvd_method_handler);
   kx_start(handle);
   kx_free(handle);
   handle = nullptr;
 
-  close_tables();
+  store::close_tables();
   ZORV_LOG(info, "Stopped %s", app_name);
   closelog();
   return EXIT_SUCCESS;

@@ -4,7 +4,21 @@
 // keeps request buffers readable that far and zero behind the payload.
 #pragma once
 
+#include <span>
+
 #include "kxbus.h"
+#include "zorvd_value_format.h"
+
+// A method of the daemon, in a row beside its handler.
+struct Method {
+  const char* name;  // as callers send it; not uniform, and kept so
+  int (*handler)(kx_io* io);
+  size_t request;  // bytes of the record that it takes; 0: none
+  size_t reply;    // bytes that its answer has at least
+};
+
+// All of them.
+std::span<const Method> methods();
 
 int db_conn_insert_handler(kx_io* io);
 int db_conn_server_log_query_handler(kx_io* io);

@@ -19,7 +19,7 @@ using MethodHandler = int (*)(kx_io* io);
 using MethodTable = std::map<std::string, MethodHandler, std::less<>>;
 extern MethodTable zorvd_method_list;
 
-// Enters the 24 methods; runs by itself at start-up.
+// Enters the methods of zorvd_db.h; runs by itself at start-up.
 void zorv_method_init();
 
 // The bus's method callback. A method that is not in the table is left alone: nothing is logged or

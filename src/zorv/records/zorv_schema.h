@@ -1,62 +1,18 @@
-// The records' fields and the tables that hold them, declared once.
+// The tables of records and their fields, declared once.
 //
-// A field is its name, its heading in tables for people, its record member and what it means; SQL
-// type, value format and limits follow from the member. A table is its fields, how long its rows
-// live, and the methods that serve it. The store, the daemon's start and stop, the client's calls
-// and zorvctl's nouns all read these declarations, so the order of columns stands in one place.
+// A table is its fields, how long its rows live, and the methods that serve it. SQL types, value
+// formats and limits follow from the fields. The store, the daemon's start and stop, its rows of
+// methods, the client's calls and zorvctl's nouns all read these declarations, so the order of
+// columns stands in one place.
 //
-// Records are handled as untyped memory here: only a field knows its record's type, and whatever
-// works on fields is ordinary code. Everything is constant and may be used from any thread.
-//
-// A table more: its record in zorv_records.h, its fields and its row of kTables in zorv_schema.cpp.
+// A table more: its record in zorv_records.h, its fields and its row of kTables here, its handlers
+// and their rows in zorvd_db.cpp, its lines in docs/records.md; a module in tables/ if it does
+// something of its own.
 #pragma once
 
-#include <span>
-#include <string_view>
-#include <variant>
-
-#include "zorv_connection_codes.h"
-#include "zorv_records.h"
+#include "zorv_field.h"
 
 namespace zorv {
-
-enum class Meaning { text, number, bytes, seconds, time, code };
-
-enum class FieldType {
-  text,
-  int32,
-  wrapped_int32,  // keeps the low 32 bits of the number in the database
-  int64,
-  uint64,
-};
-
-// A text is a view of the record, or of whatever else it came from.
-using FieldValue = std::variant<std::string_view, record_int64, record_uint64>;
-
-struct Field {
-  const char* name;     // of the column, of the filter, of the option
-  const char* heading;  // null: not shown in tables
-  Meaning meaning;
-  std::span<const CodeWord> words;  // of a code
-  FieldType type;
-  size_t size;  // of the member, in bytes
-  void* (*member)(void* record);
-
-  bool is_text() const { return type == FieldType::text; }
-};
-
-// A text ends at its terminator, or with its last byte.
-FieldValue get(const Field& field, const void* record);
-// The value must be of the alternative that get() gives. A text is cut to what the member holds
-// with its terminator; a number keeps the bits that the member has.
-void set(const Field& field, void* record, const FieldValue& value);
-
-// Fills a text of a record: cut to what `size` bytes hold with the terminator, zero behind it.
-void copy_text(char* ret_text, size_t size, std::string_view text);
-template <size_t Size>
-void copy_text(char (&ret_text)[Size], std::string_view text) {
-  copy_text(ret_text, Size, text);
-}
 
 enum class Storage {
   persistent,
@@ -97,21 +53,208 @@ struct TableSchema {
   const Field* time = nullptr;  // which moment a row speaks of
 
   // The field of that name, or null.
-  const Field* find(std::string_view field_name) const;
+  constexpr const Field* find(std::string_view field_name) const {
+    for (const Field& field : fields) {
+      if (field.name == field_name) {
+        return &field;
+      }
+    }
+    return nullptr;
+  }
   // Of one of this table's fields: what a query orders by.
   record_int64 index_of(const Field& field) const { return &field - fields.data(); }
   // Given by whoever adds a record, not by the daemon.
   bool is_given(const Field& field) const { return &field != fields.data() && &field != kept; }
 };
 
-extern const TableSchema kServerLog;
-extern const TableSchema kClientLog;
-extern const TableSchema kEventLog;
-extern const TableSchema kServerList;
-extern const TableSchema kDeviceInfo;
-extern const TableSchema kUserBlock;
+inline constexpr Field kServerFields[] = {
+    field<&db_conn_server_log::id>("id", "ID", Meaning::number),
+    field<&db_conn_server_log::username>("username", "USER", Meaning::text),
+    code<&db_conn_server_log::vpn_type>("vpn_type", "PROTOCOL", kServerProtocols),
+    field<&db_conn_server_log::uptime>("uptime", "DURATION", Meaning::seconds),
+    field<&db_conn_server_log::time>("time", "TIME", Meaning::time),
+    field<&db_conn_server_log::device_info>("device_info", "DEVICE", Meaning::text),
+    field<&db_conn_server_log::source_ip>("source_ip", "SOURCE", Meaning::text),
+    field<&db_conn_server_log::vpn_ip>("vpn_ip", "VPN IP", Meaning::text),
+    field<&db_conn_server_log::tx_rate>("tx_rate", nullptr, Meaning::number),
+    field<&db_conn_server_log::rx_rate>("rx_rate", nullptr, Meaning::number),
+    field<&db_conn_server_log::tx_total>("tx_total", "SENT", Meaning::bytes),
+    field<&db_conn_server_log::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
+    field<&db_conn_server_log::outgoing>("outgoing", "OUTGOING", Meaning::text),
+    code<&db_conn_server_log::action>("action", "ACTION", kServerActions),
+};
 
-// All of them.
-extern const std::span<const TableSchema* const> kTables;
+inline constexpr Field kClientFields[] = {
+    field<&db_conn_client_log_data::id>("id", "ID", Meaning::number),
+    field<&db_conn_client_log_data::username>("username", "USER", Meaning::text),
+    code<&db_conn_client_log_data::vpn_type>("vpn_type", "PROTOCOL", kClientProtocols),
+    field<&db_conn_client_log_data::uptime>("uptime", "DURATION", Meaning::seconds),
+    field<&db_conn_client_log_data::time>("time", "TIME", Meaning::time),
+    field<&db_conn_client_log_data::vpn_ip>("vpn_ip", "VPN IP", Meaning::text),
+    field<&db_conn_client_log_data::tx_rate>("tx_rate", nullptr, Meaning::number),
+    field<&db_conn_client_log_data::rx_rate>("rx_rate", nullptr, Meaning::number),
+    field<&db_conn_client_log_data::tx_total>("tx_total", "SENT", Meaning::bytes),
+    field<&db_conn_client_log_data::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
+    field<&db_conn_client_log_data::country_code>("country_code", "COUNTRY", Meaning::text),
+    field<&db_conn_client_log_data::wan_ip>("wan_ip", "PUBLIC IP", Meaning::text),
+    code<&db_conn_client_log_data::action>("action", "ACTION", kClientActions),
+};
+
+inline constexpr Field kSessionFields[] = {
+    field<&db_server_list_data::id>("id", "ID", Meaning::number),
+    field<&db_server_list_data::uuid>("uuid", "UUID", Meaning::text),
+    field<&db_server_list_data::username>("username", "USER", Meaning::text),
+    field<&db_server_list_data::sid>("sid", "SID", Meaning::text),
+    field<&db_server_list_data::device_name>("device_name", "DEVICE", Meaning::text),
+    field<&db_server_list_data::expire_time>("expire_time", "EXPIRES", Meaning::time),
+    field<&db_server_list_data::time>("time", "TIME", Meaning::time),
+};
+
+inline constexpr Field kDeviceFields[] = {
+    field<&db_device_info_data::id>("id", "ID", Meaning::number),
+    field<&db_device_info_data::ip>("ip", "IP", Meaning::text),
+    field<&db_device_info_data::mac>("mac", "MAC", Meaning::text),
+    field<&db_device_info_data::hoxsid>("hoxsid", "HOXSID", Meaning::text),
+    field<&db_device_info_data::user_id>("user_id", "USER", Meaning::text),
+    field<&db_device_info_data::dev_name>("dev_name", "NAME", Meaning::text),
+    field<&db_device_info_data::dev_uuid>("dev_uuid", "UUID", Meaning::text),
+    field<&db_device_info_data::nic>("nic", "NIC", Meaning::text),
+    field<&db_device_info_data::time>("time", "TIME", Meaning::time),
+};
+
+inline constexpr Field kBlockFields[] = {
+    field<&db_privilege_user_block_data::id>("id", "ID", Meaning::number),
+    field<&db_privilege_user_block_data::username>("username", "USER", Meaning::text),
+    wrapped(
+        field<&db_privilege_user_block_data::limit>("limit_count", "FAILURES", Meaning::number)),
+    field<&db_privilege_user_block_data::timestamp>("timestamp", "SINCE", Meaning::time),
+};
+
+// The field of that name; one that is not there does not compile.
+consteval const Field* named_field(std::span<const Field> fields, std::string_view name) {
+  for (const Field& field : fields) {
+    if (field.name == name) {
+      return &field;
+    }
+  }
+  throw "no field of that name";
+}
+
+inline constexpr TableSchema kServerLog = {
+    .name = "conn_server_log",
+    .module = "zorvd_db_handler",
+    .storage = Storage::persistent,
+    .delete_text = DeleteText::accumulates,
+    .opened = true,
+    .finished = true,
+    .fields = kServerFields,
+    .record_size = sizeof(db_conn_server_log),
+    .methods = {.insert = "db_conn_insert",
+                .query = "db_conn_server_log_query",
+                .remove = "db_conn_server_log_del",
+                .clean = "db_conn_server_log_clean"},
+    .noun = "server-log",
+    .plural = "connections",
+    .description = "Connections made to this NAS's VPN servers",
+    .time = named_field(kServerFields, "time"),
+};
+
+inline constexpr TableSchema kClientLog = {
+    .name = "conn_client_log",
+    .module = "zorvd_db_conn_client_handler",
+    .storage = Storage::persistent,
+    .delete_text = DeleteText::accumulates,
+    .opened = true,
+    .finished = true,
+    .fields = kClientFields,
+    .record_size = sizeof(db_conn_client_log_data),
+    .methods = {.insert = "db_conn_client_log_insert",
+                .query = "db_conn_client_log_query",
+                .remove = "db_conn_client_log_del",
+                .clean = "db_conn_client_log_clean"},
+    .noun = "client-log",
+    .plural = "connections",
+    .description = "Connections this NAS made as a VPN client",
+    .time = named_field(kClientFields, "time"),
+};
+
+// A placeholder that is never opened. An event has no fields, not even an id that travels.
+inline constexpr TableSchema kEventLog = {
+    .name = "event_log",
+    .module = "zorvd_db_event_handler",
+    .storage = Storage::persistent,
+    .delete_text = DeleteText::accumulates,
+    .opened = false,
+    .finished = false,
+    .fields = {},
+    .record_size = sizeof(db_event_data),
+    .methods = {.insert = "db_event_insert", .query = "db_event_query"},
+    .noun = "event",
+    .plural = "events",
+    .description = "Events; the daemon accepts them and keeps none",
+};
+
+inline constexpr TableSchema kServerList = {
+    .name = "server_list",
+    .module = "zorvd_db_list_handler",
+    .storage = Storage::temporary,
+    .delete_text = DeleteText::accumulates,
+    .opened = true,
+    .finished = true,
+    .fields = kSessionFields,
+    .record_size = sizeof(db_server_list_data),
+    .methods = {.insert = "db_server_list_insert",
+                .query = "db_server_list_query",
+                .remove = "db_server_list_del",
+                .clean = "db_server_list_clean"},
+    .noun = "session",
+    .plural = "sessions",
+    .description = "Sessions of the VPN servers, lost when the daemon stops",
+    .time = named_field(kSessionFields, "time"),
+};
+
+// Not finished: it is temporary and ends with the process.
+inline constexpr TableSchema kDeviceInfo = {
+    .name = "device_info",
+    .module = "zorvd_db_device_info_handler",
+    .storage = Storage::temporary,
+    .delete_text = DeleteText::restored,
+    .opened = true,
+    .finished = false,
+    .fields = kDeviceFields,
+    .record_size = sizeof(db_device_info_data),
+    .unique = named_field(kDeviceFields, "mac"),
+    .kept = named_field(kDeviceFields, "dev_uuid"),
+    .methods = {.insert = "db_device_info_insert",
+                .query = "db_device_info_query",
+                .remove = "db_device_info_del",
+                .clean = "db_device_info_clean"},
+    .noun = "device",
+    .plural = "devices",
+    .description = "Devices of mobile clients, lost when the daemon stops",
+    .time = named_field(kDeviceFields, "time"),
+};
+
+inline constexpr TableSchema kUserBlock = {
+    .name = "privilege_user_block",
+    .module = "zorvd_db_privilege_user_block_handler",
+    .storage = Storage::persistent,
+    .delete_text = DeleteText::restored,
+    .opened = true,
+    .finished = true,
+    .fields = kBlockFields,
+    .record_size = sizeof(db_privilege_user_block_data),
+    .methods = {.insert = "db_privilege_user_block_insert",
+                .query = "db_privilege_user_block_query",
+                .remove = "db_privilege_user_block_del",
+                .clean = "db_privilege_user_block_clean"},
+    .noun = "block",
+    .plural = "users",
+    .description = "Users with failed logins, and who of them is blocked",
+    .time = named_field(kBlockFields, "timestamp"),
+};
+
+inline constexpr const TableSchema* kTables[] = {&kServerLog,  &kClientLog,  &kEventLog,
+                                                 &kServerList, &kDeviceInfo, &kUserBlock};
 
 }  // namespace zorv

@@ -5,8 +5,11 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <utility>
+#include <vector>
 
+#include "long_conversion.h"
 #include "rooted.h"
 
 namespace store {
@@ -27,13 +30,12 @@ void close_connection(Table& table) {
   table.__db__.reset();
 }
 
-void begin_operation(Table& table) {
-  table.patience_ends = std::chrono::steady_clock::now() + kLockPatience;
-}
+int operations = 0;  // in progress, one within the other
+std::chrono::steady_clock::time_point patience_ends;
 
 // SQLite asks whether to try again for a lock that another process holds.
-int wait_for_lock(void* user, int /*tries*/) {
-  if (std::chrono::steady_clock::now() >= static_cast<Table*>(user)->patience_ends) {
+int wait_for_lock(void* /*user*/, int /*tries*/) {
+  if (std::chrono::steady_clock::now() >= patience_ends) {
     return 0;
   }
   constexpr timespec pause{0, 2'000'000};
@@ -59,7 +61,7 @@ int open_connection(Table& table) {
     }
     return result;
   }
-  sqlite3_busy_handler(db, wait_for_lock, &table);
+  sqlite3_busy_handler(db, wait_for_lock, nullptr);
   return SQLITE_OK;
 }
 
@@ -68,14 +70,14 @@ void execute_ignoring_result(Table& table, const char* statement) {
 }
 
 std::string head(const char* before, const Table& table, const char* after) {
-  return std::string(before) + table.traits.name + after;
+  return std::string(before) + table.schema.name + after;
 }
 
 void start_texts(Table& table) {
-  const bool temporary = table.traits.storage == Storage::temporary;
+  const bool temporary = table.schema.storage == zorv::Storage::temporary;
   table.__db_fields[0].assign("id");
   table.__db_field_index__ = 1;
-  table.__db_table_name_str.assign(table.traits.name);
+  table.__db_table_name_str.assign(table.schema.name);
   table.__db_file.assign(kDatabaseFile);
   // Two blanks: the word TEMPORARY would stand between them.
   table.__db_create_str.assign(
@@ -86,17 +88,42 @@ void start_texts(Table& table) {
   table.__db_update_str.assign(head("UPDATE ", table, " SET "));
 }
 
-void add_column(Table& table, const ColumnText& column) {
+// A text that the row with the same unique value already has is kept: the format asks for that
+// value twice and then for the new text.
+std::string kept_format(const zorv::TableSchema& schema) {
+  const std::string known = std::string("(SELECT ") + schema.kept->name + " FROM " + schema.name +
+                            " WHERE " + schema.unique->name + " = '%q')";
+  return std::string("CASE WHEN EXISTS (SELECT * FROM ") + schema.name + ") AND " + known +
+         " IS NOT NULL THEN " + known + " ELSE '%q' END";
+}
+
+std::string value_format(const zorv::TableSchema& schema, const zorv::Field& field) {
+  if (&field == schema.kept) {
+    return kept_format(schema);
+  }
+  switch (field.type) {
+    case zorv::FieldType::text:
+      return "'%q'";
+    case zorv::FieldType::int32:
+    case zorv::FieldType::wrapped_int32:
+      return "%d";
+    case zorv::FieldType::int64:
+      return "%lld";
+    case zorv::FieldType::uint64:
+      break;
+  }
+  return "%llu";
+}
+
+void add_column(Table& table, const zorv::Field& field) {
   if (static_cast<size_t>(table.__db_field_index__) >= table.__db_fields.size()) {
     return;
   }
-  auto& name = table.__db_fields[static_cast<size_t>(table.__db_field_index__)];
-  name.assign(column.name);
+  table.__db_fields[static_cast<size_t>(table.__db_field_index__)].assign(field.name);
   ++table.__db_field_index__;
   table.__db_create_str.append(", ");
-  table.__db_create_str.append(column.name);
-  table.__db_create_str.append(" ");
-  table.__db_create_str.append(column.type);
+  table.__db_create_str.append(field.name);
+  table.__db_create_str.append(field.is_text() ? " TEXT" : " INTEGER");
   if (table.__is_first_field == 1) {
     table.__is_first_field = 0;
   } else {
@@ -104,11 +131,12 @@ void add_column(Table& table, const ColumnText& column) {
     table.__db_insert_arg.append(", ");
     table.__db_update_str.append(", ");
   }
-  table.__db_insert_field.append(column.name);
-  table.__db_insert_arg.append(column.format);
-  table.__db_update_str.append(column.name);
+  const std::string format = value_format(table.schema, field);
+  table.__db_insert_field.append(field.name);
+  table.__db_insert_arg.append(format);
+  table.__db_update_str.append(field.name);
   table.__db_update_str.append(" = ");
-  table.__db_update_str.append(column.format);
+  table.__db_update_str.append(format);
 }
 
 void finish_texts(Table& table) {
@@ -123,7 +151,7 @@ void finish_texts(Table& table) {
 void make_unique_index(Table& table) {
   const SqlText statement(sqlite3_mprintf(
       "CREATE UNIQUE INDEX idx_%s_%s ON %s (%s);", table.__db_table_name_str.c_str(),
-      table.traits.unique_column, table.__db_table_name_str.c_str(), table.traits.unique_column));
+      table.schema.unique->name, table.__db_table_name_str.c_str(), table.schema.unique->name));
   if (statement == nullptr ||
       sqlite3_exec(table.__db__.get(), statement.get(), nullptr, nullptr, nullptr) != SQLITE_OK) {
     ZORV_LOG_FOR(table.log, error, "create db failed: %s", or_null_text(statement.get()));
@@ -157,37 +185,70 @@ std::string bounded(const char (&text)[Size]) {
   return {text, strnlen(text, Size - 1)};
 }
 
-// The text that a delete or clean appends to, as the table's kind says.
-void restore_delete_text(Table& table) {
-  if (table.traits.delete_text == DeleteText::restored) {
-    table.__db_delete_str.assign(head("DELETE FROM ", table, ""));
+// What an insert's placeholders take, in the order of the columns.
+std::vector<zorv::FieldValue> insert_values(const zorv::TableSchema& schema, const void* record) {
+  std::vector<zorv::FieldValue> values;
+  for (const zorv::Field& field : schema.fields) {
+    if (&field == schema.kept) {
+      values.insert(values.end(), 2, zorv::get(*schema.unique, record));
+    }
+    if (&field != schema.fields.data()) {
+      values.push_back(zorv::get(field, record));
+    }
+  }
+  return values;
+}
+
+void append_value(sqlite3_str* statement, const zorv::FieldValue& value) {
+  if (const auto* text = std::get_if<std::string_view>(&value)) {
+    sqlite3_str_appendf(statement, "%.*q", static_cast<int>(text->size()), text->data());
+  } else if (const auto* number = std::get_if<record_int64>(&value)) {
+    sqlite3_str_appendf(statement, "%lld", *number);
+  } else {
+    sqlite3_str_appendf(statement, "%llu", std::get<record_uint64>(value));
   }
 }
 
-// An accumulated text holds one placeholder for each earlier delete; the first takes `id`, the
-// others 0, which no row bears.
-constexpr size_t kMostPlaceholders = kTextBufferSize / 16;
-
-template <size_t... Index>
-SqlText format_delete_text(const Table& table, record_uint64 id,
-                           std::index_sequence<Index...> /*unused*/) {
-  return SqlText(sqlite3_mprintf(table.__db_delete_str.c_str(), id,
-                                 (static_cast<void>(Index), record_uint64{0})...));
+int run_for_integer(Table& table, SqlText statement, record_int64& ret_value) {
+  IntegerTarget target{table, ret_value};
+  return run(table, std::move(statement), common_callback, &target);
 }
 
-void run_delete_text(Table& table, record_uint64 id) {
-  run(table, format_delete_text(table, id, std::make_index_sequence<kMostPlaceholders>()));
+// Puts `ending` behind the delete text, the stored or a restored one, and runs all of it.
+void run_delete_text(Table& table, const char* ending, std::span<const zorv::FieldValue> values) {
+  if (table.schema.delete_text == zorv::DeleteText::restored) {
+    table.__db_delete_str.assign(head("DELETE FROM ", table, ""));
+  }
+  table.__db_delete_str.append(ending);
+  run(table, fill(table.__db_delete_str.c_str(), values));
 }
 
 }  // namespace
 
-int create(Table& table, std::span<const ColumnText> columns) {
-  begin_operation(table);
+Operation::Operation(std::chrono::milliseconds patience) {
+  if (operations++ == 0) {
+    patience_ends = std::chrono::steady_clock::now() + patience;
+  }
+}
+
+Operation::~Operation() {
+  --operations;
+}
+
+Table& table_of(const zorv::TableSchema& schema) {
+  static std::map<const zorv::TableSchema*, Table> tables;
+  return tables.try_emplace(&schema, schema).first->second;
+}
+
+int create(Table& table) {
+  const Operation operation;
   if (table.__db_create_str.empty()) {
     start_texts(table);
   }
-  for (const ColumnText& column : columns) {
-    add_column(table, column);
+  for (const zorv::Field& field : table.schema.fields) {
+    if (&field != table.schema.fields.data()) {
+      add_column(table, field);
+    }
   }
   finish_texts(table);
 
@@ -195,16 +256,19 @@ int create(Table& table, std::span<const ColumnText> columns) {
     ZORV_LOG_FOR(table.log, error, "rc NULL");
     return -1;
   }
+  // Nobody looks at what they give, so they wait for nobody.
+  sqlite3_busy_handler(table.__db__.get(), nullptr, nullptr);
   for (const char* pragma : kPragmas) {
     execute_ignoring_result(table, pragma);
   }
+  sqlite3_busy_handler(table.__db__.get(), wait_for_lock, nullptr);
   if (sqlite3_exec(table.__db__.get(), table.__db_create_str.c_str(), nullptr, nullptr, nullptr) !=
       SQLITE_OK) {
     ZORV_LOG_FOR(table.log, error, "create db failed: %s", table.__db_create_str.c_str());
     close_connection(table);
     return -1;
   }
-  if (table.traits.unique_column != nullptr) {
+  if (table.schema.unique != nullptr) {
     make_unique_index(table);
   }
   return 0;
@@ -222,10 +286,10 @@ int run(Table& table, SqlText statement, sqlite3_callback callback, void* user,
     const SqlText error(raw_error);
     if (result != SQLITE_OK) {
       const char* text = error != nullptr ? error.get() : sqlite3_errstr(result);
-      ZORV_LOG_FOR(table.log, error, "sql = %s, err = %s", or_null_text(statement.get()), text);
       if (ret_error != nullptr) {
         *ret_error = text;
       }
+      ZORV_LOG_FOR(table.log, error, "sql = %s, err = %s", or_null_text(statement.get()), text);
       close_connection(table);
     }
   }
@@ -235,16 +299,28 @@ int run(Table& table, SqlText statement, sqlite3_callback callback, void* user,
   return result;
 }
 
-int run_for_integer(Table& table, SqlText statement, record_int64& ret_value) {
-  IntegerTarget target{table, ret_value};
-  return run(table, std::move(statement), common_callback, &target);
+SqlText fill(const char* format, std::span<const zorv::FieldValue> values) {
+  sqlite3_str* const statement = sqlite3_str_new(nullptr);
+  auto value = values.begin();
+  while (const char* placeholder = std::strchr(format, '%')) {
+    sqlite3_str_append(statement, format, static_cast<int>(placeholder - format));
+    const char* const letter = std::strpbrk(placeholder, "qdu");
+    if (letter == nullptr) {
+      format = "";  // cut off by the end of the buffer
+      break;
+    }
+    append_value(statement, value != values.end() ? *value++ : record_int64{0});
+    format = letter + 1;
+  }
+  sqlite3_str_appendall(statement, format);
+  return SqlText(sqlite3_str_finish(statement));
 }
 
-void insert_row(Table& table, SqlText statement) {
-  begin_operation(table);
+int insert_row(Table& table, std::span<const zorv::FieldValue> values) {
+  const Operation operation;
   const char* name = table.__db_table_name_str.c_str();
   run(table, SqlText(sqlite3_mprintf("BEGIN TRANSACTION;")));
-  run(table, std::move(statement));
+  run(table, fill(table.__db_insert_str.c_str(), values));
   record_int64 rows = 0;
   run_for_integer(table, SqlText(sqlite3_mprintf("SELECT Count(*) FROM %s;", name)), rows);
   ZORV_LOG_FOR(table.log, debug, "GET_TOTAL = %lld", rows);
@@ -255,6 +331,16 @@ void insert_row(Table& table, SqlText statement) {
                                        name, name, kRecycleAmount)));
   }
   run(table, SqlText(sqlite3_mprintf("END TRANSACTION;")));
+  return 0;
+}
+
+int insert_record(Table& table, void* record) {
+  for (const zorv::Field& field : table.schema.fields) {
+    if (field.is_text()) {
+      static_cast<char*>(field.member(record))[field.size - 1] = '\0';
+    }
+  }
+  return insert_row(table, insert_values(table.schema, record));
 }
 
 const char* direction(record_int64 order_style) {
@@ -263,7 +349,7 @@ const char* direction(record_int64 order_style) {
 
 int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callback, void* user,
                 record_uint64& ret_total) {
-  begin_operation(table);
+  const Operation operation;
   const bool known_column = cond.order_by >= 0 && cond.order_by < table.__db_field_index__;
   const char* order_name =
       known_column ? table.__db_fields[static_cast<size_t>(cond.order_by)].c_str() : "";
@@ -304,10 +390,10 @@ int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callba
   ZORV_LOG_FOR(table.log, info, "select query = %s", or_null_text(query.get()));
   ZORV_LOG_FOR(table.log, info, "SELECT_STMT");
   if (filtered && !is_plain_word(field)) {
-    // Not a column of any table. It never reaches SQLite, so it cannot be more than a failed
-    // filter, and it costs no temporary table its connection.
+    // No column of any table: a statement that fails like any other, without reaching SQLite.
     ZORV_LOG_FOR(table.log, error, "sql = %s, err = %s", or_null_text(query.get()),
                  "field is not a column name");
+    close_connection(table);
     ZORV_LOG_FOR(table.log, error, "RET = %d", SQLITE_ERROR);
   } else {
     run(table, std::move(query), callback, user);
@@ -324,21 +410,17 @@ int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callba
   return 0;
 }
 
-int delete_row(Table& table, record_uint64 id) {
-  begin_operation(table);
-  restore_delete_text(table);
-  table.__db_delete_str.append(" WHERE id = %llu;");
-  run_delete_text(table, id);
+int delete_row(Table& table, record_int64 id) {
+  const Operation operation;
+  const zorv::FieldValue value = static_cast<record_uint64>(id);
+  run_delete_text(table, " WHERE id = %llu;", {&value, 1});
   return 0;
 }
 
 int clean(Table& table) {
-  begin_operation(table);
-  restore_delete_text(table);
-  if (table.traits.delete_text == DeleteText::accumulates) {
-    table.__db_delete_str.append(";");
-  }
-  run_delete_text(table, 0);
+  const Operation operation;
+  const bool accumulates = table.schema.delete_text == zorv::DeleteText::accumulates;
+  run_delete_text(table, accumulates ? ";" : "", {});
   return 0;
 }
 

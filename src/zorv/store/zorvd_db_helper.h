@@ -1,7 +1,7 @@
 // The store engine: what every table of the record store does the same way.
 //
-// All tables live in one SQLite file. Each table module holds one Table, with its own connection,
-// and declares its columns (zorvd_db_column.h); everything else is here. The life of a table:
+// All tables live in one SQLite file. Each is a Table with a connection of its own, made from its
+// declaration (zorv_schema.h); the engine is ordinary code over that. The life of a table:
 //
 //   uncreated -> create -> open, closed by any statement that fails, reopened by the next one ->
 //   finish
@@ -25,8 +25,7 @@
 #include <string_view>
 
 #include "logger.h"
-#include "zorv_records.h"
-#include "zorvd_db_column.h"
+#include "zorv_schema.h"
 
 namespace store {
 
@@ -37,9 +36,20 @@ inline constexpr record_int64 kRecycleAmount = 2000;       // oldest rows droppe
 inline constexpr size_t kTextBufferSize = 4096;            // of every statement text
 inline constexpr size_t kFieldNameSize = 40;
 inline constexpr size_t kMostFields = 128;
-// How long one operation, all its statements together, waits for another process that holds the
-// file. A request makes two operations at most, and its caller waits 5 s.
-inline constexpr std::chrono::milliseconds kLockPatience{2000};
+
+// How long an operation waits, all its statements together, for another process that holds the
+// file. An operation within another one has the outer one's time: a request waits once, however
+// many operations it makes.
+class Operation {
+ public:
+  // The caller of a request waits 5 s.
+  static constexpr std::chrono::milliseconds kPatience{2000};
+
+  explicit Operation(std::chrono::milliseconds patience = kPatience);
+  ~Operation();
+  Operation(const Operation&) = delete;
+  Operation& operator=(const Operation&) = delete;
+};
 
 // A text that never holds more than Size - 1 characters; what does not fit is cut off.
 template <size_t Size>
@@ -65,25 +75,12 @@ struct FreeSqlText {
 };
 using SqlText = std::unique_ptr<char, FreeSqlText>;
 
-enum class Storage { persistent, temporary };
-
-// What a delete or a clean builds on. An accumulating text is never restored: each delete and clean
-// appends to what the ones before left, so the first runs as meant and later ones run the whole
-// text.
-enum class DeleteText { accumulates, restored };
-
-struct TableTraits {
-  const char* name;
-  Storage storage;
-  DeleteText delete_text;
-  const char* unique_column = nullptr;  // gets a unique index, made once a connection
-};
-
 struct Table {
-  Table(LogModule& module, const TableTraits& table_traits) : log(module), traits(table_traits) {}
+  explicit Table(const zorv::TableSchema& table_schema)
+      : schema(table_schema), log{table_schema.module} {}
 
-  LogModule& log;  // lines of the engine carry the table module's name
-  const TableTraits& traits;
+  const zorv::TableSchema& schema;
+  LogModule log;  // lines of the engine carry the table module's name
 
   Database __db__;
   BoundedText<kTextBufferSize> __db_file;  // plain path; empty until created
@@ -98,30 +95,37 @@ struct Table {
   std::array<BoundedText<kFieldNameSize>, kMostFields> __db_fields;
   int __db_field_index__ = 0;  // columns registered, "id" included
   int __is_first_field = 1;
-
-  std::chrono::steady_clock::time_point patience_ends;  // of the operation in progress
 };
+
+// The one table of that declaration.
+Table& table_of(const zorv::TableSchema& schema);
 
 // Assembles the texts, opens the file, sets the pragmas and makes the table. 0, or -1 with the
 // connection closed. Called once a process: a second call would register the columns again.
-int create(Table& table, std::span<const ColumnText> columns);
+int create(Table& table);
+
+// A statement: each placeholder of `format`, in SQLite's printf language, takes the next value.
+// Where there are fewer values than placeholders the missing ones are 0, an id that no row bears.
+// Null without memory.
+SqlText fill(const char* format, std::span<const zorv::FieldValue> values);
 
 // Runs one statement, opening the connection if needed. 0 or SQLite's result, which has been
 // logged; *ret_error, when asked for, gets SQLite's text of a failure.
 int run(Table& table, SqlText statement, sqlite3_callback callback = nullptr, void* user = nullptr,
         std::string* ret_error = nullptr);
 
-// Runs a statement that yields one integer, read as a 32-bit one. Untouched when there is none.
-int run_for_integer(Table& table, SqlText statement, record_int64& ret_value);
-
-// Runs an insert statement in its transaction, then drops the oldest rows of a table that is full.
-void insert_row(Table& table, SqlText statement);
+// Inserts a row in a transaction, then drops the oldest rows of a table that is full. The values
+// fill the table's insert text. Always 0.
+int insert_row(Table& table, std::span<const zorv::FieldValue> values);
+// The same for a record of the table, whose texts are ended where they lack a terminator.
+int insert_record(Table& table, void* record);
 
 // A page: hands each row to `callback`. 0, or -1 for a column index that is out of range.
 int select_page(Table& table, const db_query_cond& cond, sqlite3_callback callback, void* user,
                 record_uint64& ret_total);
 
-int delete_row(Table& table, record_uint64 id);
+// Each always 0.
+int delete_row(Table& table, record_int64 id);
 int clean(Table& table);
 int optimize(Table& table);
 int finish(Table& table);
@@ -132,15 +136,6 @@ const char* direction(record_int64 order_style);
 // The rows of a page at most: a condition's count, where -1 and too many mean kMostRows.
 constexpr record_int64 capped(record_int64 count) {
   return count == -1 || count > kMostRows ? kMostRows : count;
-}
-
-template <class Record, class AllColumns>
-SqlText insert_statement(const Table& table, const AllColumns& columns, const Record& record) {
-  return std::apply(
-      [&table](auto... values) {
-        return SqlText(sqlite3_mprintf(table.__db_insert_str.c_str(), values...));
-      },
-      insert_arguments(columns, record));
 }
 
 }  // namespace store

@@ -4,121 +4,66 @@
 // finds no space is dropped together with all that follow, and the query as a whole fails.
 #pragma once
 
-#include <cstdlib>
-#include <cstring>
-#include <utility>
-
 #include "zorvd_db_helper.h"
-#include "zorvd_db_row_space.h"
 
 namespace store {
+
+// Where the records of a page go.
+class RowSpace {
+ public:
+  // The next `size` bytes, zeroed and valid until the next call; null when there are none. Called
+  // from within SQLite, so it must not throw.
+  virtual void* next(size_t size) = 0;
+
+ protected:
+  ~RowSpace() = default;
+};
+
+struct RowCounts {
+  record_uint64 count = 0;  // records of this page
+  record_uint64 total = 0;  // rows in the table, at most kMostRows
+};
+
+// Fills a zeroed record from a row's texts, which stand in the order of the columns. A table that
+// some other program changed may give fewer texts than declared: the missing ones read as NULL.
+void read_row(const zorv::TableSchema& schema, int text_count, char** texts, void* ret_record);
+
+// Puts a page's records into `space`. 0, or -1 with ret_counts untouched for a bad column index or
+// when `space` did not hold the rows.
+int select_rows(Table& table, const db_query_cond& cond, RowSpace& space, RowCounts& ret_counts);
 
 // Records as one array from the C heap, which grows geometrically.
 class RowArray final : public RowSpace {
  public:
   RowArray() = default;
-  ~RowArray() { std::free(bytes_); }
+  ~RowArray();
   RowArray(const RowArray&) = delete;
   RowArray& operator=(const RowArray&) = delete;
 
-  void* next(size_t size) override {
-    if (capacity_ - used_ < size && !grow(size)) {
-      return nullptr;
-    }
-    char* space = bytes_ + used_;
-    used_ += size;
-    return std::memset(space, 0, size);
-  }
-
+  void* next(size_t size) override;
+  const void* first() const { return bytes_; }
   // The array, which is the caller's to free; null without records.
-  void* release() { return std::exchange(bytes_, nullptr); }
+  void* release();
 
  private:
-  static constexpr size_t kFirstRecords = 16;
-
-  bool grow(size_t size) {
-    if (size > SIZE_MAX / kFirstRecords || capacity_ > SIZE_MAX / 2) {
-      return false;
-    }
-    const size_t wanted = capacity_ == 0 ? size * kFirstRecords : capacity_ * 2;
-    void* grown = std::realloc(bytes_, wanted);
-    if (grown == nullptr) {
-      return false;
-    }
-    bytes_ = static_cast<char*>(grown);
-    capacity_ = wanted;
-    return true;
-  }
+  bool grow(size_t size);
 
   char* bytes_ = nullptr;
   size_t used_ = 0;
   size_t capacity_ = 0;
 };
 
-template <class Record, class AllColumns>
-class RowReader {
- public:
-  RowReader(Table& table, const AllColumns& columns, RowSpace& space)
-      : table_(table), columns_(columns), space_(space) {}
-
-  // The signature of SQLite's row callback; `user` is the RowReader. Always 0: a row that cannot be
-  // kept must not abort the statement, which would close the connection.
-  static int select_callback(void* user, int text_count, char** texts, char** /*names*/) {
-    static_cast<RowReader*>(user)->append(text_count, texts);
-    return 0;
-  }
-
-  record_uint64 count() const { return count_; }
-  bool incomplete() const { return incomplete_; }
-
- private:
-  void append(int text_count, char** texts) {
-    if (incomplete_) {
-      return;
-    }
-    auto* record = static_cast<Record*>(space_.next(sizeof(Record)));
-    if (record == nullptr) {
-      ZORV_LOG_FOR(table_.log, debug, "realloc fail");
-      incomplete_ = true;
-      return;
-    }
-    read_row(columns_, text_count, texts, *record);
-    ++count_;
-  }
-
-  Table& table_;
-  const AllColumns& columns_;
-  RowSpace& space_;
-  record_uint64 count_ = 0;
-  bool incomplete_ = false;
-};
-
-// The paged select of a table whose records are `Query`'s, into `space`; the head gets its numbers.
-// 0, or -1 with an untouched head for a bad column index or when `space` did not hold the rows.
-template <class Query, class AllColumns>
-int select_records(Table& table, const AllColumns& columns, const db_query_cond& cond,
-                   RowSpace& space, Query& ret_head) {
-  using Reader = RowReader<typename Query::record_type, AllColumns>;
-  Reader rows(table, columns, space);
-  record_uint64 total = 0;
-  if (select_page(table, cond, &Reader::select_callback, &rows, total) != 0 || rows.incomplete()) {
-    return -1;
-  }
-  ret_head.count = rows.count();
-  ret_head.total = total;
-  return 0;
-}
-
-// The same with the records as an array of its own: the caller provides the zeroed **out and
-// releases its `data` with free.
-template <class Query, class AllColumns>
-int select_records(Table& table, const AllColumns& columns, const db_query_cond& cond,
-                   Query** out) {
+// The same as an array: the caller provides the zeroed **out and releases its `data` with free.
+template <class Query>
+int select_query(Table& table, const db_query_cond& cond, Query** out) {
   RowArray rows;
-  if (select_records(table, columns, cond, rows, **out) != 0) {
+  RowCounts counts;
+  if (select_rows(table, cond, rows, counts) != 0) {
     return -1;
   }
-  (*out)->data = static_cast<typename Query::record_type*>(rows.release());
+  (*out)->count = counts.count;
+  (*out)->total = counts.total;
+  (*out)->data = static_cast<decltype((*out)->data)>(rows.release());
   return 0;
 }
 

@@ -1,56 +1,26 @@
-#include "zorvd_db_device_info_handler.h"
-
-#include "zorvd_db_rows.h"
+#include "zorvd_tables.h"
 
 namespace store {
 namespace {
 
-LogModule log_module{"zorvd_db_device_info_handler"};
-
-using Record = db_device_info_data;
-
-constexpr const char* kKeptUuid =
-    "CASE WHEN EXISTS (SELECT * FROM device_info)"
-    " AND (SELECT dev_uuid FROM device_info WHERE mac = '%q') IS NOT NULL"
-    " THEN (SELECT dev_uuid FROM device_info WHERE mac = '%q')"
-    " ELSE '%q' END";
-
-constexpr std::tuple columns{
-    column("ip", "TEXT", "'%q'", &Record::ip),
-    column("mac", "TEXT", "'%q'", &Record::mac),
-    column("hoxsid", "TEXT", "'%q'", &Record::hoxsid),
-    column("user_id", "TEXT", "'%q'", &Record::user_id),
-    column("dev_name", "TEXT", "'%q'", &Record::dev_name),
-    kept_column("dev_uuid", kKeptUuid, &Record::mac, &Record::dev_uuid),
-    column("nic", "TEXT", "'%q'", &Record::nic),
-    column("time", "INTEGER", "%llu", &Record::time),
-};
-
-constexpr TableTraits traits{"device_info", Storage::temporary, DeleteText::restored, "mac"};
-Table table(log_module, traits);
+Table& table = table_of(zorv::kDeviceInfo);
 
 }  // namespace
 
 int create_device_info_db() {
-  return create(table, column_texts(columns));
+  return create(table);
 }
 
-int insert_device_info(Record* record) {
-  bound_texts(columns, *record);
-  insert_row(table, insert_statement(table, columns, *record));
-  return 0;
+int insert_device_info(db_device_info_data* record) {
+  return insert_record(table, record);
 }
 
 int select_device_info(const db_query_cond* cond, db_device_info_query** out) {
-  return select_records(table, columns, *cond, out);
-}
-
-int select_device_info(const db_query_cond* cond, RowSpace& space, db_device_info_query& ret_head) {
-  return select_records(table, columns, *cond, space, ret_head);
+  return select_query(table, *cond, out);
 }
 
 int delete_device_info(const db_delete_cond* cond) {
-  return delete_row(table, static_cast<record_uint64>(cond->id));
+  return delete_row(table, cond->id);
 }
 
 int clean_device_info() {

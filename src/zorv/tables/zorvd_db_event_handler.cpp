@@ -1,18 +1,12 @@
-#include "zorvd_db_event_handler.h"
-
 #include <utility>
 
-#include "zorvd_db_rows.h"
+#include "zorvd_tables.h"
 
 namespace store {
 namespace {
 
-LogModule log_module{"zorvd_db_event_handler"};
-
-constexpr std::tuple<> columns;
-
-constexpr TableTraits traits{"event_log", Storage::persistent, DeleteText::accumulates};
-Table table(log_module, traits);
+Table& table = table_of(zorv::kEventLog);
+LogModule& log_module = table.log;
 
 struct Events {
   RowSpace& space;
@@ -33,24 +27,25 @@ int select_callback(void* user, int /*text_count*/, char** /*texts*/, char** /*n
 }  // namespace
 
 int create_event_db() {
-  return create(table, column_texts(columns));
+  return create(table);
 }
 
 int insert_event_data(db_event_data* /*record*/) {
   return 0;
 }
 
-int select_event_data(const db_query_cond* cond, RowSpace& space, db_event_query& ret_head) {
+int select_event_data(const db_query_cond& cond, RowSpace& space, RowCounts& ret_counts) {
+  const Operation operation;
   const bool created = table.__db_field_index__ > 0;
-  const bool known_column = cond->order_by >= 0 && cond->order_by < table.__db_field_index__;
+  const bool known_column = cond.order_by >= 0 && cond.order_by < table.__db_field_index__;
   if (created && !known_column) {
     return -1;
   }
   const char* order_name =
-      known_column ? table.__db_fields[static_cast<size_t>(cond->order_by)].c_str() : "id";
+      known_column ? table.__db_fields[static_cast<size_t>(cond.order_by)].c_str() : "id";
   SqlText query(sqlite3_mprintf("SELECT * FROM event_log ORDER BY %s %s LIMIT %lld OFFSET %lld;",
-                                order_name, direction(cond->order_style), capped(cond->count),
-                                cond->start));
+                                order_name, direction(cond.order_style), capped(cond.count),
+                                cond.start));
   const std::string text = query != nullptr ? query.get() : "";
   std::string failure;
   Events events{space};
@@ -59,20 +54,22 @@ int select_event_data(const db_query_cond* cond, RowSpace& space, db_event_query
     ZORV_LOG(error, "Error in select statement %s [%s].", text.c_str(), failure.c_str());
   }
   ZORV_LOG(debug, "\n %llu records returned.", events.count);
-  ret_head.count = events.count;
-  ret_head.total = events.count;
+  ret_counts = {events.count, events.count};
   return 0;
 }
 
 int select_event_data(const db_query_cond* cond, db_event_query** out) {
   RowArray events;
-  const int result = select_event_data(cond, events, **out);
-  (*out)->data = static_cast<db_event_data*>(events.release());
-  return result;
+  RowCounts counts;
+  if (select_event_data(*cond, events, counts) != 0) {
+    return -1;
+  }
+  **out = {counts.count, counts.total, static_cast<db_event_data*>(events.release())};
+  return 0;
 }
 
 int delete_event_data(int id) {
-  return delete_row(table, static_cast<record_uint64>(id));
+  return delete_row(table, id);
 }
 
 int finish_event_db() {

@@ -1,48 +1,26 @@
-#include "zorvd_db_list_handler.h"
-
-#include "zorvd_db_rows.h"
+#include "zorvd_tables.h"
 
 namespace store {
 namespace {
 
-LogModule log_module{"zorvd_db_list_handler"};
-
-using Record = db_server_list_data;
-
-constexpr std::tuple columns{
-    column("uuid", "TEXT", "'%q'", &Record::uuid),
-    column("username", "TEXT", "'%q'", &Record::username),
-    column("sid", "TEXT", "'%q'", &Record::sid),
-    column("device_name", "TEXT", "'%q'", &Record::device_name),
-    column("expire_time", "INTEGER", "%llu", &Record::expire_time),
-    column("time", "INTEGER", "%llu", &Record::time),
-};
-
-constexpr TableTraits traits{"server_list", Storage::temporary, DeleteText::accumulates};
-Table table(log_module, traits);
+Table& table = table_of(zorv::kServerList);
 
 }  // namespace
 
 int create_server_list_db() {
-  return create(table, column_texts(columns));
+  return create(table);
 }
 
-int insert_server_list(Record* record) {
-  bound_texts(columns, *record);
-  insert_row(table, insert_statement(table, columns, *record));
-  return 0;
+int insert_server_list(db_server_list_data* record) {
+  return insert_record(table, record);
 }
 
 int select_server_list(const db_query_cond* cond, db_server_list_query** out) {
-  return select_records(table, columns, *cond, out);
-}
-
-int select_server_list(const db_query_cond* cond, RowSpace& space, db_server_list_query& ret_head) {
-  return select_records(table, columns, *cond, space, ret_head);
+  return select_query(table, *cond, out);
 }
 
 int delete_server_list(const db_delete_cond* cond) {
-  return delete_row(table, static_cast<record_uint64>(cond->id));
+  return delete_row(table, cond->id);
 }
 
 int clean_server_list() {

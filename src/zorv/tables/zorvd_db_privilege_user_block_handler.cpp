@@ -1,28 +1,18 @@
-#include "zorvd_db_privilege_user_block_handler.h"
-
 #include <ctime>
 #include <memory>
 #include <optional>
 
 #include "login_policy.h"
 #include "nc_msg_db.h"
-#include "zorvd_db_rows.h"
+#include "zorvd_tables.h"
 
 namespace store {
 namespace {
 
-LogModule log_module{"zorvd_db_privilege_user_block_handler"};
-
 using Record = db_privilege_user_block_data;
 
-constexpr std::tuple columns{
-    column("username", "TEXT", "'%q'", &Record::username),
-    column("limit_count", "INTEGER", "%d", &Record::limit, Conversion::long_long),
-    column("timestamp", "INTEGER", "%llu", &Record::timestamp),
-};
-
-constexpr TableTraits traits{"privilege_user_block", Storage::persistent, DeleteText::restored};
-Table table(log_module, traits);
+Table& table = table_of(zorv::kUserBlock);
+LogModule& log_module = table.log;
 
 using zorv::LoginPolicy;
 
@@ -50,71 +40,55 @@ std::optional<LoginPolicy> policy_that_is_on() {
   return policy;
 }
 
-// Visits every row of the table, in the select's order, one record at a time.
-template <class Visit>
-void for_each_row(Visit visit) {
-  db_query_cond cond{};
-  cond.count = -1;
-  record_uint64 total = 0;
-  const sqlite3_callback callback = [](void* user, int text_count, char** texts, char**) {
-    Record record{};
-    read_row(columns, text_count, texts, record);
-    (*static_cast<Visit*>(user))(record);
-    return 0;
-  };
-  select_page(table, cond, callback, &visit, total);
-}
-
-std::optional<Record> find_user(const std::string& username) {
+struct Search {
+  std::string_view username;
   std::optional<Record> found;
-  for_each_row([&](const Record& record) {
-    if (!found && username == record.username) {
-      found = record;
-    }
-  });
-  return found;
-}
+};
 
-void delete_by_id(const Record& record) {
-  delete_row(table, static_cast<record_uint64>(record.id));
-}
-
-// The update text is formatted twice, the second time for the id; a '%' of the name is doubled so
-// that it comes out of the second pass as itself.
-std::string doubled_percent(const std::string& text) {
-  std::string doubled;
-  for (const char c : text) {
-    doubled += c;
-    if (c == '%') {
-      doubled += c;
+int search_callback(void* user, int text_count, char** texts, char** /*names*/) {
+  auto& search = *static_cast<Search*>(user);
+  if (!search.found) {
+    Record record{};
+    read_row(table.schema, text_count, texts, &record);
+    if (search.username == record.username) {
+      search.found = record;
     }
   }
-  return doubled;
+  return 0;
 }
 
-void update_count(const Record& row, const std::string& username, int count) {
-  const SqlText format(sqlite3_mprintf(table.__db_update_str.c_str(),
-                                       doubled_percent(username).c_str(), count, now()));
-  const std::string with_id =
-      std::string(format != nullptr ? format.get() : "") + " WHERE id = %llu;";
-  run(table, SqlText(sqlite3_mprintf(with_id.c_str(), static_cast<record_uint64>(row.id))));
+// The user's first row, in the select's order.
+std::optional<Record> find_user(const std::string& username) {
+  db_query_cond every_row{};
+  every_row.count = -1;
+  Search search{username, std::nullopt};
+  record_uint64 total = 0;
+  select_page(table, every_row, search_callback, &search, total);
+  return search.found;
+}
+
+void update_count(const Record& row, const std::string& username, record_int64 count) {
+  const std::string update = std::string(table.__db_update_str.c_str()) + " WHERE id = %llu;";
+  const zorv::FieldValue values[] = {username, count, now(), static_cast<record_uint64>(row.id)};
+  run(table, fill(update.c_str(), values));
 }
 
 }  // namespace
 
 int create_privilege_user_block_db() {
-  return create(table, column_texts(columns));
+  return create(table);
 }
 
 int insert_privilege_user_block(const char* username) {
+  const Operation request;
   const std::string name = or_empty(username);
   int count = 1;
   if (const std::optional<Record> row = find_user(name)) {
     count = static_cast<int>(static_cast<unsigned>(row->limit) + 1U);
     update_count(*row, name, count);
   } else {
-    insert_row(table,
-               SqlText(sqlite3_mprintf(table.__db_insert_str.c_str(), name.c_str(), count, now())));
+    const zorv::FieldValue values[] = {name, record_int64{count}, now()};
+    insert_row(table, values);
   }
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == count) {
@@ -134,6 +108,7 @@ int check_privilege_user_block(const char* username) {
     clean_privilege_user_block();
     return 0;
   }
+  const Operation request;
   const std::string name = or_empty(username);
   const std::optional<Record> row = find_user(name);
   if (!row || policy.limit > row->limit) {
@@ -144,18 +119,19 @@ int check_privilege_user_block(const char* username) {
   if (elapsed < static_cast<double>(zorv::block_seconds(policy.minutes))) {
     return 1;
   }
-  delete_by_id(*row);
+  delete_row(table, row->id);
   notify(zorv::NcMsg::C001_0021, name);
   return 0;
 }
 
 int delete_privilege_user_block(const char* username) {
+  const Operation request;
   const std::string name = or_empty(username);
   const std::optional<Record> row = find_user(name);
   if (!row || row->id == 0) {
     return 0;
   }
-  delete_by_id(*row);
+  delete_row(table, row->id);
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == row->limit) {
     notify(zorv::NcMsg::C001_0021, name);
@@ -164,7 +140,9 @@ int delete_privilege_user_block(const char* username) {
 }
 
 int clean_privilege_user_block() {
-  if (const std::optional<LoginPolicy> policy = policy_that_is_on()) {
+  const std::optional<LoginPolicy> policy = policy_that_is_on();
+  const Operation request;
+  if (policy) {
     // Collected first: nothing that can throw runs inside SQLite's callback.
     db_privilege_user_block_query rows{};
     db_privilege_user_block_query* out = &rows;
@@ -182,12 +160,7 @@ int clean_privilege_user_block() {
 }
 
 int select_privilege_user_block(const db_query_cond* cond, db_privilege_user_block_query** out) {
-  return select_records(table, columns, *cond, out);
-}
-
-int select_privilege_user_block(const db_query_cond* cond, RowSpace& space,
-                                db_privilege_user_block_query& ret_head) {
-  return select_records(table, columns, *cond, space, ret_head);
+  return select_query(table, *cond, out);
 }
 
 int optimize_privilege_user_block_db() {
