@@ -39,17 +39,25 @@ install(FILES ${package}/completion/zorvctl.bash
 install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT zorvd)
 
-# The libraries' folder is their own: some of their names are short.
+# For programs that call the daemon, and for the service's other tools, which share its options.
 set(client_libraries ${CMAKE_INSTALL_LIBDIR}/zorv)
 if(ZORV_PLATFORM STREQUAL "bundled")
-  install(TARGETS zorv_client zorv_log zorv_kxbus zorv_os
+  install(TARGETS zorv_client zorv_records zorv_log zorv_kxbus zorv_os
+                  zorv_options zorv_json zorv_notify zorv_nas
           ARCHIVE DESTINATION ${client_libraries} COMPONENT zorv-dev)
-  install(FILES src/zorv/client/zorv_api_db.h src/zorv/client/zorv_api_mobile.h
-                src/zorv/records/zorv_records.h src/zorv/records/zorv_connection_codes.h src/kxbus/kxbus.h
+  set(client_headers kxbus/kxbus.h zorv/client/zorv_api_db.h zorv/client/zorv_api_mobile.h
+      zorv/records/zorv_records.h zorv/records/zorv_connection_codes.h)
+  set(options_headers zorv/options/global_options.h zorv/options/error_code.h zorv/json/json.h
+      zorv/notify/nc_msg_db.h)
+  list(TRANSFORM client_headers PREPEND src/)
+  list(TRANSFORM options_headers PREPEND src/)
+  install(FILES ${client_headers} ${options_headers}
           DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zorv COMPONENT zorv-dev)
-  configure_file(${package}/zorv-client.pc.in ${CMAKE_BINARY_DIR}/zorv-client.pc @ONLY)
-  install(FILES ${CMAKE_BINARY_DIR}/zorv-client.pc
-          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT zorv-dev)
+  foreach(module zorv-client zorv-options)
+    configure_file(${package}/${module}.pc.in ${CMAKE_BINARY_DIR}/${module}.pc @ONLY)
+    install(FILES ${CMAKE_BINARY_DIR}/${module}.pc
+            DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT zorv-dev)
+  endforeach()
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -74,7 +82,7 @@ set(CPACK_DEBIAN_ZORVD_DESCRIPTION "Record daemon of a NAS's VPN service
  stand-ins for the services of the NAS's platform.")
 # Written down rather than asked of the libraries, which a cross-build has no package database for.
 set(CPACK_DEBIAN_ZORVD_PACKAGE_DEPENDS
-    "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libsqlite3-0 (>= 3.7.15), \
+    "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libsqlite3-0 (>= 3.24.0), \
 libjansson4 (>= 2.14), libfmt9 (>= 9.1), init-system-helpers (>= 1.54~), \
 systemd-standalone-tmpfiles | systemd")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_RECOMMENDS "logrotate")
@@ -86,7 +94,8 @@ set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_NAME zorv-dev)
 set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_DEPENDS "libstdc++-12-dev")
+set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_DEPENDS "libstdc++-12-dev, libjansson-dev")
 set(CPACK_DEBIAN_ZORV-DEV_DESCRIPTION "Client interface of a NAS's VPN service's record daemon
- Headers and static libraries for programs that call zorvd.")
+ Headers and static libraries for programs that call zorvd, and for tools of
+ the service that read its options.")
 include(CPack)
