@@ -1,7 +1,6 @@
 #include "zorvd_value_format.h"
 
 #include <cstdio>
-#include <ctime>
 #include <iterator>
 
 #include "regional_format.h"
@@ -48,12 +47,5 @@ void secondsToStr(long long seconds, std::string& out) {
 }
 
 std::string timestamp(long long t) {
-  if (t == 0) {
-    return "";
-  }
-  char date[64] = {};
-  char time_of_day[64] = {};
-  nas::format_date(static_cast<time_t>(t), nas::current_date_format(), date, sizeof date);
-  nas::format_time(static_cast<time_t>(t), time_of_day, sizeof time_of_day);
-  return std::string(date) + " " + time_of_day;
+  return t == 0 ? "" : nas::date_and_time(static_cast<time_t>(t));
 }
