@@ -33,14 +33,14 @@ const char* const kValues[] = {"2026/11/21 10:00:00",
                                "Login OK"};
 
 void send_ours() {
-  zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C001_0017), kValues[0], kValues[1], kValues[2],
+  zorv::nclog::notify_send(zorv::nc_msg("C001", "0017"), kValues[0], kValues[1], kValues[2],
                            kValues[3], kValues[4], kValues[5], kValues[6], kValues[7], kValues[8],
                            nullptr);
 }
 
 void send_raw() {
   static const std::string tool = harness::test_root() + "/usr/local/sbin/notify";
-  const zorv::nc_msg_struct& message = *zorv::nc_msg(zorv::NcMsg::C001_0017);
+  const zorv::nc_msg_struct& message = *zorv::nc_msg("C001", "0017");
   const char* const arguments[] = {"/usr/local/sbin/notify",
                                    "send",
                                    "-A",

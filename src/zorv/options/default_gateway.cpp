@@ -78,10 +78,10 @@ void promote_backup(json_t* section, const Gateway& backup) {
   clear_failover(section);
 }
 
-void announce(NcMsg message, const json_t* gateway) {
+void announce(const nc_msg_struct* message, const json_t* gateway) {
   const std::string kind = type_to_string(static_cast<TYPE>(int_member(gateway, "type")));
   const std::string profile = get_profile_name(text_member(gateway, "sname"));
-  nclog::notify_send(nc_msg(message), kind.c_str(), profile.c_str(), nullptr);
+  nclog::notify_send(message, kind.c_str(), profile.c_str(), nullptr);
 }
 
 }  // namespace
@@ -234,13 +234,13 @@ void zorv_gw_nclog(json_t* patch) {
   if (int_member(section, "as_gw_en") == 0) {
     return;
   }
-  announce(NcMsg::C002_0011, json_object_get(section, "gw1"));
+  announce(nc_msg("C002", "0011"), json_object_get(section, "gw1"));
   if (int_member(section, "failover_en") == 0) {
     return;
   }
-  announce(NcMsg::C002_0012, json_object_get(section, "gw2"));
+  announce(nc_msg("C002", "0012"), json_object_get(section, "gw2"));
   const std::string delay = interval_to_string(int_member(section, "failover_interval"));
-  nclog::notify_send(nc_msg(NcMsg::C002_0013), delay.c_str(), nullptr);
+  nclog::notify_send(nc_msg("C002", "0013"), delay.c_str(), nullptr);
 }
 
 }  // namespace zorv

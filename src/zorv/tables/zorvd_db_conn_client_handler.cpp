@@ -26,7 +26,7 @@ void notify(const LogSite& site, const Record& record) {
     bytesToStr(record.rx_total, received);
   }
   const bool placed = record.action != zorv::kLoginOk;
-  zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C002_0018),
+  zorv::nclog::notify_send(zorv::nc_msg("C002", "0018"),
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, words->protocol, record.vpn_ip,
                            placed ? record.wan_ip : kBlank, placed ? record.country_code : kBlank,

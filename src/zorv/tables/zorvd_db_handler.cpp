@@ -26,7 +26,7 @@ void notify(const LogSite& site, const Record& record) {
     secondsToStr(static_cast<long long>(record.uptime), uptime);
   }
   const char* client_ip = record.action == zorv::kLoginFail ? kBlank : record.vpn_ip;
-  zorv::nclog::notify_send(zorv::nc_msg(zorv::NcMsg::C001_0017),
+  zorv::nclog::notify_send(zorv::nc_msg("C001", "0017"),
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, record.source_ip, client_ip, sent.c_str(),
                            received.c_str(), words->protocol, words->status, nullptr);

@@ -28,8 +28,8 @@ record_uint64 now() {
   return static_cast<record_uint64>(time(nullptr));
 }
 
-void notify(zorv::NcMsg message, const std::string& username) {
-  zorv::nclog::notify_send(zorv::nc_msg(message), username.c_str(), nullptr);
+void notify(const zorv::nc_msg_struct* message, const std::string& username) {
+  zorv::nclog::notify_send(message, username.c_str(), nullptr);
 }
 
 std::optional<LoginPolicy> policy_that_is_on() {
@@ -92,7 +92,7 @@ int insert_privilege_user_block(const char* username) {
   }
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == count) {
-    notify(zorv::NcMsg::C001_0020, name);
+    notify(zorv::nc_msg("C001", "0020"), name);
   }
   return 0;
 }
@@ -120,7 +120,7 @@ int check_privilege_user_block(const char* username) {
     return 1;
   }
   delete_row(table, row->id);
-  notify(zorv::NcMsg::C001_0021, name);
+  notify(zorv::nc_msg("C001", "0021"), name);
   return 0;
 }
 
@@ -134,7 +134,7 @@ int delete_privilege_user_block(const char* username) {
   delete_row(table, row->id);
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == row->limit) {
-    notify(zorv::NcMsg::C001_0021, name);
+    notify(zorv::nc_msg("C001", "0021"), name);
   }
   return 0;
 }
@@ -151,7 +151,7 @@ int clean_privilege_user_block() {
     const std::unique_ptr<Record, FreeRecords> owned(rows.data);
     for (record_uint64 i = 0; i < rows.count; ++i) {
       if (rows.data[i].limit == policy->limit) {
-        notify(zorv::NcMsg::C001_0021, rows.data[i].username);
+        notify(zorv::nc_msg("C001", "0021"), rows.data[i].username);
       }
     }
   }
