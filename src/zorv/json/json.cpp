@@ -1,6 +1,5 @@
 #include "json.h"
 
-#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -14,69 +13,26 @@ namespace {
 
 template <class T>
 void* store(T content) {
-  return std::make_unique<T>(std::move(content)).release();
+  return new T(std::move(content));
 }
 
 template <class T>
 void free_as(void* value) {
-  const std::unique_ptr<T> owned(static_cast<T*>(value));
+  delete static_cast<T*>(value);
 }
 
-// Where a container keeps its last child; null when it has none or is no container.
-JsonValue** last_child(const JsonValue& node) {
-  if (node.value == nullptr) {
-    return nullptr;
+void delete_children(Array& array) {
+  for (const JsonValue* const child : array) {
+    delete child;
   }
-  if (node.type == JsonValue::ARRAY_TYPE) {
-    auto& array = as<Array>(node.value);
-    return array.empty() ? nullptr : &array.back();
-  }
-  if (node.type == JsonValue::OBJECT_TYPE) {
-    auto& object = as<Object>(node.value);
-    return object.empty() ? nullptr : &std::prev(object.end())->second;
-  }
-  return nullptr;
+  array.clear();
 }
 
-void drop_last_child(const JsonValue& node) {
-  if (node.type == JsonValue::ARRAY_TYPE) {
-    as<Array>(node.value).pop_back();
-  } else {
-    auto& object = as<Object>(node.value);
-    object.erase(std::prev(object.end()));
+void delete_children(Object& object) {
+  for (const auto& [key, child] : object) {
+    delete child;
   }
-}
-
-// Ends a value that has no children left.
-void free_storage(JsonValue& node) {
-  void* const value = std::exchange(node.value, nullptr);
-  if (value == nullptr) {
-    return;
-  }
-  switch (std::exchange(node.type, JsonValue::NULL_TYPE)) {
-    case JsonValue::ARRAY_TYPE:
-      return free_as<Array>(value);
-    case JsonValue::OBJECT_TYPE:
-      return free_as<Object>(value);
-    case JsonValue::INT32_TYPE:
-      return free_as<int>(value);
-    case JsonValue::UINT32_TYPE:
-      return free_as<unsigned int>(value);
-    case JsonValue::INT64_TYPE:
-      return free_as<long long>(value);
-    case JsonValue::UINT64_TYPE:
-      return free_as<unsigned long long>(value);
-    case JsonValue::DOUBLE_TYPE:
-      return free_as<double>(value);
-    case JsonValue::STRING_TYPE:
-      return free_as<std::string>(value);
-    case JsonValue::JSON_T_TYPE:
-      return json_decref(static_cast<json_t*>(value));  // leaves static values alone
-    case JsonValue::BOOLEAN_TYPE:
-      return free_as<bool>(value);
-    case JsonValue::NULL_TYPE:
-      return;
-  }
+  object.clear();
 }
 
 std::string text_of(const char* text) {
@@ -95,33 +51,35 @@ JsonValue::JsonValue(long long number) : type(INT64_TYPE), value(store(number)) 
 JsonValue::JsonValue(unsigned long long number) : type(UINT64_TYPE), value(store(number)) {}
 JsonValue::JsonValue(json_t* json) : type(JSON_T_TYPE), value(json) {}
 
-// No stack and no memory is needed, however deep the tree: on the way down, the slot that named the
-// child remembers the parent.
 void JsonValue::destroy() {
   if (value == nullptr) {
     return;
   }
-  JsonValue* parent = nullptr;
-  JsonValue* node = this;
-  for (;;) {
-    JsonValue** const slot = last_child(*node);
-    if (slot != nullptr && *slot != nullptr) {
-      JsonValue* const child = std::exchange(*slot, parent);
-      parent = std::exchange(node, child);
-      continue;
-    }
-    if (slot != nullptr) {
-      drop_last_child(*node);
-      continue;
-    }
-    free_storage(*node);
-    if (node == this) {
+  erase();
+  void* const storage = std::exchange(value, nullptr);
+  switch (std::exchange(type, NULL_TYPE)) {
+    case ARRAY_TYPE:
+      return free_as<Array>(storage);
+    case OBJECT_TYPE:
+      return free_as<Object>(storage);
+    case INT32_TYPE:
+      return free_as<int>(storage);
+    case UINT32_TYPE:
+      return free_as<unsigned int>(storage);
+    case INT64_TYPE:
+      return free_as<long long>(storage);
+    case UINT64_TYPE:
+      return free_as<unsigned long long>(storage);
+    case DOUBLE_TYPE:
+      return free_as<double>(storage);
+    case STRING_TYPE:
+      return free_as<std::string>(storage);
+    case JSON_T_TYPE:
+      return json_decref(static_cast<json_t*>(storage));  // leaves static values alone
+    case BOOLEAN_TYPE:
+      return free_as<bool>(storage);
+    case NULL_TYPE:
       return;
-    }
-    const std::unique_ptr<JsonValue> ended(node);
-    node = parent;
-    parent = *last_child(*node);
-    drop_last_child(*node);
   }
 }
 
@@ -248,17 +206,9 @@ void JsonValue::erase() {
     return;
   }
   if (type == ARRAY_TYPE) {
-    auto& array = as<Array>(value);
-    while (!array.empty()) {
-      const std::unique_ptr<JsonValue> ended(array.back());
-      array.pop_back();
-    }
+    delete_children(as<Array>(value));
   } else if (type == OBJECT_TYPE) {
-    auto& object = as<Object>(value);
-    while (!object.empty()) {
-      const std::unique_ptr<JsonValue> ended(object.begin()->second);
-      object.erase(object.begin());
-    }
+    delete_children(as<Object>(value));
   }
 }
 
@@ -267,7 +217,7 @@ void JsonValue::erase(unsigned int index) {
     return;
   }
   auto& array = as<Array>(value);
-  const std::unique_ptr<JsonValue> ended(array[index]);
+  delete array[index];
   array.erase(array.begin() + static_cast<std::ptrdiff_t>(index));
 }
 
@@ -278,7 +228,7 @@ void JsonValue::erase(std::string key) {  // NOLINT(performance-unnecessary-valu
   auto& object = as<Object>(value);
   const auto found = object.find(key);
   if (found != object.end()) {
-    const std::unique_ptr<JsonValue> ended(found->second);
+    delete found->second;
     object.erase(found);
   }
 }

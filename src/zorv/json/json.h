@@ -16,9 +16,8 @@
 // reference that an earlier use returned. Assigning a jansson value over a jansson value replaces
 // the pointer and keeps the old reference, which is the caller's to drop.
 //
-// Trees of any depth can be destroyed. The writers recurse and use at most 200 bytes of stack a
-// level: 10,000 levels are safe on a thread with 8 MiB. jansson itself refuses to read more than
-// 2048.
+// The writers and destroy() recurse: 10,000 levels are safe on a thread with 8 MiB of stack.
+// jansson itself refuses to read more than 2048.
 #pragma once
 
 #include <jansson.h>
