@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 #include "global_options.h"
@@ -16,16 +18,7 @@ LogModule log_module{"global_options"};
 // "ztunc" stands before "tun", which is a part of it.
 constexpr const char* kIfnamePrefixes[] = {"ztunc", "tun", "ppp", "wgc"};
 
-// One number in an interface's name tells kind and index; below the last band it tells nothing.
-struct Band {
-  int base;
-  TYPE type;
-};
-constexpr Band kBands[] = {{3000, WIREGUARD_CLIENT_TYPE},
-                           {2500, FENLO_CLIENT_TYPE},
-                           {2000, OVPN_CLIENT_TYPE},
-                           {1250, L2TP_CLIENT_TYPE},
-                           {1000, PPTP_CLIENT_TYPE}};
+constexpr CodeWord kIntervals[] = {{-1, "Not"}, {0, "immediatly"}, {1, "1"}, {5, "5"}, {10, "10"}};
 
 constexpr const char* kSection = "gw_setting";
 
@@ -96,67 +89,31 @@ void ifname_to_typeindex(std::string ifname, TYPE& ret_type, int& ret_index) {
       break;
     }
   }
-  ret_type = NONE_TYPE;
-  ret_index = 0;
-  for (const Band& band : kBands) {
-    if (number >= band.base || number <= -band.base) {
-      ret_type = band.type;
-      ret_index = number % band.base;
-      return;
-    }
-  }
+  const auto kind = std::find_if(
+      std::rbegin(kVpnKinds), std::rend(kVpnKinds), [number](const VpnKind& candidate) {
+        return number >= candidate.first_number || number <= -candidate.first_number;
+      });
+  const bool is_known = kind != std::rend(kVpnKinds);
+  ret_type = is_known ? kind->client : NONE_TYPE;
+  ret_index = is_known ? number % kind->first_number : 0;
 }
 
 std::string typeindex_to_sname(TYPE type, int index) {
-  const std::string number = std::to_string(index);
-  switch (type) {
-    case PPTP_CLIENT_TYPE:
-      return "PPTP_CLIENT" + number;
-    case L2TP_CLIENT_TYPE:
-      return "L2TP_CLIENT" + number;
-    case OVPN_CLIENT_TYPE:
-      return "OPENVPN_CLIENT" + number;
-    case FENLO_CLIENT_TYPE:
-      return "FENLO_CLIENT" + number;
-    case WIREGUARD_CLIENT_TYPE:
-      return "WG_CLIENT" + number;
-    default:
-      return {};
-  }
+  const VpnKind* const kind = client_kind(type);
+  return kind != nullptr ? kind->client_tag + std::to_string(index) : "";
 }
 
 std::string type_to_string(TYPE type) {
-  switch (type) {
-    case PPTP_CLIENT_TYPE:
-      return "PPTP";
-    case L2TP_CLIENT_TYPE:
-      return "L2TP/IPSec";
-    case OVPN_CLIENT_TYPE:
-      return "OpenVPN";
-    case FENLO_CLIENT_TYPE:
-      return "Fenlo";
-    case WIREGUARD_CLIENT_TYPE:
-      return "Wireguard";
-    default:
-      return {};
+  if (type == WIREGUARD_CLIENT_TYPE) {
+    return "Wireguard";  // as notifications have always spelt it
   }
+  const VpnKind* const kind = client_kind(type);
+  return kind != nullptr ? kind->word : "";
 }
 
 std::string interval_to_string(int interval) {
-  switch (interval) {
-    case -1:
-      return "Not";
-    case 0:
-      return "immediatly";
-    case 1:
-      return "1";
-    case 5:
-      return "5";
-    case 10:
-      return "10";
-    default:
-      return {};
-  }
+  const char* const word = word_of(kIntervals, interval);
+  return word != nullptr ? word : "";
 }
 
 void GlobalConfig::get_vpn_gw(JsonValue& ret_out) const {

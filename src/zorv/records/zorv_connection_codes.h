@@ -2,6 +2,8 @@
 // their words in notifications, in tables and on the command line.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace zorv {
@@ -29,19 +31,40 @@ enum Action : int32_t {
   kGetGeolocation = 4,  // clients only
 };
 
+// Everything that goes by the kind of VPN. The number in a client's interface name, "tun2003", is
+// the first number of its kind and the client's own.
+struct VpnKind {
+  TYPE server;
+  TYPE client;
+  const char* word;
+  const char* client_tag;  // "OPENVPN_CLIENT", which the client's number follows
+  int first_number;        // up to the next kind's; the ranges are of unequal length
+  bool is_logged;          // the connection logs know it as a protocol
+};
+
+inline constexpr VpnKind kVpnKinds[] = {
+    {PPTP_SERVER_TYPE, PPTP_CLIENT_TYPE, "PPTP", "PPTP_CLIENT", 1000, true},
+    {L2TP_SERVER_TYPE, L2TP_CLIENT_TYPE, "L2TP/IPSec", "L2TP_CLIENT", 1250, true},
+    {OVPN_SERVER_TYPE, OVPN_CLIENT_TYPE, "OpenVPN", "OPENVPN_CLIENT", 2000, true},
+    {FENLO_SERVER_TYPE, FENLO_CLIENT_TYPE, "Fenlo", "FENLO_CLIENT", 2500, true},
+    {WIREGUARD_SERVER_TYPE, WIREGUARD_CLIENT_TYPE, "WireGuard", "WG_CLIENT", 3000, false},
+};
+
+// The kind whose clients bear `code`, or null.
+constexpr const VpnKind* client_kind(long long code) {
+  for (const VpnKind& kind : kVpnKinds) {
+    if (kind.client == code) {
+      return &kind;
+    }
+  }
+  return nullptr;
+}
+
 struct CodeWord {
   int code;
   const char* word;
 };
 
-inline constexpr CodeWord kServerProtocols[] = {{PPTP_SERVER_TYPE, "PPTP"},
-                                                {L2TP_SERVER_TYPE, "L2TP/IPSec"},
-                                                {OVPN_SERVER_TYPE, "OpenVPN"},
-                                                {FENLO_SERVER_TYPE, "Fenlo"}};
-inline constexpr CodeWord kClientProtocols[] = {{PPTP_CLIENT_TYPE, "PPTP"},
-                                                {L2TP_CLIENT_TYPE, "L2TP/IPSec"},
-                                                {OVPN_CLIENT_TYPE, "OpenVPN"},
-                                                {FENLO_CLIENT_TYPE, "Fenlo"}};
 inline constexpr CodeWord kServerActions[] = {
     {kLoginFail, "Login Fail"}, {kLoginOk, "Login OK"}, {kLogout, "Logout"}};
 inline constexpr CodeWord kClientActions[] = {
@@ -57,5 +80,52 @@ constexpr const char* word_of(const Words& words, long long code) {
   }
   return nullptr;
 }
+
+namespace vpn_kinds {
+
+constexpr std::size_t count_logged() {
+  std::size_t count = 0;
+  for (const VpnKind& kind : kVpnKinds) {
+    count += kind.is_logged ? 1 : 0;
+  }
+  return count;
+}
+
+constexpr std::array<CodeWord, count_logged()> logged_words(TYPE VpnKind::*code) {
+  std::array<CodeWord, count_logged()> words{};
+  std::size_t count = 0;
+  for (const VpnKind& kind : kVpnKinds) {
+    if (kind.is_logged) {
+      words[count++] = {kind.*code, kind.word};
+    }
+  }
+  return words;
+}
+
+// Codes are single bits that nobody else bears, and an interface belongs to the last kind whose
+// first number its own reaches.
+constexpr bool are_in_order() {
+  int codes = 0;
+  int last_number = 0;
+  for (const VpnKind& kind : kVpnKinds) {
+    for (const int code : {int{kind.server}, int{kind.client}}) {
+      if (code <= 0 || (code & (code - 1)) != 0 || (codes & code) != 0) {
+        return false;
+      }
+      codes |= code;
+    }
+    if (kind.first_number <= last_number) {
+      return false;
+    }
+    last_number = kind.first_number;
+  }
+  return true;
+}
+static_assert(are_in_order());
+
+}  // namespace vpn_kinds
+
+inline constexpr auto kServerProtocols = vpn_kinds::logged_words(&VpnKind::server);
+inline constexpr auto kClientProtocols = vpn_kinds::logged_words(&VpnKind::client);
 
 }  // namespace zorv
