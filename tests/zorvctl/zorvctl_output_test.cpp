@@ -7,7 +7,6 @@
 #include <cstring>
 #include <limits>
 
-#include "block_state.h"
 #include "display_text.h"
 #include "harness/daemon.h"
 #include "json_ref.h"
@@ -165,40 +164,6 @@ TEST_F(Query, SaysWhenTheDaemonStopsAnswering) {
   table.unread = true;
   run({});
   EXPECT_EQ(end_, QueryEnd::unread);
-}
-
-TEST(Blocks, FollowTheCheckOfTheDaemon) {
-  const struct {
-    zorv::LoginPolicy policy;
-    int failures;
-    unsigned long long timestamp;
-    std::time_t now;
-    BlockState state;
-    unsigned long long left;
-  } cases[] = {
-      {{false, 3, 5}, 9, 1000, 1000, BlockState::off, 0},
-      {{true, 3, 5}, 2, 1000, 1000, BlockState::counting, 0},
-      {{true, 3, 5}, 3, 1000, 1000, BlockState::blocked, 300},
-      {{true, 3, 5}, 4, 1000, 1299, BlockState::blocked, 1},
-      {{true, 3, 5}, 3, 1000, 1300, BlockState::over, 0},
-      {{true, 3, 0}, 3, 1000, 1000, BlockState::over, 0},
-      {{true, 3, -1}, 3, 1000, 1000, BlockState::over, 0},
-      {{true, 3, 0.05}, 3, 1000, 1001, BlockState::blocked, 2},
-      {{true, 0, 5}, 1, 1000, 1001, BlockState::blocked, 299},
-      // Only 32 bits of the stored time count, and a clock set back prolongs the block.
-      {{true, 3, 5}, 3, 4294967296ULL + 1000, 1001, BlockState::blocked, 299},
-      {{true, 3, 5}, 3, 1000, 900, BlockState::blocked, 400},
-      {{true, 3, 5}, 3, 2147483648ULL, 2147483649, BlockState::blocked, 299},
-  };
-  for (const auto& one : cases) {
-    User user{};
-    user.limit = one.failures;
-    user.timestamp = one.timestamp;
-    const BlockVerdict verdict = block_verdict(user, one.policy, one.now);
-    EXPECT_EQ(verdict.state, one.state) << one.now;
-    EXPECT_EQ(verdict.seconds_left, one.left) << one.now;
-  }
-  EXPECT_EQ(block_verdict({}, std::nullopt, 0).state, BlockState::unknown);
 }
 
 db_conn_server_log connection(const std::string& username) {

@@ -1,5 +1,6 @@
 #include "login_policy.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "global_options.h"
@@ -17,8 +18,9 @@ bool read_login_policy(LoginPolicy& ret_policy) {
   }
   const json_t* const policy = json_object_get(json_object_get(reply.get(), "data"), "global");
   ret_policy.enabled = json_is_true(json_object_get(policy, "enable"));
-  // The low 32 bits of the number in the file, as the NAS takes it.
-  ret_policy.limit = static_cast<int>(json_integer_value(json_object_get(policy, "limit")));
+  using Limits = std::numeric_limits<int>;
+  ret_policy.limit = static_cast<int>(std::clamp<json_int_t>(
+      json_integer_value(json_object_get(policy, "limit")), Limits::min(), Limits::max()));
   ret_policy.minutes = json_number_value(json_object_get(policy, "time"));
   return true;
 }
@@ -32,8 +34,21 @@ uint64_t block_seconds(double minutes) {
   return seconds > 0 ? static_cast<uint64_t>(seconds) : 0;
 }
 
-double seconds_since_failure(uint64_t timestamp, int64_t now) {
-  return static_cast<double>(now - static_cast<int64_t>(timestamp & 0xffffffffU));
+BlockVerdict block_verdict(const LoginPolicy& policy, int failures, uint64_t timestamp,
+                           int64_t now) {
+  if (!policy.enabled) {
+    return {BlockState::off};
+  }
+  if (policy.limit > failures) {
+    return {BlockState::counting};
+  }
+  const auto elapsed = static_cast<double>(now - static_cast<int64_t>(timestamp & 0xffffffffU));
+  const auto block_time = static_cast<double>(block_seconds(policy.minutes));
+  if (elapsed >= block_time) {
+    return {BlockState::over};
+  }
+  constexpr double kLongest = 1e18;  // well inside 64 bits, and longer than anybody waits
+  return {BlockState::blocked, static_cast<uint64_t>(std::min(block_time - elapsed, kLongest))};
 }
 
 }  // namespace zorv

@@ -12,7 +12,7 @@ inline constexpr const char* kLoginPolicyFile = "/etc/config/vpn_block.conf";
 
 struct LoginPolicy {
   bool enabled = false;  // only by JSON true
-  int limit = 0;         // failed logins that block; 0 where it is missing or no integer
+  int limit = 0;         // failed logins that block, within int's range; 0: missing or no integer
   double minutes = 0;    // block time; 0 where it is missing or no number
 };
 
@@ -23,9 +23,22 @@ bool read_login_policy(LoginPolicy& ret_policy);
 // The block time in whole seconds; 0 for a negative one.
 uint64_t block_seconds(double minutes);
 
-// Seconds from a user's last counted failure to `now`; negative when the clock was set back. Only
-// the low 32 bits of the row's time count. They are taken without sign, so that a failure counted
-// after January 2038 still blocks.
-double seconds_since_failure(uint64_t timestamp, int64_t now);
+enum class BlockState {
+  off,       // the policy is off: a check forgets everybody
+  counting,  // fewer failures than the limit
+  blocked,
+  over,  // the block time has run out: a check forgets the user
+};
+
+struct BlockVerdict {
+  BlockState state = BlockState::off;
+  uint64_t seconds_left = 0;  // of a block; at most 10^18
+};
+
+// What the policy makes of a user's failures, the last of them counted at `timestamp`. Only its low
+// 32 bits count. They are taken without sign, so that a failure counted after January 2038 still
+// blocks. A clock that was set back prolongs the block.
+BlockVerdict block_verdict(const LoginPolicy& policy, int failures, uint64_t timestamp,
+                           int64_t now);
 
 }  // namespace zorv

@@ -111,13 +111,17 @@ int check_privilege_user_block(const char* username) {
   const Operation request;
   const std::string name = or_empty(username);
   const std::optional<Record> row = find_user(name);
-  if (!row || policy.limit > row->limit) {
+  if (!row) {
     return 0;
   }
-  const double elapsed =
-      zorv::seconds_since_failure(row->timestamp, static_cast<int64_t>(time(nullptr)));
-  if (elapsed < static_cast<double>(zorv::block_seconds(policy.minutes))) {
-    return 1;
+  switch (block_verdict(policy, row->limit, row->timestamp, time(nullptr)).state) {
+    case zorv::BlockState::off:
+    case zorv::BlockState::counting:
+      return 0;
+    case zorv::BlockState::blocked:
+      return 1;
+    case zorv::BlockState::over:
+      break;
   }
   delete_row(table, row->id);
   notify(zorv::nc_msg("C001", "0021"), name);

@@ -2,18 +2,20 @@
 
 #include <memory>
 
-#include "block_state.h"
 #include "commands.h"
 #include "daemon_answer.h"
 #include "display_text.h"
 #include "duration.h"
 #include "exit_status.h"
 #include "login_guard.h"
+#include "login_policy.h"
 #include "table_look.h"
 #include "zorv_api_db.h"
 
 namespace zorvctl {
 namespace {
+
+using zorv::BlockState;
 
 std::optional<zorv::LoginPolicy> read_policy() {
   zorv::LoginPolicy policy;
@@ -24,11 +26,27 @@ std::optional<zorv::LoginPolicy> read_policy() {
   return policy;
 }
 
+const char* state_text(BlockState state) {
+  switch (state) {
+    case BlockState::off:
+      return "policy off";
+    case BlockState::counting:
+      return "counting";
+    case BlockState::blocked:
+      return "blocked";
+    case BlockState::over:
+      return "block over";
+  }
+  return "unknown";
+}
+
 std::vector<ComputedColumn> block_columns() {
   const auto policy = read_policy();
   const std::time_t now = std::time(nullptr);
   const auto verdict = [policy, now](const void* record) {
-    return block_verdict(*static_cast<const db_privilege_user_block_data*>(record), policy, now);
+    const auto& user = *static_cast<const db_privilege_user_block_data*>(record);
+    return policy ? std::optional(block_verdict(*policy, user.limit, user.timestamp, now))
+                  : std::nullopt;
   };
   return {{"LIMIT", true,
            [policy](const void*) -> std::string {
@@ -36,11 +54,14 @@ std::vector<ComputedColumn> block_columns() {
            }},
           {"STATE", false,
            [verdict](const void* record) -> std::string {
-             return block_state_text(verdict(record).state);
+             const auto found = verdict(record);
+             return found ? state_text(found->state) : "unknown";
            }},
           {"LEFT", true, [verdict](const void* record) -> std::string {
-             const BlockVerdict found = verdict(record);
-             return found.state == BlockState::blocked ? duration_text(found.seconds_left) : "-";
+             const auto found = verdict(record);
+             return found && found->state == BlockState::blocked
+                        ? duration_text(found->seconds_left)
+                        : "-";
            }}};
 }
 

@@ -1,14 +1,10 @@
 // Calls of other services: what counts as an answer, and what is read from it.
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
-
 #include "global_options.h"
 #include "harness/daemon.h"
 #include "harness/fake_service.h"
 #include "json_ref.h"
-#include "login_policy.h"
 
 namespace {
 
@@ -93,57 +89,6 @@ TEST(ServiceCall, AProfilesNameComesFromTheNetworkServicesList) {
     EXPECT_EQ(zorv::get_profile_name("tun2"), expected.name);
     EXPECT_EQ(service.calls(), Lines{R"(external_dev.list {"key": "tun2"})"});
     EXPECT_EQ(new_log_texts("global_options", "ERROR"), expected.errors);
-  }
-}
-
-TEST(LoginPolicy, IsReadAsTheServiceTellsItOrLeftAlone) {
-  const struct {
-    std::string reply;
-    bool read;
-    bool enabled;
-    int limit;
-    double minutes;
-  } cases[] = {
-      {R"("data": {"global": {"enable": true, "limit": 3, "time": 5}})", true, true, 3, 5},
-      {R"("data": {"global": {"enable": true, "limit": 3.9, "time": 0.05}})", true, true, 0, 0.05},
-      {R"("data": {"global": {"enable": true, "limit": "3", "time": "5"}})", true, true, 0, 0},
-      {R"("data": {"global": {"enable": true, "limit": 4294967299, "time": -1.5}})", true, true, 3,
-       -1.5},
-      {R"("data": {"global": {"enable": false, "limit": 3, "time": 5}})", true, false, 3, 5},
-      {R"("data": {"global": {"enable": "true", "limit": 1}})", true, false, 1, 0},
-      {R"("data": {"global": {"enable": 1}})", true, false, 0, 0},
-      {R"("data": {"global": [true]})", true, false, 0, 0},
-      {R"("data": 7)", true, false, 0, 0},
-      {"garbage", false, true, 99, 98},
-  };
-  for (const auto& expected : cases) {
-    const FakeService service("vpncaas", "read_json", R"({"error": 0, )" + expected.reply + "}");
-    zorv::LoginPolicy policy{true, 99, 98};
-    EXPECT_EQ(zorv::read_login_policy(policy), expected.read) << expected.reply;
-    EXPECT_EQ(policy.enabled, expected.enabled) << expected.reply;
-    EXPECT_EQ(policy.limit, expected.limit) << expected.reply;
-    EXPECT_EQ(policy.minutes, expected.minutes) << expected.reply;
-    EXPECT_EQ(service.calls(), Lines{R"(read_json {"path": "/etc/config/vpn_block.conf"})"});
-  }
-}
-
-TEST(LoginPolicy, BlockTimeIsCutToWholeSecondsAndSaturates) {
-  constexpr double kInfinity = std::numeric_limits<double>::infinity();
-  const std::pair<double, uint64_t> cases[] = {
-      {5, 300},
-      {0.05, 3},
-      {0.0499, 2},
-      {0.001, 0},
-      {-1, 0},
-      {-kInfinity, 0},
-      {std::nan(""), 0},
-      {1e300, ~0ULL},
-      {kInfinity, ~0ULL},
-      {307445734561825860.0, ~0ULL},
-      {307445734561825792.0, 18446744073709547520ULL},
-  };
-  for (const auto& [minutes, seconds] : cases) {
-    EXPECT_EQ(zorv::block_seconds(minutes), seconds) << minutes;
   }
 }
 
