@@ -1,11 +1,11 @@
+#include "default_gateway.h"
+
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <iterator>
 #include <limits>
 
 #include "global_options.h"
-#include "json_ref.h"
 #include "logger.h"
 #include "long_conversion.h"
 #include "nc_msg_db.h"
@@ -20,18 +20,11 @@ constexpr const char* kIfnamePrefixes[] = {"ztunc", "tun", "ppp", "wgc"};
 
 constexpr CodeWord kIntervals[] = {{-1, "Not"}, {0, "immediatly"}, {1, "1"}, {5, "5"}, {10, "10"}};
 
-constexpr const char* kSection = "gw_setting";
-
 // A member that is missing or no number reads as 0.
 int int_member(const json_t* object, const char* key) {
+  using Limits = std::numeric_limits<int>;
   const double number = json_number_value(json_object_get(object, key));
-  if (number >= std::numeric_limits<int>::max()) {
-    return std::numeric_limits<int>::max();
-  }
-  if (number <= std::numeric_limits<int>::min()) {
-    return std::numeric_limits<int>::min();
-  }
-  return std::isnan(number) ? 0 : static_cast<int>(number);
+  return static_cast<int>(std::clamp<double>(number, Limits::min(), Limits::max()));
 }
 
 const char* text_member(const json_t* object, const char* key) {
@@ -39,22 +32,19 @@ const char* text_member(const json_t* object, const char* key) {
   return text != nullptr ? text : "";
 }
 
-struct Gateway {
-  int type = NONE_TYPE;
-  int index = 0;
-
-  bool operator==(const Gateway&) const = default;
-};
-
 Gateway gateway_member(const json_t* section, const char* key) {
   const json_t* const gateway = json_object_get(section, key);
   return {int_member(gateway, "type"), int_member(gateway, "index")};
 }
 
-void clear_failover(json_t* section) {
+// Whether there was anything to clear.
+bool clear_failover(json_t* section) {
+  const json_t* const enabled = json_object_get(section, "failover_en");
+  const bool was_off = json_is_integer(enabled) && json_integer_value(enabled) == 0;
   json_object_set_new(section, "failover_en", json_integer(0));
-  json_object_del(section, "failover_interval");
-  json_object_del(section, "gw2");
+  const bool had_interval = json_object_del(section, "failover_interval") == 0;
+  const bool had_backup = json_object_del(section, "gw2") == 0;
+  return !was_off || had_interval || had_backup;
 }
 
 // The backup's interface takes the place of the primary's, also where it has none.
@@ -116,87 +106,102 @@ std::string interval_to_string(int interval) {
   return word != nullptr ? word : "";
 }
 
-void GlobalConfig::get_vpn_gw(JsonValue& ret_out) const {
-  TYPE type = NONE_TYPE;
-  int index = 0;
+GatewaySettings gateway_settings(const json_t* section) {
+  GatewaySettings settings{int_member(section, "as_gw_en") != 0, gateway_member(section, "gw1"),
+                           std::nullopt, int_member(section, "failover_interval")};
+  if (int_member(section, "failover_en") != 0) {
+    settings.backup = gateway_member(section, "gw2");
+  }
+  return settings;
+}
+
+std::optional<Gateway> current_gateway() {
+  const LogSite site{log_module, __LINE__, "get_vpn_gw"};
   const JsonRef reply(easy_kx_call(kNetworkService, "api.get_currentGWinfo", nullptr));
   if (reply == nullptr) {
-    ZORV_LOG(error, "%s: kx_call failed", "get_currentGWinfo");
-    return;
+    ZORV_LOG_AT(site, error, "%s: kx_call failed", "get_currentGWinfo");
+    return std::nullopt;
   }
   const json_t* const gateways = json_object_get(reply.get(), "data");
   for (size_t i = 0; i < json_array_size(gateways); ++i) {
     const json_t* const gateway = json_array_get(gateways, i);
     if (!json_is_object(gateway)) {
-      ZORV_LOG(error, "val isn't an object.");
-      return;
+      ZORV_LOG_AT(site, error, "val isn't an object.");
+      return std::nullopt;
     }
     if (strcmp(text_member(gateway, "interface_type"), "VPN") != 0) {
       continue;
     }
     const char* const ifname = json_string_value(json_object_get(gateway, "ifname"));
     if (ifname == nullptr) {
-      return;
+      return std::nullopt;
     }
+    TYPE type = NONE_TYPE;
+    int index = 0;
     ifname_to_typeindex(ifname, type, index);
-    break;
+    return Gateway{type, index};
   }
-  ret_out["type"] = static_cast<int>(type);
-  ret_out["index"] = index;
+  return Gateway{};
 }
 
-bool remove_gateway(json_t* section, TYPE type, int index) {
-  if (int_member(section, "as_gw_en") == 0) {
-    return false;
+void GlobalConfig::get_vpn_gw(JsonValue& ret_out) const {
+  if (const std::optional<Gateway> gateway = current_gateway()) {
+    ret_out["type"] = gateway->type;
+    ret_out["index"] = gateway->index;
   }
-  const Gateway gone{type, index};
-  const bool is_primary = gone == gateway_member(section, "gw1");
-  const bool has_backup = int_member(section, "failover_en") != 0;
-  // Without failover the backup counts as (0, 0), whatever gw2 says.
-  const Gateway backup = has_backup ? gateway_member(section, "gw2") : Gateway{};
-  if (is_primary && has_backup) {
-    promote_backup(section, backup);
-    return true;
+}
+
+Removal remove_gateway(json_t* section, const Gateway& gone) {
+  const GatewaySettings settings = gateway_settings(section);
+  if (!settings.is_enabled) {
+    return Removal::not_found;
   }
-  if (is_primary) {
+  if (gone == settings.primary && settings.backup) {
+    promote_backup(section, *settings.backup);
+    return Removal::changed;
+  }
+  if (gone == settings.primary) {
     json_object_set_new(section, "as_gw_en", json_integer(0));
     json_object_del(section, "gw1");
-    return true;
+    return Removal::changed;
   }
-  if (gone == backup) {
-    clear_failover(section);
-    return true;
+  // Without failover the backup counts as (0, 0), whatever gw2 says.
+  if (gone == settings.backup.value_or(Gateway{})) {
+    return clear_failover(section) ? Removal::changed : Removal::unchanged;
   }
-  return false;
+  return Removal::not_found;
+}
+
+SaveResult save_removal(json_t* options) {
+  const LogSite site{log_module, __LINE__, "disable_gateway"};
+  const JsonRef current = taken_options(read_options());
+  const SaveResult result = save_options(current.get(), options);
+  ZORV_LOG_AT(site, error, "gw changed, root=%s", text_or_empty(dump_json(options)));
+  return result;
 }
 
 int GlobalConfig::disable_gateway(TYPE type, int index) const {
   const JsonRef root(load());
-  json_t* const section = json_object_get(root.get(), kSection);
-  if (!remove_gateway(section, type, index)) {
-    return 0;
+  json_t* const section = json_object_get(root.get(), kGatewaySection);
+  if (remove_gateway(section, {type, index}) != Removal::not_found) {
+    save_removal(root.get());
   }
-  const JsonText text = dump_json(root.get());
-  if (text == nullptr) {
-    return 0;  // without memory for the text, saving would only empty the file
-  }
-  save(text.get());
-  ZORV_LOG(error, "gw changed, root=%s", text_or_empty(text));
   return 0;
 }
 
 // Every patch that keeps the gateway enabled announces it again, changed or not.
 void zorv_gw_nclog(json_t* patch) {
-  const json_t* const section = json_object_get(patch, kSection);
-  if (int_member(section, "as_gw_en") == 0) {
+  const json_t* const section = json_object_get(patch, kGatewaySection);
+  const GatewaySettings settings = gateway_settings(section);
+  if (!settings.is_enabled) {
     return;
   }
   announce(nc_msg("C002", "0011"), json_object_get(section, "gw1"));
-  if (int_member(section, "failover_en") == 0) {
+  if (!settings.backup) {
     return;
   }
   announce(nc_msg("C002", "0012"), json_object_get(section, "gw2"));
-  const std::string delay = interval_to_string(int_member(section, "failover_interval"));
+  const std::string delay = interval_to_string(settings.interval);
   nclog::notify_send(nc_msg("C002", "0013"), delay.c_str(), nullptr);
 }
 

@@ -14,7 +14,8 @@
 //
 // There is no state in memory: every operation reads the file anew under the platform's lock for
 // it. Everything here blocks (a bus call for up to five seconds, a lock that another process holds
-// for up to thirty), logs its failures and reports them to nobody. Any thread may call.
+// for up to thirty), logs its failures and reports them to nobody: global_config.h and
+// default_gateway.h have the same with a result. Any thread may call.
 #pragma once
 
 #include <jansson.h>
@@ -67,10 +68,6 @@ void ifname_to_typeindex(std::string ifname, TYPE& ret_type, int& ret_index);
 std::string typeindex_to_sname(TYPE type, int index);  // "OPENVPN_CLIENT2"
 std::string type_to_string(TYPE type);                 // "OpenVPN"
 std::string interval_to_string(int interval);
-
-// Takes a VPN client out of a "gw_setting" section, as GlobalConfig::disable_gateway() does in the
-// file; false, with nothing changed, where it is neither the gateway nor its backup.
-bool remove_gateway(json_t* section, TYPE type, int index);
 
 // Announces the gateway that a patch has just set.
 void zorv_gw_nclog(json_t* patch);

@@ -6,126 +6,118 @@
 #include <optional>
 
 #include "commands.h"
+#include "default_gateway.h"
 #include "display_text.h"
 #include "exit_status.h"
 #include "global_options.h"
-#include "json_ref.h"
-#include "options_file.h"
+#include "options_complaint.h"
 #include "whole_number.h"
 
 namespace zorvctl {
 namespace {
 
-constexpr const char* kSection = "gw_setting";
+using zorv::Gateway;
 
-struct TypeWord {
-  const char* word;
-  zorv::TYPE type;
-};
-constexpr TypeWord kClientTypes[] = {
-    {"pptp", zorv::PPTP_CLIENT_TYPE},           {"l2tp", zorv::L2TP_CLIENT_TYPE},
-    {"openvpn", zorv::OVPN_CLIENT_TYPE},        {"fenlo", zorv::FENLO_CLIENT_TYPE},
-    {"wireguard", zorv::WIREGUARD_CLIENT_TYPE}, {"none", zorv::NONE_TYPE},
-};
+constexpr const char* kNone = "none";
+
+std::string lower_case(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  }
+  return lower;
+}
+
+// As it is typed: "L2TP/IPSec" as l2tp.
+std::string typed(const zorv::VpnKind& kind) {
+  const std::string_view word = kind.word;
+  return lower_case(word.substr(0, word.find('/')));
+}
+
+// "pptp, l2tp, ..., none".
+std::string known_types() {
+  std::string words;
+  for (const zorv::VpnKind& kind : zorv::kVpnKinds) {
+    words += typed(kind) + ", ";
+  }
+  return words + kNone;
+}
 
 std::optional<zorv::TYPE> type_of(const std::string& text) {
-  std::string lower = text;
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  for (const TypeWord& known : kClientTypes) {
-    if (lower == known.word || text == fmt::to_string(static_cast<int>(known.type))) {
-      return known.type;
+  const std::string word = lower_case(text);
+  for (const zorv::VpnKind& kind : zorv::kVpnKinds) {
+    if (word == typed(kind) || text == fmt::to_string(int{kind.client})) {
+      return kind.client;
     }
   }
-  return std::nullopt;
+  return word == kNone || text == "0" ? std::optional(zorv::NONE_TYPE) : std::nullopt;
 }
 
 // "OpenVPN client 3 (OPENVPN_CLIENT3)".
-std::string client_text(int type, int index) {
-  const auto kind = static_cast<zorv::TYPE>(type);
+std::string client_text(const Gateway& gateway) {
+  const auto kind = static_cast<zorv::TYPE>(gateway.type);
   const std::string name = zorv::type_to_string(kind);
   if (name.empty()) {
-    return type == zorv::NONE_TYPE ? "none" : fmt::format("type {} number {}", type, index);
+    return kind == zorv::NONE_TYPE ? kNone
+                                   : fmt::format("type {} number {}", gateway.type, gateway.index);
   }
-  return fmt::format("{} client {} ({})", name, index, zorv::typeindex_to_sname(kind, index));
-}
-
-struct CurrentGateway {
-  bool known = false;
-  int type = 0;
-  int index = 0;
-};
-
-CurrentGateway current_gateway() {
-  JsonValue answer;
-  zorv::GlobalConfig().get_vpn_gw(answer);
-  std::string text;
-  answer.toString(text);
-  const JsonRef parsed(json_loads(text.c_str(), 0, nullptr));
-  const json_t* type = json_object_get(parsed.get(), "type");
-  if (!json_is_integer(type)) {
-    return {};
-  }
-  return {true, static_cast<int>(json_integer_value(type)),
-          static_cast<int>(json_integer_value(json_object_get(parsed.get(), "index")))};
-}
-
-int number_member(const json_t* object, const char* key) {
-  return static_cast<int>(
-      std::clamp(json_number_value(json_object_get(object, key)), -2147483648.0, 2147483647.0));
-}
-
-std::string set_client_text(const json_t* section, const char* key) {
-  const json_t* client = json_object_get(section, key);
-  return client_text(number_member(client, "type"), number_member(client, "index"));
+  return fmt::format("{} client {} ({})", name, gateway.index,
+                     zorv::typeindex_to_sname(kind, gateway.index));
 }
 
 std::string settings_text(const json_t* section) {
-  if (number_member(section, "as_gw_en") == 0) {
+  const zorv::GatewaySettings settings = zorv::gateway_settings(section);
+  if (!settings.is_enabled) {
     return "default gateway  not a VPN client\n";
   }
-  std::string text = fmt::format("default gateway  {}\n", set_client_text(section, "gw1"));
-  if (number_member(section, "failover_en") == 0) {
+  std::string text = fmt::format("default gateway  {}\n", client_text(settings.primary));
+  if (!settings.backup) {
     return text + "backup           none\n";
   }
-  text += fmt::format("backup           {}\n", set_client_text(section, "gw2"));
-  const int interval = number_member(section, "failover_interval");
+  text += fmt::format("backup           {}\n", client_text(*settings.backup));
+  const int interval = settings.interval;
   return text + fmt::format("back after       {}\n", interval < 0    ? "never"
                                                      : interval == 0 ? "at once"
                                                                      : fmt::to_string(interval));
 }
 
+// What the service takes the file's section for; nothing where the file could not be had.
+JsonRef taken_section(const zorv::OptionsFile& file) {
+  if (!is_sound(file) && file.state != zorv::OptionsFile::State::broken) {
+    return nullptr;
+  }
+  return zorv::section_of(zorv::taken_options(file).get(), zorv::kGatewaySection);
+}
+
 int show_gateway(bool json) {
-  const CurrentGateway current = current_gateway();
-  const OptionsFile file = read_options_file();
-  const bool sound = is_sound_or_missing(file);
-  const bool readable = file.state != OptionsFile::State::unread;
-  const JsonRef section(readable ? zorv::GlobalConfig().load(kSection) : json_null());
-  if (!current.known) {
+  const std::optional<Gateway> current = zorv::current_gateway();
+  const zorv::OptionsFile file = zorv::read_options();
+  if (!is_sound(file)) {
+    complain_unsound(file);
+  }
+  if (!current) {
     complain("the network service does not tell which gateway is in use");
   }
+  const JsonRef section = taken_section(file);
   if (json) {
-    const JsonRef in_use(current.known
-                             ? json_pack("{s:i,s:i}", "type", current.type, "index", current.index)
-                             : json_null());
-    const JsonRef both(
-        json_pack("{s:O,s:O}", "current", in_use.get(), "gw_setting", section.get()));
+    const JsonRef in_use(
+        current ? json_pack("{s:i,s:i}", "type", current->type, "index", current->index)
+                : json_null());
+    json_t* const settings = section != nullptr ? section.get() : json_null();
+    const JsonRef both(json_pack("{s:O,s:O}", "current", in_use.get(), "gw_setting", settings));
     print(std::string(text_or_empty(dump_json(both.get()))) + "\n");
   } else {
-    print(fmt::format("in use           {}\n",
-                      current.known ? client_text(current.type, current.index) : "unknown"));
-    print(readable ? settings_text(section.get()) : "default gateway  unknown\n");
+    print(fmt::format("in use           {}\n", current ? client_text(*current) : "unknown"));
+    print(section != nullptr ? settings_text(section.get()) : "default gateway  unknown\n");
   }
-  return current.known && sound ? kDone : kFailed;
+  return current && is_sound(file) ? kDone : kFailed;
 }
 
 int disable_gateway(const std::string& type_text, const std::string& index_text) {
   const auto type = type_of(type_text);
   if (!type) {
-    complain(
-        "'{}' is not a VPN client's type: pptp, l2tp, openvpn, fenlo, wireguard, none, or "
-        "its number",
-        display_text(type_text));
+    complain("'{}' is not a VPN client's type: {}, or its number", display_text(type_text),
+             known_types());
     return kUsage;
   }
   int index = 0;
@@ -133,32 +125,22 @@ int disable_gateway(const std::string& type_text, const std::string& index_text)
     complain("'{}' is not a client's number", display_text(index_text));
     return kUsage;
   }
-  const OptionsFile before = read_options_file();
-  if (!is_sound_or_missing(before)) {
+  const zorv::OptionsFile file = zorv::read_options();
+  if (!is_sound(file)) {
+    complain_unsound(file);
     return kFailed;
   }
-  const json_t* settings = json_object_get(before.sections.get(), kSection);
-  const JsonRef wanted(json_deep_copy(settings));
-  if (!zorv::remove_gateway(wanted.get(), *type, index) ||
-      json_equal(settings, wanted.get()) != 0) {
+  json_t* const section = json_object_get(file.sections.get(), zorv::kGatewaySection);
+  if (zorv::remove_gateway(section, {*type, index}) != zorv::Removal::changed) {
     print("nothing changed: this client is not a gateway\n");
     return kDone;
   }
-  if (!can_be_written()) {
+  const zorv::SaveResult result = zorv::save_removal(file.sections.get());
+  if (result.state != zorv::SaveResult::State::written) {
+    complain_unsaved(result);
     return kFailed;
   }
-  zorv::GlobalConfig().disable_gateway(*type, index);
-  const OptionsFile after = read_options_file();
-  if (!is_whole_after_saving(after)) {
-    return kFailed;
-  }
-  const json_t* settled = json_object_get(after.sections.get(), kSection);
-  if (json_equal(wanted.get(), settled) == 0) {
-    complain("the options file {} was not written, or somebody changed it at once",
-             zorv::kOptionsFile);
-    return kFailed;
-  }
-  print(settings_text(settled));
+  print(settings_text(section));
   return kDone;
 }
 
@@ -177,7 +159,7 @@ void add_gateway_noun(CLI::App& program, Run* run) {
   auto index = std::make_shared<std::string>();
   CLI::App* disable = noun->add_subcommand(
       "disable", "Take a VPN client that is disabled or removed out of the gateway settings");
-  disable->add_option("type", *type, "pptp, l2tp, openvpn, fenlo, wireguard, none, or the number")
+  disable->add_option("type", *type, known_types() + ", or the number")
       ->required()
       ->type_name("TYPE");
   disable->add_option("index", *index, "The client's number within its type")

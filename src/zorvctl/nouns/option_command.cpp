@@ -11,26 +11,14 @@
 #include "commands.h"
 #include "display_text.h"
 #include "exit_status.h"
+#include "global_option_command.h"
 #include "global_options.h"
-#include "json_ref.h"
-#include "options_file.h"
+#include "options_complaint.h"
 
 namespace zorvctl {
 namespace {
 
 constexpr const char* kFile = zorv::kOptionsFile;
-
-// Hands the words to the service's command, whose answer is the output, byte for byte.
-int answer_command(const std::vector<std::string>& words) {
-  std::vector<std::string> copies{"option"};
-  copies.insert(copies.end(), words.begin(), words.end());
-  std::vector<char*> argv;
-  argv.reserve(copies.size());
-  for (std::string& word : copies) {
-    argv.push_back(word.data());
-  }
-  return zorv::cmd_global_opt(argv[0], static_cast<int>(argv.size()), argv.data());
-}
 
 // Words that are no command of the options: the answer for programs, and the reason for people.
 int answer_wrong_words() {
@@ -39,9 +27,14 @@ int answer_wrong_words() {
   return kUsage;
 }
 
+// The service's command answers, byte for byte.
 int get_options(const std::vector<std::string>& words) {
-  answer_command(words);
-  return is_sound_or_missing(read_options_file()) ? kDone : kFailed;
+  const auto file = zorv::answer_global_opt(words);
+  if (file && !is_sound(*file)) {
+    complain_unsound(*file);
+    return kFailed;
+  }
+  return kDone;
 }
 
 std::optional<std::string> patch_text(const std::string& source) {
@@ -70,48 +63,42 @@ std::optional<std::string> patch_text(const std::string& source) {
   return complete ? std::optional(text) : std::nullopt;
 }
 
-// Saving reports nothing, and sections that the file does not have are left out of it: what stands
-// in the file afterwards tells.
-int compare_saved(const json_t* patch) {
-  const OptionsFile saved = read_options_file();
-  if (!is_whole_after_saving(saved)) {
+// Saving starts from what can be read: without that it would write the defaults, or nothing.
+void complain_unpatchable(const zorv::OptionsFile& file) {
+  const JsonRef defaults(zorv::GlobalConfig().get_tmpl());
+  switch (file.state) {
+    case zorv::OptionsFile::State::missing:
+      complain("the options file {} does not exist: put the sections into it that can be set: {}",
+               kFile, text_or_empty(dump_json(defaults.get())));
+      break;
+    case zorv::OptionsFile::State::broken:
+      complain("the options file {} holds no JSON object ({}): mend it first; the defaults are {}",
+               kFile, display_text(file.reason), text_or_empty(dump_json(defaults.get())));
+      break;
+    default:
+      complain_unsound(file);
+  }
+}
+
+// The sections that the file does not have are left out of it.
+int save_patch(const zorv::OptionsFile& file, json_t* patch) {
+  json_t* const sections = file.sections.get();
+  const zorv::SaveResult result = zorv::save_options(sections, patch);
+  if (result.state != zorv::SaveResult::State::written) {
+    complain_unsaved(result);
     return kFailed;
   }
   int status = kDone;
   const char* key = nullptr;
   json_t* value = nullptr;
-  json_object_foreach(const_cast<json_t*>(patch), key, value) {
-    const json_t* stored = json_object_get(saved.sections.get(), key);
-    if (json_equal(value, stored) == 0) {
-      complain("'{}' was not stored: {}", display_text(key),
-               stored == nullptr ? "there is no such section in the options file"
-                                 : "the options file was not written");
+  json_object_foreach(patch, key, value) {
+    if (json_object_get(sections, key) == nullptr) {
+      complain("'{}' was not stored: there is no such section in the options file",
+               display_text(key));
       status = kFailed;
     }
   }
   return status;
-}
-
-// Saving starts from what can be read: without that it would write the defaults, or nothing.
-bool can_be_patched() {
-  const OptionsFile file = read_options_file();
-  const JsonRef defaults(zorv::GlobalConfig().get_tmpl());
-  switch (file.state) {
-    case OptionsFile::State::read:
-      return can_be_written();
-    case OptionsFile::State::unread:
-      is_sound_or_missing(file);
-      break;
-    case OptionsFile::State::missing:
-      complain("the options file {} does not exist: put the sections into it that can be set: {}",
-               kFile, text_or_empty(dump_json(defaults.get())));
-      break;
-    case OptionsFile::State::broken:
-      complain("the options file {} holds no JSON object ({}): mend it first; the defaults are {}",
-               kFile, file.reason, text_or_empty(dump_json(defaults.get())));
-      break;
-  }
-  return false;
 }
 
 int set_options(const std::string& source) {
@@ -131,11 +118,12 @@ int set_options(const std::string& source) {
     complain("this is JSON, but not an object of sections such as {{\"gw_setting\": ...}}");
     return kUsage;
   }
-  if (!can_be_patched()) {
+  const zorv::OptionsFile file = zorv::read_options();
+  if (file.state != zorv::OptionsFile::State::read) {
+    complain_unpatchable(file);
     return kFailed;
   }
-  zorv::GlobalConfig().save(text->c_str());
-  return compare_saved(patch.get());
+  return save_patch(file, patch.get());
 }
 
 }  // namespace
@@ -172,7 +160,7 @@ void add_option_noun(CLI::App& program, Run* run) {
     if (understood && set->parsed() && set_patch->count() != 0) {
       *run = [patch] { return set_options(*patch); };
     } else if (understood && get->parsed()) {
-      std::vector<std::string> words{"get"};
+      std::vector<std::string> words{"option", "get"};
       if (get_section->count() != 0) {
         words.push_back(*section);
       }
