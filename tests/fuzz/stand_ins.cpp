@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include "detached_spawn.h"
 #include "kxbus.h"
@@ -70,12 +69,6 @@ std::vector<std::string> split(std::string_view input, char separator) {
     }
   }
   return parts;
-}
-
-void write_rooted(const char* path, std::string_view content) {
-  std::ofstream file(os::rooted(path), std::ios::binary | std::ios::trunc);
-  file.write(content.data(), static_cast<std::streamsize>(content.size()));
-  require(static_cast<bool>(file.flush()), "the root can be written");
 }
 
 }  // namespace fuzz

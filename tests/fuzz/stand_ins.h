@@ -28,7 +28,4 @@ void require(bool holds, const char* what);
 // The parts of an input that are separated by `separator`, at least one.
 std::vector<std::string> split(std::string_view input, char separator);
 
-// Replaces a file below the root.
-void write_rooted(const char* path, std::string_view content);
-
 }  // namespace fuzz
