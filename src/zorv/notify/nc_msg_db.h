@@ -88,8 +88,9 @@ inline constexpr nc_msg_struct __NC_MSG_DB__[] = {
     {"C004", "0040", "info", "[{0}] Changed the Kesta Express NAS Virtual IP from {1} to {2}."},
 };
 
-// The entry of a category and a message id. One that is not in the catalogue does not compile.
-consteval const nc_msg_struct* nc_msg(std::string_view category, std::string_view message_id) {
+// The entry of a category and a message id, to be had as a constant: one that is not in the
+// catalogue does not compile.
+constexpr const nc_msg_struct* nc_msg(std::string_view category, std::string_view message_id) {
   for (const nc_msg_struct& entry : __NC_MSG_DB__) {
     if (entry.category_id == category && entry.message_id == message_id) {
       return &entry;

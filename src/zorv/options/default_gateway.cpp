@@ -13,6 +13,10 @@
 namespace zorv {
 namespace {
 
+constexpr const nc_msg_struct* kGatewaySet = nc_msg("C002", "0011");
+constexpr const nc_msg_struct* kBackupGatewaySet = nc_msg("C002", "0012");
+constexpr const nc_msg_struct* kDelaySet = nc_msg("C002", "0013");
+
 LogModule log_module{"global_options"};
 
 // "ztunc" stands before "tun", which is a part of it.
@@ -196,13 +200,13 @@ void zorv_gw_nclog(json_t* patch) {
   if (!settings.is_enabled) {
     return;
   }
-  announce(nc_msg("C002", "0011"), json_object_get(section, "gw1"));
+  announce(kGatewaySet, json_object_get(section, "gw1"));
   if (!settings.backup) {
     return;
   }
-  announce(nc_msg("C002", "0012"), json_object_get(section, "gw2"));
+  announce(kBackupGatewaySet, json_object_get(section, "gw2"));
   const std::string delay = interval_to_string(settings.interval);
-  nclog::notify_send(nc_msg("C002", "0013"), delay.c_str(), nullptr);
+  nclog::notify_send(kDelaySet, delay.c_str(), nullptr);
 }
 
 }  // namespace zorv

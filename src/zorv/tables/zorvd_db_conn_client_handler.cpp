@@ -11,6 +11,8 @@ using Record = db_conn_client_log_data;
 Table& table = table_of(zorv::kClientLog);
 LogModule& log_module = table.log;
 
+constexpr const zorv::nc_msg_struct* kConnectionLogged = zorv::nc_msg("C002", "0018");
+
 void notify(const LogSite& site, const Record& record) {
   const auto words = connection_words(site, zorv::kClientProtocols, record.vpn_type,
                                       zorv::kClientActions, record.action);
@@ -26,7 +28,7 @@ void notify(const LogSite& site, const Record& record) {
     bytesToStr(record.rx_total, received);
   }
   const bool placed = record.action != zorv::kLoginOk;
-  zorv::nclog::notify_send(zorv::nc_msg("C002", "0018"),
+  zorv::nclog::notify_send(kConnectionLogged,
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, words->protocol, record.vpn_ip,
                            placed ? record.wan_ip : kBlank, placed ? record.country_code : kBlank,

@@ -11,6 +11,8 @@ using Record = db_conn_server_log;
 Table& table = table_of(zorv::kServerLog);
 LogModule& log_module = table.log;
 
+constexpr const zorv::nc_msg_struct* kConnectionLogged = zorv::nc_msg("C001", "0017");
+
 void notify(const LogSite& site, const Record& record) {
   std::string sent;
   std::string received;
@@ -26,7 +28,7 @@ void notify(const LogSite& site, const Record& record) {
     secondsToStr(static_cast<long long>(record.uptime), uptime);
   }
   const char* client_ip = record.action == zorv::kLoginFail ? kBlank : record.vpn_ip;
-  zorv::nclog::notify_send(zorv::nc_msg("C001", "0017"),
+  zorv::nclog::notify_send(kConnectionLogged,
                            timestamp(static_cast<long long>(record.time)).c_str(), uptime.c_str(),
                            record.username, record.source_ip, client_ip, sent.c_str(),
                            received.c_str(), words->protocol, words->status, nullptr);

@@ -16,6 +16,9 @@ LogModule& log_module = table.log;
 
 using zorv::LoginPolicy;
 
+constexpr const zorv::nc_msg_struct* kBlocked = zorv::nc_msg("C001", "0020");
+constexpr const zorv::nc_msg_struct* kUnblocked = zorv::nc_msg("C001", "0021");
+
 struct FreeRecords {
   void operator()(Record* records) const { std::free(records); }
 };
@@ -92,7 +95,7 @@ int insert_privilege_user_block(const char* username) {
   }
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == count) {
-    notify(zorv::nc_msg("C001", "0020"), name);
+    notify(kBlocked, name);
   }
   return 0;
 }
@@ -124,7 +127,7 @@ int check_privilege_user_block(const char* username) {
       break;
   }
   delete_row(table, row->id);
-  notify(zorv::nc_msg("C001", "0021"), name);
+  notify(kUnblocked, name);
   return 0;
 }
 
@@ -138,7 +141,7 @@ int delete_privilege_user_block(const char* username) {
   delete_row(table, row->id);
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == row->limit) {
-    notify(zorv::nc_msg("C001", "0021"), name);
+    notify(kUnblocked, name);
   }
   return 0;
 }
@@ -155,7 +158,7 @@ int clean_privilege_user_block() {
     const std::unique_ptr<Record, FreeRecords> owned(rows.data);
     for (record_uint64 i = 0; i < rows.count; ++i) {
       if (rows.data[i].limit == policy->limit) {
-        notify(zorv::nc_msg("C001", "0021"), rows.data[i].username);
+        notify(kUnblocked, rows.data[i].username);
       }
     }
   }
