@@ -9,7 +9,7 @@
 #include "commands.h"
 #include "display_text.h"
 #include "exit_status.h"
-#include "hook_command.h"
+#include "hook.h"
 
 namespace zorvctl {
 namespace {
@@ -24,15 +24,14 @@ constexpr const char* kFooter =
     "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked (only\n"
     "block check).";
 
-void add_nouns(CLI::App& program, std::span<char*> hook_words, Run* run) {
+void add_nouns(CLI::App& program, Run* run) {
   program.require_subcommand(1);
   program.set_version_flag("--version", "zorvctl " ZORV_VERSION, "Print the version");
-  add_record_nouns(program, run);
-  add_block_noun(program, run);
+  add_table_nouns(program, run);
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);
-  add_hook_noun(program, hook_words, run);
+  add_hook_noun(program);
   program.footer(kFooter);  // last: what is added later inherits it
 }
 
@@ -72,11 +71,13 @@ int wrong_words(const CLI::App& program, const CLI::ParseError& error) {
   return words.starts_with(kHookNoun) ? kFailed : kUsage;
 }
 
-int run(std::span<char*> arguments) {
+int run(std::span<char* const> arguments) {
+  if (const Hook* hook = named_hook(arguments)) {
+    return run_hook(*hook, arguments);
+  }
   CLI::App program("The command line of zorvd, the record daemon of the VPN service", "zorvctl");
   Run chosen_run;
-  const std::span<char*> hook_words = take_hook_words(&arguments);
-  add_nouns(program, hook_words, &chosen_run);
+  add_nouns(program, &chosen_run);
   try {
     program.parse(static_cast<int>(arguments.size()), arguments.data());
   } catch (const CLI::Success& wanted) {  // --help, --version

@@ -24,6 +24,53 @@ unsigned width_of(char32_t code) {
   return width < 0 ? 1 : static_cast<unsigned>(width);
 }
 
+// How one kind of output writes what is not shown as it is.
+struct Escapes {
+  std::string_view marked;  // characters that get a backslash
+  const char* ascii_control;
+  const char* stray_byte;
+};
+
+std::string escaped(std::string_view text, const Escapes& escapes) {
+  constexpr std::string_view kNamed = "\n\t\r";
+  constexpr std::string_view kNames = "ntr";
+  std::string result;
+  result.reserve(text.size());
+  while (!text.empty()) {
+    const Character character = first_character(text);
+    const auto code = static_cast<unsigned>(character.code);
+    const char byte = text.front();
+    if (!character.valid) {
+      result += fmt::format(fmt::runtime(escapes.stray_byte), static_cast<unsigned char>(byte));
+    } else if (const size_t named = kNamed.find(byte); named != std::string_view::npos) {
+      result += {'\\', kNames[named]};
+    } else if (escapes.marked.find(byte) != std::string_view::npos) {
+      result += {'\\', byte};
+    } else if (is_control(character.code)) {
+      result += fmt::format(fmt::runtime(code < 0x80 ? escapes.ascii_control : "\\u{:04x}"), code);
+    } else {
+      result += text.substr(0, character.length);
+    }
+    text.remove_prefix(character.length);
+  }
+  return result;
+}
+
+template <class Measure>
+std::string_view front(std::string_view text, size_t most, Measure measure) {
+  size_t length = 0;
+  size_t taken = 0;
+  while (length < text.size()) {
+    const Character character = first_character(text.substr(length));
+    taken += measure(character);
+    if (taken > most) {
+      break;
+    }
+    length += character.length;
+  }
+  return text.substr(0, length);
+}
+
 }  // namespace
 
 Character first_character(std::string_view text) {
@@ -74,27 +121,11 @@ bool is_control(char32_t code) {
 }
 
 std::string display_text(std::string_view text) {
-  std::string result;
-  result.reserve(text.size());
-  while (!text.empty()) {
-    const Character character = first_character(text);
-    const auto code = static_cast<unsigned>(character.code);
-    if (!character.valid) {
-      result += fmt::format("\\x{:02x}", byte_at(text, 0));
-    } else if (code == '\n') {
-      result += "\\n";
-    } else if (code == '\t') {
-      result += "\\t";
-    } else if (code == '\r') {
-      result += "\\r";
-    } else if (is_control(character.code)) {
-      result += code < 0x80 ? fmt::format("\\x{:02x}", code) : fmt::format("\\u{:04x}", code);
-    } else {
-      result += text.substr(0, character.length);
-    }
-    text.remove_prefix(character.length);
-  }
-  return result;
+  return escaped(text, {"", "\\x{:02x}", "\\x{:02x}"});
+}
+
+std::string json_string(std::string_view text) {
+  return '"' + escaped(text, {"\"\\", "\\u{:04x}", "\\ufffd"}) + '"';
 }
 
 unsigned display_width(std::string_view text) {
@@ -107,18 +138,12 @@ unsigned display_width(std::string_view text) {
   return width;
 }
 
-std::string_view fitting_front(std::string_view text, unsigned columns) {
-  size_t length = 0;
-  unsigned width = 0;
-  while (length < text.size()) {
-    const Character character = first_character(text.substr(length));
-    width += width_of(character.code);
-    if (width > columns) {
-      break;
-    }
-    length += character.length;
-  }
-  return text.substr(0, length);
+std::string_view front_of_columns(std::string_view text, size_t columns) {
+  return front(text, columns, [](const Character& character) { return width_of(character.code); });
+}
+
+std::string_view front_of_bytes(std::string_view text, size_t bytes) {
+  return front(text, bytes, [](const Character& character) { return character.length; });
 }
 
 }  // namespace zorvctl

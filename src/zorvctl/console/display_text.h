@@ -24,9 +24,15 @@ bool is_control(char32_t code);
 // The text with control characters and stray bytes written as \n, \t, \x1b, \u202e.
 std::string display_text(std::string_view text);
 
-// How many columns of a terminal the text takes, and the longest front of it that takes at most
-// `columns`. For text that display_text gave.
+// The text as a JSON string, quotes included: control characters escaped, a stray byte as U+FFFD.
+std::string json_string(std::string_view text);
+
+// How many columns of a terminal the text takes. For text that display_text gave.
 unsigned display_width(std::string_view text);
-std::string_view fitting_front(std::string_view text, unsigned columns);
+
+// The longest front of `text` that takes at most so many columns, or bytes, and ends between two
+// characters.
+std::string_view front_of_columns(std::string_view text, size_t columns);
+std::string_view front_of_bytes(std::string_view text, size_t bytes);
 
 }  // namespace zorvctl

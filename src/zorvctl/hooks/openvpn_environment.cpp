@@ -1,12 +1,12 @@
 #include "openvpn_environment.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <string_view>
 
 #include "display_text.h"
-#include "zorv_connection_codes.h"
+#include "whole_number.h"
+#include "zorv_schema.h"
 
 namespace zorvctl {
 namespace {
@@ -54,33 +54,14 @@ unsigned long long number_of(const Environment& environment, std::string_view na
                              unsigned long long highest) {
   const std::string_view text = value_of(environment, name);
   unsigned long long number = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error == std::errc::result_out_of_range) {
+  if (read_whole_number(text, &number) == WholeNumber::too_large) {
     return highest;
   }
-  const bool whole = error == std::errc() && end == text.data() + text.size();
-  return whole ? std::min(number, highest) : 0;
-}
-
-// The longest front of `text` that fits into `size` bytes and ends between two characters.
-std::string_view cut_to(std::string_view text, size_t size) {
-  if (text.size() <= size) {
-    return text;
-  }
-  size_t length = 0;
-  while (length < size) {
-    const size_t next = length + first_character(text.substr(length)).length;
-    if (next > size) {
-      break;
-    }
-    length = next;
-  }
-  return text.substr(0, length);
+  return std::min(number, highest);
 }
 
 void put_text(char (&field)[kTextSize], std::string_view text) {
-  const std::string_view cut = cut_to(text, sizeof field - 1);
-  field[cut.copy(field, cut.size())] = '\0';
+  zorv::copy_text(field, front_of_bytes(text, sizeof field - 1));
 }
 
 std::string device_info(const Environment& environment) {
@@ -150,7 +131,8 @@ ScriptType script_type(const Environment& environment) {
 }
 
 std::string login_name(const Environment& environment) {
-  return std::string(cut_to(first_of(environment, {"username", "common_name"}), kTextSize - 1));
+  return std::string(
+      front_of_bytes(first_of(environment, {"username", "common_name"}), kTextSize - 1));
 }
 
 db_conn_server_log login_record(const Environment& environment, std::time_t now) {

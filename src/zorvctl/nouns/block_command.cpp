@@ -7,10 +7,9 @@
 #include "display_text.h"
 #include "duration.h"
 #include "exit_status.h"
-#include "login_guard.h"
 #include "login_policy.h"
 #include "table_look.h"
-#include "zorv_api_db.h"
+#include "zorv_calls.h"
 
 namespace zorvctl {
 namespace {
@@ -40,6 +39,112 @@ const char* state_text(BlockState state) {
   return "unknown";
 }
 
+bool fits(const std::string& username) {
+  constexpr size_t kLongest = kTextSize - 1;
+  if (username.size() <= kLongest) {
+    return true;
+  }
+  complain("username: {} bytes are too many, a user name holds at most {}", username.size(),
+           kLongest);
+  return false;
+}
+
+int check(const std::string& username, bool quiet) {
+  if (!fits(username)) {
+    return kUsage;
+  }
+  // One that the daemon cannot judge by its policy is not blocked.
+  auto answer = zorv_api::BlockAnswer::unknown;
+  const int status = report_status(zorv_api::check_block(username, answer), "check the user");
+  if (status != kDone) {
+    return status;
+  }
+  const bool blocked = answer == zorv_api::BlockAnswer::blocked;
+  if (!quiet) {
+    print(fmt::format("{}: {}\n", display_text(username), blocked ? "blocked" : "not blocked"));
+  }
+  return blocked ? kBlocked : kDone;
+}
+
+struct UserChange {
+  TableLook before;
+  TableLook after;
+};
+
+// Calls the daemon, and looks at the user's row before and afterwards.
+int change_user(const std::string& username, int (*call)(const std::string& username),
+                const char* what, UserChange* ret) {
+  if (!fits(username)) {
+    return kUsage;
+  }
+  const RecordQuery row = where(*zorv::kUserBlock.find("username"), username, {});
+  int status = report_status(look(zorv::kUserBlock, ret->before, row), what);
+  if (status == kDone) {
+    status = report_status(call(username), what);
+  }
+  return status == kDone ? report_status(look(zorv::kUserBlock, ret->after, row), what) : status;
+}
+
+int fail(const std::string& username) {
+  constexpr const char* kWhat = "count a failed login";
+  UserChange user;
+  const int status = change_user(
+      username, [](const std::string& name) { return zorv_api::count_failure(name); }, kWhat,
+      &user);
+  if (status == kDone && user.after.row == user.before.row) {
+    complain("cannot {}: the daemon kept nothing, its log says why", kWhat);
+    return kFailed;
+  }
+  return status;
+}
+
+int remove(const std::string& username, bool quiet) {
+  constexpr const char* kWhat = "remove the user";
+  UserChange user;
+  const int status = change_user(
+      username, [](const std::string& name) { return zorv_api::forget_failures(name); }, kWhat,
+      &user);
+  if (status == kDone && user.after.id) {
+    complain("cannot {}: {} is still there, the daemon's log says why", kWhat,
+             display_text(username));
+    return kFailed;
+  }
+  if (status == kDone && !user.before.id && !quiet) {
+    complain("there is no user '{}' with failed logins", display_text(username));
+  }
+  return status;
+}
+
+int show_policy(bool json) {
+  const auto policy = read_policy();
+  if (!policy) {
+    return kFailed;
+  }
+  if (json) {
+    print(fmt::format("{{\"enable\": {}, \"limit\": {}, \"time\": {}}}\n", policy->enabled,
+                      policy->limit, policy->minutes));
+    return kDone;
+  }
+  print(fmt::format("policy      {}\nlimit       {} failed logins\nblock time  {} ({} min)\n",
+                    policy->enabled ? "on" : "off", policy->limit,
+                    duration_text(zorv::block_seconds(policy->minutes)), policy->minutes));
+  return kDone;
+}
+
+// A verb that takes one user name.
+struct UserVerb {
+  std::shared_ptr<std::string> username = std::make_shared<std::string>();
+  std::shared_ptr<bool> quiet = std::make_shared<bool>(false);
+  CLI::App* verb;
+
+  UserVerb(CLI::App& noun, const char* name, const char* description)
+      : verb(noun.add_subcommand(name, description)) {
+    verb->add_option("user", *username, "The user's name, exactly")->required()->type_name("USER");
+  }
+};
+
+}  // namespace
+
 std::vector<ComputedColumn> block_columns() {
   const auto policy = read_policy();
   const std::time_t now = std::time(nullptr);
@@ -65,141 +170,29 @@ std::vector<ComputedColumn> block_columns() {
            }}};
 }
 
-bool fits(const std::string& username) {
-  constexpr size_t kLongest = kTextSize - 1;
-  if (username.size() <= kLongest) {
-    return true;
-  }
-  complain("username: {} bytes are too many, a user name holds at most {}", username.size(),
-           kLongest);
-  return false;
-}
-
-int check(const std::string& username, bool quiet) {
-  if (!fits(username)) {
-    return kUsage;
-  }
-  const CheckAnswer answer = check_user(username);
-  if (answer.bus_status != 0) {
-    return report_status(answer.bus_status, "check the user");
-  }
-  if (!quiet) {
-    print(fmt::format("{}: {}\n", display_text(username),
-                      answer.blocked ? "blocked" : "not blocked"));
-  }
-  return answer.blocked ? kBlocked : kDone;
-}
-
-RecordQuery row_of(const std::string& username) {
-  return where(*find_column(kBlock.columns, "username"), username, {});
-}
-
-int fail(const std::string& username) {
-  constexpr const char* kWhat = "count a failed login";
-  if (!fits(username)) {
-    return kUsage;
-  }
-  const TableLook before = look(kBlock, row_of(username));
-  if (const int status = report_query_end(before.end, kWhat); status != kDone) {
-    return status;
-  }
-  if (const int status = report_status(count_failure(username), kWhat); status != kDone) {
-    return status;
-  }
-  const TableLook after = look(kBlock, row_of(username));
-  if (const int status = report_query_end(after.end, kWhat); status != kDone) {
-    return status;
-  }
-  if (after.row == before.row) {
-    complain("cannot {}: the daemon kept nothing, its log says why", kWhat);
-    return kFailed;
-  }
-  return kDone;
-}
-
-int remove(const std::string& username, bool quiet) {
-  constexpr const char* kWhat = "remove the user";
-  if (!fits(username)) {
-    return kUsage;
-  }
-  const RecordQuery row = row_of(username);
-  const TableLook before = look(kBlock, row);
-  if (const int status = report_query_end(before.end, kWhat); status != kDone) {
-    return status;
-  }
-  std::string name = username;
-  if (const int status = report_status(delete_privilege_user_block(name.data()), kWhat);
-      status != kDone) {
-    return status;
-  }
-  const TableLook after = look(kBlock, row);
-  if (const int status = report_query_end(after.end, kWhat); status != kDone) {
-    return status;
-  }
-  if (after.id) {
-    complain("cannot {}: {} is still there, the daemon's log says why", kWhat,
-             display_text(username));
-    return kFailed;
-  }
-  if (!before.id && !quiet) {
-    complain("there is no user '{}' with failed logins", display_text(username));
-  }
-  return kDone;
-}
-
-int show_policy(bool json) {
-  const auto policy = read_policy();
-  if (!policy) {
-    return kFailed;
-  }
-  if (json) {
-    print(fmt::format("{{\"enable\": {}, \"limit\": {}, \"time\": {}}}\n", policy->enabled,
-                      policy->limit, policy->minutes));
-    return kDone;
-  }
-  print(fmt::format("policy      {}\nlimit       {} failed logins\nblock time  {} ({} min)\n",
-                    policy->enabled ? "on" : "off", policy->limit,
-                    duration_text(zorv::block_seconds(policy->minutes)), policy->minutes));
-  return kDone;
-}
-
-// A verb that takes one user name.
-CLI::App* add_user_verb(CLI::App& noun, const char* name, const char* description,
-                        const std::shared_ptr<std::string>& username) {
-  CLI::App* verb = noun.add_subcommand(name, description);
-  verb->add_option("user", *username, "The user's name, exactly")->required()->type_name("USER");
-  return verb;
-}
-
-}  // namespace
-
-void add_block_noun(CLI::App& program, Run* run) {
-  CLI::App* noun = program.add_subcommand(kBlock.noun, kBlock.description);
-  noun->require_subcommand(1);
-  add_list_verb(*noun, kBlock, block_columns, run);
-
-  auto username = std::make_shared<std::string>();
-  auto quiet = std::make_shared<bool>(false);
-  CLI::App* verb = add_user_verb(*noun, "check", "Say whether a user is blocked", username);
-  verb->add_flag("-q,--quiet", *quiet, "Only the exit status");
-  verb->footer(
+void add_check_and_fail_verbs(CLI::App& noun, const zorv::TableSchema& /*table*/, Run* run) {
+  const UserVerb checked(noun, "check", "Say whether a user is blocked");
+  checked.verb->add_flag("-q,--quiet", *checked.quiet, "Only the exit status");
+  checked.verb->footer(
       "Ends with 4 when the user is blocked, with 0 when not. A check also does what a login's\n"
       "check does: a user whose block time is over is forgotten, and while the policy is off,\n"
       "everyone is.");
-  verb->callback([=] { *run = [=] { return check(*username, *quiet); }; });
+  checked.verb->callback([=] { *run = [=] { return check(*checked.username, *checked.quiet); }; });
 
-  verb = add_user_verb(*noun, "fail", "Count one failed login of a user", username);
-  verb->callback([=] { *run = [=] { return fail(*username); }; });
+  const UserVerb failed(noun, "fail", "Count one failed login of a user");
+  failed.verb->callback([=] { *run = [=] { return fail(*failed.username); }; });
+}
 
-  verb =
-      add_user_verb(*noun, "remove", "Lift the block of a user and forget the failures", username);
-  verb->add_flag("-q,--quiet", *quiet, "No word about a user who is not there");
-  verb->callback([=] { *run = [=] { return remove(*username, *quiet); }; });
+void add_remove_verb(CLI::App& noun, const zorv::TableSchema& /*table*/, Run* run) {
+  const UserVerb removed(noun, "remove", "Lift the block of a user and forget the failures");
+  removed.verb->add_flag("-q,--quiet", *removed.quiet, "No word about a user who is not there");
+  removed.verb->callback([=] { *run = [=] { return remove(*removed.username, *removed.quiet); }; });
+}
 
-  add_clean_verb(*noun, kBlock, run);
-
+void add_policy_verb(CLI::App& noun, Run* run) {
   auto json = std::make_shared<bool>(false);
-  verb = noun->add_subcommand("policy", "Show the login policy that decides who is blocked");
+  CLI::App* verb =
+      noun.add_subcommand("policy", "Show the login policy that decides who is blocked");
   verb->add_flag("-j,--json", *json, "As one JSON object");
   verb->callback([=] { *run = [=] { return show_policy(*json); }; });
 }

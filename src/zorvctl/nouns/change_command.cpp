@@ -1,132 +1,148 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <ctime>
 #include <memory>
-#include <new>
 
 #include "commands.h"
 #include "daemon_answer.h"
 #include "delete_records.h"
 #include "display_text.h"
 #include "exit_status.h"
+#include "table_facts.h"
 #include "table_look.h"
 #include "value_text.h"
+#include "zorv_calls.h"
 
 namespace zorvctl {
 namespace {
 
-std::string option_name(const Column& column) {
-  std::string name = std::string("--") + column.name;
+std::string option_name(const zorv::Field& field) {
+  std::string name = std::string("--") + field.name;
   std::replace(name.begin(), name.end(), '_', '-');
   return name;
 }
 
-// A zeroed record of a kind, aligned for any.
-class RecordMemory {
- public:
-  explicit RecordMemory(const RecordKind& kind) : memory_(std::calloc(1, kind.record_size)) {
-    if (memory_ == nullptr) {
-      throw std::bad_alloc();
-    }
-  }
-  void* get() const { return memory_.get(); }
-
- private:
-  std::unique_ptr<void, FreeMemory> memory_;
-};
-
 struct AddOption {
-  const Column* column;
+  const zorv::Field* field;
   CLI::Option* option;
 };
 
-int add_record(const RecordKind& kind, const std::vector<AddOption>& options) {
-  const RecordMemory record(kind);
+int fill_record(const zorv::TableSchema& table, const std::vector<AddOption>& options,
+                void* record) {
   const std::time_t now = std::time(nullptr);
   for (const AddOption& given : options) {
-    const Column& column = *given.column;
-    if (given.option->count() == 0) {
-      if (column.kind == Kind::time && kind.time_column == std::string_view(column.name)) {
-        column.set(record.get(), static_cast<unsigned long long>(now));
+    const zorv::Field& field = *given.field;
+    FieldValue value = static_cast<record_uint64>(now);
+    if (given.option->count() != 0) {
+      std::string error;
+      const std::string& text = given.option->results().front();
+      if (read_value(field, text, now, Zone::local, &value, &error) != 0) {
+        complain("{}: {}", option_name(field), error);
+        return kUsage;
       }
+    } else if (&field != table.time) {
       continue;
     }
-    Value value;
-    std::string error;
-    const std::string& text = given.option->results().front();
-    if (read_value(column, text, now, Zone::local, &value, &error) != 0) {
-      complain("{}: {}", option_name(column), error);
-      return kUsage;
-    }
-    column.set(record.get(), value);
+    set(field, record, value);
   }
-  const std::string what = fmt::format("add to {}", kind.noun);
+  return kDone;
+}
+
+// What the daemon answers is empty but for a table that answers an insert.
+int insert(const zorv::TableSchema& table, const void* record, std::string* ret_answer) {
+  if (!answers_an_insert(table)) {
+    return zorv_api::insert(table, record);
+  }
+  zorv_mobile_gen_uuid_data_get uuid{};
+  const int status =
+      zorv_api::insert_device(*static_cast<const db_device_info_data*>(record), uuid);
+  *ret_answer = uuid.zorv_uuid;
+  return status;
+}
+
+int add_record(const zorv::TableSchema& table, const std::vector<AddOption>& options) {
+  std::vector<record_uint64> memory(table.record_size / sizeof(record_uint64) + 1);
+  if (const int status = fill_record(table, options, memory.data()); status != kDone) {
+    return status;
+  }
+  const std::string what = fmt::format("add to {}", table.noun);
+  const bool is_answered = answers_an_insert(table);
   TableLook before;
-  if (!kind.answers_add) {
-    before = look(kind);
-    if (const int status = report_query_end(before.end, what.c_str()); status != kDone) {
+  if (!is_answered) {
+    if (const int status = report_status(look(table, before), what.c_str()); status != kDone) {
       return status;
     }
   }
   std::string answer;
-  if (const int status = report_status(kind.add(record.get(), &answer), what.c_str());
+  if (const int status = report_status(insert(table, memory.data(), &answer), what.c_str());
       status != kDone) {
     return status;
   }
   bool kept = !answer.empty();
-  if (!kind.answers_add) {
-    const TableLook after = look(kind);
-    if (const int status = report_query_end(after.end, what.c_str()); status != kDone) {
+  if (!is_answered) {
+    TableLook after;
+    if (const int status = report_status(look(table, after), what.c_str()); status != kDone) {
       return status;
     }
-    kept = after.id != before.id || kind.columns.empty();
+    kept = after.id != before.id || keeps_nothing(table);
   }
   if (!kept) {
     complain("cannot {}: the daemon kept nothing, its log says why", what);
     return kFailed;
   }
-  return !kind.answers_add || print(display_text(answer) + "\n") ? kDone : kFailed;
+  return !is_answered || print(display_text(answer) + "\n") ? kDone : kFailed;
 }
 
 // All of them, before the first is deleted.
-int read_ids(const RecordKind& kind, const std::vector<std::string>& words,
-             std::vector<long long>* ret_ids) {
+int read_ids(const zorv::TableSchema& table, const std::vector<std::string>& words,
+             std::vector<record_int64>* ret_ids) {
   for (const std::string& word : words) {
-    Value id;
+    FieldValue id;
     std::string error;
-    if (read_value(kind.columns[0], word, 0, Zone::utc, &id, &error) != 0) {
+    if (read_value(table.fields[0], word, 0, Zone::utc, &id, &error) != 0) {
       complain("{}", error);
       return kUsage;
     }
-    ret_ids->push_back(std::get<long long>(id));
+    ret_ids->push_back(std::get<record_int64>(id));
   }
   return kDone;
 }
 
-std::string caution(const RecordKind& kind) {
-  return kind.delete_caution != nullptr ? kind.delete_caution : "";
+// The daemon adds to the statements of these tables and never takes back what it added.
+const char* caution(const zorv::TableSchema& table) {
+  if (deletes_once(table)) {
+    return "Until zorvd is restarted, one delete works: the next delete or clean after it, or a "
+           "delete\nafter a clean, fails and may lose the whole list.";
+  }
+  if (deletes_are_linked(table)) {
+    return "Until zorvd is restarted, a delete after a clean deletes EVERY record, which it says "
+           "and ends\nwith 1, and a clean after a delete deletes none.";
+  }
+  return "";
 }
 
-int clean_records(const RecordKind& kind) {
-  const std::string what = fmt::format("clean {}", kind.noun);
-  const TableLook newest = look(kind);
-  if (newest.end == QueryEnd::late || newest.end == QueryEnd::unanswered) {
-    return report_query_end(newest.end, what.c_str());
+int clean_records(const zorv::TableSchema& table) {
+  const std::string what = fmt::format("clean {}", table.noun);
+  TableLook newest;
+  // A clean may mend a table that cannot be read.
+  if (const int status = look(table, newest); status != kTableNotRead) {
+    if (const int reported = report_status(status, what.c_str()); reported != kDone) {
+      return reported;
+    }
   }
-  if (const int status = report_status(kind.clean(), what.c_str()); status != kDone) {
+  if (const int status = report_status(zorv_api::clean(table), what.c_str()); status != kDone) {
     return status;
   }
-  RecordQuery query;
-  query.descending = false;
-  const TableLook oldest = look(kind, query);
-  if (const int status = report_query_end(oldest.end, what.c_str()); status != kDone) {
+  TableLook oldest;
+  if (const int status = report_status(look(table, oldest, upwards()), what.c_str());
+      status != kDone) {
     return status;
   }
   // Newer ones came after the clean.
   if (oldest.id && newest.id && *oldest.id <= *newest.id) {
-    const bool deaf_after_delete = kind.delete_caution != nullptr && !kind.deletes_once;
-    complain("cannot {}: {} are still there{}, the daemon's log says why", what, kind.plural,
-             deaf_after_delete
+    complain("cannot {}: {} are still there{}, the daemon's log says why", what, table.plural,
+             deletes_are_linked(table)
                  ? ": after a delete, a clean does nothing until zorvd is restarted; without one"
                  : "");
     return kFailed;
@@ -136,56 +152,56 @@ int clean_records(const RecordKind& kind) {
 
 }  // namespace
 
-void add_add_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
+void add_add_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
   CLI::App* verb = noun.add_subcommand(
-      "add", fmt::format("Record one of the {}, as a VPN server or client would", kind.plural));
+      "add", fmt::format("Record one of the {}, as a VPN server or client would", table.plural));
   auto options = std::make_shared<std::vector<AddOption>>();
-  for (const Column& column : kind.columns) {
-    if (column.filled == Filled::by_caller) {
-      const bool is_moment = kind.time_column == std::string_view(column.name);
-      const std::string hint = value_hint(column) + (is_moment ? "; now if not given" : "");
-      options->push_back({&column, verb->add_option(option_name(column), hint)
-                                       ->type_name(column.kind == Kind::text ? "TEXT" : "VALUE")
-                                       ->expected(1)});
+  for (const zorv::Field& field : table.fields) {
+    if (table.is_given(field)) {
+      const std::string hint =
+          value_hint(field) + (&field == table.time ? "; now if not given" : "");
+      options->push_back({&field, verb->add_option(option_name(field), hint)
+                                      ->type_name(field.is_text() ? "TEXT" : "VALUE")
+                                      ->expected(1)});
     }
   }
   verb->footer("What is not given is empty or 0.");
   verb->callback(
-      [&kind, options, run] { *run = [&kind, options] { return add_record(kind, *options); }; });
+      [&table, options, run] { *run = [&table, options] { return add_record(table, *options); }; });
 }
 
-void add_delete_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
-  CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", kind.plural));
+void add_delete_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
+  CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", table.plural));
   auto words = std::make_shared<std::vector<std::string>>();
   auto quiet = std::make_shared<bool>(false);
   verb->add_flag("-q,--quiet", *quiet, "No word about ids that are not there");
   CLI::Option* id_words =
       verb->add_option("ids", *words, "Ids, as \"list\" shows them")->required()->type_name("ID");
-  if (kind.deletes_once) {
+  if (deletes_once(table)) {
     id_words->expected(1);
   }
-  verb->footer(caution(kind));
-  verb->callback([&kind, words, quiet, run] {
-    *run = [&kind, words, quiet] {
-      std::vector<long long> ids;
-      const int status = read_ids(kind, *words, &ids);
-      return status == kDone ? delete_records(kind, ids, *quiet) : status;
+  verb->footer(caution(table));
+  verb->callback([&table, words, quiet, run] {
+    *run = [&table, words, quiet] {
+      std::vector<record_int64> ids;
+      const int status = read_ids(table, *words, &ids);
+      return status == kDone ? delete_records(table, ids, *quiet) : status;
     };
   });
 }
 
-void add_clean_verb(CLI::App& noun, const RecordKind& kind, Run* run) {
-  CLI::App* verb = noun.add_subcommand("clean", fmt::format("Delete all {}", kind.plural));
+void add_clean_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
+  CLI::App* verb = noun.add_subcommand("clean", fmt::format("Delete all {}", table.plural));
   auto all = std::make_shared<bool>(false);
   verb->add_flag("--all", *all, "Say that all are meant: without it nothing is deleted");
-  verb->footer(caution(kind));
-  verb->callback([&kind, all, run] {
-    *run = [&kind, all] {
+  verb->footer(caution(table));
+  verb->callback([&table, all, run] {
+    *run = [&table, all] {
       if (!*all) {
-        complain("clean deletes all {}: say --all if that is meant", kind.plural);
+        complain("clean deletes all {}: say --all if that is meant", table.plural);
         return static_cast<int>(kUsage);
       }
-      return clean_records(kind);
+      return clean_records(table);
     };
   });
 }

@@ -9,27 +9,32 @@
 #include <string>
 #include <vector>
 
-#include "record_kind.h"
 #include "record_writer.h"
+#include "zorv_schema.h"
 
 namespace zorvctl {
 
 using Run = std::function<int()>;
 
-// Worked out when the list is about to be shown.
-using MakeComputed = std::function<std::vector<ComputedColumn>()>;
-
-// "server-log", "client-log", "event", "session", "device".
-void add_record_nouns(CLI::App& program, Run* run);
-void add_block_noun(CLI::App& program, Run* run);
+// One for each table, with the verbs for which it has methods.
+void add_table_nouns(CLI::App& program, Run* run);
 void add_uuid_noun(CLI::App& program, Run* run);
 void add_option_noun(CLI::App& program, Run* run);
 void add_gateway_noun(CLI::App& program, Run* run);
 
-// Verbs that several nouns have.
-void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_computed, Run* run);
-void add_add_verb(CLI::App& noun, const RecordKind& kind, Run* run);
-void add_delete_verb(CLI::App& noun, const RecordKind& kind, Run* run);
-void add_clean_verb(CLI::App& noun, const RecordKind& kind, Run* run);
+// The verbs of tables.
+using AddVerb = void (*)(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+void add_list_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+void add_add_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+void add_delete_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+void add_clean_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+
+// Blocks are counted and forgotten by a user's name, not added and deleted.
+void add_check_and_fail_verbs(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+void add_remove_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+void add_policy_verb(CLI::App& noun, Run* run);
+
+// Columns of block's table: what the login policy makes of each user.
+std::vector<ComputedColumn> block_columns();
 
 }  // namespace zorvctl

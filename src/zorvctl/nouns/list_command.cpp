@@ -3,9 +3,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
+#include <ctime>
 #include <memory>
-#include <utility>
 
 #include "commands.h"
 #include "daemon_answer.h"
@@ -30,12 +29,44 @@ std::string wrapped(const std::string& text) {
   return result + text.substr(line);
 }
 
+// "table, json (one object a line) or csv", or with commas alone and no remarks.
+std::string format_names(bool for_help) {
+  std::string names;
+  for (const Format* format : kFormats) {
+    const bool last = format == kFormats.back();
+    names += names.empty() ? "" : for_help && last ? " or " : ", ";
+    names += format->name;
+    if (for_help && *format->remark != '\0') {
+      names += fmt::format(" ({})", format->remark);
+    }
+  }
+  return names;
+}
+
 CLI::Validator output_format() {
   return {[](std::string& text) -> std::string {
-            const bool known = text == "table" || text == "json" || text == "csv";
-            return known ? "" : fmt::format("'{}' is none of table, json, csv", text);
+            return find_format(text) != nullptr
+                       ? ""
+                       : fmt::format("'{}' is none of {}", text, format_names(false));
           },
           ""};
+}
+
+std::vector<ComputedColumn> session_columns() {
+  const auto now = static_cast<record_uint64>(std::time(nullptr));
+  return {{"STATE", false, [now](const void* record) -> std::string {
+             const auto expires = static_cast<const db_server_list_data*>(record)->expire_time;
+             if (expires == 0) {
+               return "-";
+             }
+             return expires <= now ? "expired" : "valid";
+           }}};
+}
+
+MakeComputed computed_columns_of(const zorv::TableSchema& table) {
+  return &table == &zorv::kServerList  ? session_columns
+         : &table == &zorv::kUserBlock ? block_columns
+                                       : nullptr;
 }
 
 Style output_style(const ListOptions& options) {
@@ -50,75 +81,54 @@ Style output_style(const ListOptions& options) {
   return style;
 }
 
-std::unique_ptr<RecordWriter> make_writer(const RecordKind& kind, const ListOptions& options,
-                                          const MakeComputed& make_computed, std::string* out) {
-  if (options.json || options.output == "json") {
-    return make_json_writer(kind.columns, out);
+// How far a long fetch has come, on the last line of a terminal.
+void show_progress(unsigned long long read, unsigned long long total) {
+  if (isatty(STDERR_FILENO) == 1) {
+    fmt::print(stderr, "\r{} of {} read", read, total);
   }
-  if (options.output == "csv") {
-    return make_csv_writer(kind.columns, output_style(options), out);
-  }
-  return make_table_writer(kind.columns,
-                           make_computed ? make_computed() : std::vector<ComputedColumn>{},
-                           output_style(options), out);
 }
 
-// How far a long fetch has come, on the last line of a terminal.
-class Progress {
- public:
-  void show(unsigned long long read, unsigned long long total) {
-    if (terminal_) {
-      fmt::print(stderr, "\r{} of {} read", read, total);
-      shown_ = true;
-    }
+void clear_progress() {
+  if (isatty(STDERR_FILENO) == 1) {
+    fmt::print(stderr, "\r\x1b[K");
   }
-  void clear() {
-    if (shown_) {
-      fmt::print(stderr, "\r\x1b[K");
-      shown_ = false;
-    }
-  }
+}
 
- private:
-  bool terminal_ = isatty(STDERR_FILENO) == 1;
-  bool shown_ = false;
-};
-
-int list_records(const RecordKind& kind, const ListOptions& options,
-                 const MakeComputed& make_computed) {
+int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   RecordQuery query;
-  if (const int status = read_query(kind, options, &query); status != kDone) {
+  if (const int status = read_query(table, options, &query); status != kDone) {
     return status;
   }
+  const Format& format = *find_format(options.output);
   std::string out;
-  const auto writer = make_writer(kind, options, make_computed, &out);
-  Progress progress;
+  const auto writer =
+      format.make_writer({table.fields, computed_columns_of(table), output_style(options)}, &out);
   bool printed = true;
   QueryEvents events;
-  events.on_record = [&](const void* record) { writer->add(record); };
-  events.on_wait = [&](unsigned long long read, unsigned long long total) {
-    progress.show(read, total);
+  events.on_record = [&](const void* record) {
+    writer->add(record);
+    return true;
   };
+  events.on_wait = show_progress;
   events.on_page_end = [&] {
-    progress.clear();
+    clear_progress();
     writer->end_page();
     printed = print(out) && printed;
     out.clear();
   };
-  const QueryEnd end = run_query(kind, query, events);
-  progress.clear();
+  QueryResult result;
+  const int status = run_query(table, query, events, &result);
   if (!flush_output() || !printed) {
     return kFailed;
   }
-  const std::string what = fmt::format("list the {}", kind.plural);
-  if (end == QueryEnd::more && !options.quiet) {
-    complain("there are more {} than these {}: -n 0 shows all", kind.plural, options.limit);
+  if (result.more && !options.quiet) {
+    complain("there are more {} than these {}: -n 0 shows all", table.plural, options.limit);
   }
-  return report_query_end(end, what.c_str());
+  return report_status(status, fmt::format("list the {}", table.plural).c_str());
 }
 
-std::string list_footer(const RecordKind& kind) {
-  if (kind.columns.empty()) {
+std::string list_footer(const zorv::TableSchema& table) {
+  if (table.fields.empty()) {
     return "";
   }
   return fmt::format(
@@ -132,8 +142,8 @@ std::string list_footer(const RecordKind& kind) {
       "  zorvctl {2} list -n 0 -S yesterday -o csv\n"
       "  zorvctl {2} list {3}=alice -j\n"
       "  zorvctl {2} list --sort {4} -r -n 10",
-      wrapped("Fields: " + field_names(kind) + "."), kind.plural, kind.noun,
-      find_column(kind.columns, "username") != nullptr ? "username" : "user_id", kind.time_column);
+      wrapped("Fields: " + field_names(table) + "."), table.plural, table.noun,
+      table.find("username") != nullptr ? "username" : "user_id", table.time->name);
 }
 
 // Keeps an option's text, also an empty one, which is a wrong value and not a missing option.
@@ -146,30 +156,32 @@ CLI::callback_t given(std::optional<std::string>& target) {
 
 }  // namespace
 
-void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_computed, Run* run) {
+void add_list_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
   auto options = std::make_shared<ListOptions>();
+  options->output = kFormats.front()->name;
   CLI::App* verb =
-      noun.add_subcommand("list", fmt::format("Show {}, the newest first", kind.plural));
-  verb->add_option("-o,--output", options->output, "table, json (one object a line) or csv")
+      noun.add_subcommand("list", fmt::format("Show {}, the newest first", table.plural));
+  verb->add_option("-o,--output", options->output, format_names(true))
       ->check(output_format())
       ->type_name("FORMAT");
-  verb->add_flag("-j,--json", options->json, "The same as -o json");
+  verb->add_flag_callback(
+      "-j,--json", [options] { options->output = "json"; }, "The same as -o json");
   verb->add_option(
           "-n,--limit", options->limit,
-          fmt::format("At most N {} ({} if not given, 0 for all)", kind.plural, kDefaultLimit))
+          fmt::format("At most N {} ({} if not given, 0 for all)", table.plural, kDefaultLimit))
       ->transform(decimal())
       ->type_name("N");
   verb->add_option("--offset", options->offset, "Leave out the first N")
       ->transform(decimal())
       ->type_name("N");
   verb->add_flag("-r,--reverse", options->reverse, "The other way round");
-  if (!kind.columns.empty()) {
+  if (!table.fields.empty()) {
     verb->add_option("--sort", given(options->sort), "Order by this field, the smallest first")
         ->type_name("FIELD");
     verb->add_option("filters", options->filters, "Only those where FIELD equals VALUE")
         ->type_name("FIELD=VALUE");
   }
-  if (kind.time_column != nullptr) {
+  if (table.time != nullptr) {
     verb->add_option("-S,--since", given(options->since), "Only from this time on")
         ->type_name("TIME");
     verb->add_option("-U,--until", given(options->until), "Only up to this time")
@@ -177,9 +189,9 @@ void add_list_verb(CLI::App& noun, const RecordKind& kind, MakeComputed make_com
   }
   verb->add_flag("--utc", options->utc, "Times, shown and given, are in UTC");
   verb->add_flag("-q,--quiet", options->quiet, "No heading, and no word about further records");
-  verb->footer(list_footer(kind));
-  verb->callback([&kind, options, make_computed = std::move(make_computed), run] {
-    *run = [&kind, options, make_computed] { return list_records(kind, *options, make_computed); };
+  verb->footer(list_footer(table));
+  verb->callback([&table, options, run] {
+    *run = [&table, options] { return list_records(table, *options); };
   });
 }
 

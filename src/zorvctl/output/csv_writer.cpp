@@ -1,3 +1,4 @@
+// RFC 4180: a line of names, fields quoted where they need it, lines ended with CR LF.
 #include "display_text.h"
 #include "record_writer.h"
 #include "value_text.h"
@@ -7,20 +8,21 @@ namespace {
 
 class CsvWriter : public RecordWriter {
  public:
-  CsvWriter(Columns columns, bool terminal, std::string* out)
-      : columns_(columns), terminal_(terminal), out_(out) {}
-
-  void heading() {
-    for (const Column& column : columns_) {
-      put(column.name, &column == &columns_.front());
+  CsvWriter(const Shown& shown, std::string* out)
+      : fields_(shown.fields), terminal_(shown.style.terminal), out_(out) {
+    if (!shown.style.heading || fields_.empty()) {
+      return;
+    }
+    for (const zorv::Field& field : fields_) {
+      put(field.name, &field == &fields_.front());
     }
     *out_ += "\r\n";
   }
 
   void add(const void* record) override {
-    for (const Column& column : columns_) {
-      const Value value = column.get(record);
-      const bool first = &column == &columns_.front();
+    for (const zorv::Field& field : fields_) {
+      const FieldValue value = get(field, record);
+      const bool first = &field == &fields_.front();
       if (const auto* text = std::get_if<std::string_view>(&value)) {
         put(terminal_ ? display_text(*text) : *text, first);
       } else {
@@ -31,16 +33,16 @@ class CsvWriter : public RecordWriter {
   }
 
  private:
-  void put(std::string_view field, bool first) {
+  void put(std::string_view text, bool first) {
     if (!first) {
       *out_ += ',';
     }
-    if (field.find_first_of(",\"\r\n") == std::string_view::npos) {
-      *out_ += field;
+    if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
+      *out_ += text;
       return;
     }
     *out_ += '"';
-    for (const char c : field) {
+    for (const char c : text) {
       if (c == '"') {
         *out_ += '"';
       }
@@ -49,20 +51,13 @@ class CsvWriter : public RecordWriter {
     *out_ += '"';
   }
 
-  Columns columns_;
+  std::span<const zorv::Field> fields_;
   bool terminal_;
   std::string* out_;
 };
 
 }  // namespace
 
-std::unique_ptr<RecordWriter> make_csv_writer(Columns columns, const Style& style,
-                                              std::string* out) {
-  auto writer = std::make_unique<CsvWriter>(columns, style.terminal, out);
-  if (style.heading && !columns.empty()) {
-    writer->heading();
-  }
-  return writer;
-}
+extern const Format kCsvFormat = {"csv", "", make_writer_of<CsvWriter>};
 
 }  // namespace zorvctl

@@ -1,19 +1,20 @@
-// Records as text, in one of three formats. A writer appends to the string it was made with; the
-// caller prints and empties that whenever it likes. JSON and CSV lines are complete after each
-// add(); a table needs end_page(), which lines up the records added since the last one.
+// Records as text, in one of the formats of kFormats. A writer appends to the string it was made
+// with; the caller prints and empties that whenever it likes. JSON and CSV lines are complete after
+// each add(); a table needs end_page(), which lines up the records added since the last one.
+//
+// A format more: a file here that defines it, its row in formats.cpp, and a word in the man page.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
-#include "column.h"
 #include "time_argument.h"
+#include "zorv_schema.h"
 
 namespace zorvctl {
-
-enum class Format { table, json, csv };
 
 // A column that only tables have, worked out from the record: JSON and CSV show what is stored.
 struct ComputedColumn {
@@ -22,6 +23,9 @@ struct ComputedColumn {
   std::function<std::string(const void* record)> text;
 };
 
+// Called where they are shown, when the list is about to be shown; null: none.
+using MakeComputed = std::vector<ComputedColumn> (*)();
+
 struct Style {
   Zone zone = Zone::local;
   bool heading = true;  // of tables and CSV
@@ -29,6 +33,12 @@ struct Style {
   // `columns` columns, 0 for any width.
   bool terminal = false;
   unsigned columns = 0;
+};
+
+struct Shown {
+  std::span<const zorv::Field> fields;
+  MakeComputed make_computed = nullptr;
+  Style style;
 };
 
 class RecordWriter {
@@ -42,17 +52,21 @@ class RecordWriter {
   virtual void end_page() {}
 };
 
-std::unique_ptr<RecordWriter> make_table_writer(Columns columns,
-                                                std::vector<ComputedColumn> computed,
-                                                const Style& style, std::string* out);
-// One object a record and line, every column under its name, integers as they are stored. Text that
-// is no UTF-8 has U+FFFD for each stray byte.
-std::unique_ptr<RecordWriter> make_json_writer(Columns columns, std::string* out);
-// RFC 4180: a line of names, fields quoted where they need it, lines ended with CR LF.
-std::unique_ptr<RecordWriter> make_csv_writer(Columns columns, const Style& style,
-                                              std::string* out);
+struct Format {
+  const char* name;
+  const char* remark;  // behind the name in --help; may be empty
+  std::unique_ptr<RecordWriter> (*make_writer)(const Shown& shown, std::string* out);
+};
 
-// `text` as a JSON string, quotes included.
-std::string json_string(std::string_view text);
+template <class Writer>
+std::unique_ptr<RecordWriter> make_writer_of(const Shown& shown, std::string* out) {
+  return std::make_unique<Writer>(shown, out);
+}
+
+// The first is what is used where none is asked for.
+extern const std::span<const Format* const> kFormats;
+
+// The format of that name, or null.
+const Format* find_format(std::string_view name);
 
 }  // namespace zorvctl

@@ -13,19 +13,20 @@ constexpr std::string_view kGap = "  ";
 constexpr std::string_view kCut = "\xE2\x80\xA6";  // an ellipsis, one column wide
 constexpr unsigned kNarrowest = 8;                 // a text is cut to no less
 
-bool is_amount(Kind kind) {
-  return kind == Kind::integer || kind == Kind::bytes || kind == Kind::duration;
+bool is_amount(Meaning meaning) {
+  return meaning == Meaning::number || meaning == Meaning::bytes || meaning == Meaning::seconds;
 }
 
 class TableWriter : public RecordWriter {
  public:
-  TableWriter(Columns columns, std::vector<ComputedColumn> computed, const Style& style,
-              std::string* out)
-      : computed_(std::move(computed)), style_(style), out_(out) {
-    for (const Column& column : columns) {
-      if (column.heading != nullptr) {
-        shown_.push_back(&column);
-        add_heading(column.heading, is_amount(column.kind), column.kind == Kind::text);
+  TableWriter(const Shown& shown, std::string* out) : style_(shown.style), out_(out) {
+    if (shown.make_computed != nullptr) {
+      computed_ = shown.make_computed();
+    }
+    for (const zorv::Field& field : shown.fields) {
+      if (field.heading != nullptr) {
+        shown_.push_back(&field);
+        add_heading(field.heading, is_amount(field.meaning), field.is_text());
       }
     }
     for (const ComputedColumn& column : computed_) {
@@ -36,8 +37,8 @@ class TableWriter : public RecordWriter {
   void add(const void* record) override {
     std::vector<std::string> row;
     row.reserve(layout_.size());
-    for (const Column* column : shown_) {
-      row.push_back(shown_value(*column, column->get(record), style_.zone));
+    for (const zorv::Field* field : shown_) {
+      row.push_back(shown_value(*field, get(*field, record), style_.zone));
     }
     for (const ComputedColumn& column : computed_) {
       row.push_back(column.text(record));
@@ -104,7 +105,7 @@ class TableWriter : public RecordWriter {
       std::string_view text = row[index];
       std::string cut;
       if (display_width(text) > layout.width) {
-        cut = fitting_front(text, layout.width - 1);
+        cut = front_of_columns(text, layout.width - 1);
         cut += kCut;
         text = cut;
       }
@@ -121,7 +122,7 @@ class TableWriter : public RecordWriter {
     *out_ += '\n';
   }
 
-  std::vector<const Column*> shown_;
+  std::vector<const zorv::Field*> shown_;
   std::vector<ComputedColumn> computed_;
   std::vector<std::string> headings_;
   std::vector<Layout> layout_;
@@ -133,10 +134,6 @@ class TableWriter : public RecordWriter {
 
 }  // namespace
 
-std::unique_ptr<RecordWriter> make_table_writer(Columns columns,
-                                                std::vector<ComputedColumn> computed,
-                                                const Style& style, std::string* out) {
-  return std::make_unique<TableWriter>(columns, std::move(computed), style, out);
-}
+extern const Format kTableFormat = {"table", "", make_writer_of<TableWriter>};
 
 }  // namespace zorvctl

@@ -2,6 +2,7 @@
 
 #include <sys/un.h>
 
+#include <iterator>
 #include <string_view>
 
 #include "exit_status.h"
@@ -37,61 +38,32 @@ bool is_root_too_long() {
   return os::root().size() + kName.size() > sizeof(sockaddr_un::sun_path) - 1;
 }
 
-const Answer& answer_of(int bus_status) {
+const Answer& answer_of(int status) {
   static constexpr Answer kTooLong{true, "ZORV_ROOT is too long for the daemon's address"};
-  if (bus_status != KX_SUCCESS && is_root_too_long()) {
+  static constexpr Answer kNotRead{false, "the daemon could not read its table, its log says why"};
+  static constexpr Answer kUnknown{false, "the bus gave an unknown status"};
+  if (status == kTableNotRead) {
+    return kNotRead;
+  }
+  if (status != KX_SUCCESS && is_root_too_long()) {
     return kTooLong;
   }
-  static constexpr Answer kUnknown{false, "the bus gave an unknown status"};
-  return bus_status >= 0 && bus_status <= KX_IS_INVALID ? kAnswers[bus_status] : kUnknown;
+  return status >= 0 && status <= KX_IS_INVALID ? kAnswers[status] : kUnknown;
 }
 
 }  // namespace
 
-const char* status_text(int bus_status) {
-  return answer_of(bus_status).text;
+const char* status_text(int status) {
+  return answer_of(status).text;
 }
 
-bool is_unreachable(int bus_status) {
-  return answer_of(bus_status).unreachable;
-}
-
-int report_status(int bus_status, const char* what) {
-  if (bus_status == KX_SUCCESS) {
+int report_status(int status, const char* what) {
+  if (status == KX_SUCCESS) {
     return kDone;
   }
-  complain("cannot {}: {}", what, status_text(bus_status));
-  return is_unreachable(bus_status) ? kUnreachable : kFailed;
-}
-
-int report_query_end(QueryEnd end, const char* what) {
-  switch (end) {
-    case QueryEnd::unanswered:
-      return report_status(probe_daemon(), what);
-    case QueryEnd::late:
-      return report_status(KX_TIMEOUT, what);
-    case QueryEnd::unread:
-      complain("cannot {}: the daemon could not read its table, its log says why", what);
-      return kFailed;
-    case QueryEnd::complete:
-    case QueryEnd::more:
-      break;
-  }
-  return kDone;
-}
-
-int probe_daemon(const CallTime& time) {
-  if (time.ran_out()) {
-    return KX_TIMEOUT;
-  }
-  constexpr int kTimeoutSeconds = 5;
-  const kx_io_owner io(kx_io_create());
-  if (io == nullptr) {
-    return KX_IO_FAILURE;
-  }
-  const int status = kx_call(kZorvdAddress, "zorvctl_probe", io.get(), kTimeoutSeconds, -1);
-  // The daemon lives: what it was asked before, it refused.
-  return status == KX_IS_INVALID || status == KX_SUCCESS ? KX_IS_REJECT : status;
+  const Answer& answer = answer_of(status);
+  complain("cannot {}: {}", what, answer.text);
+  return answer.unreachable ? kUnreachable : kFailed;
 }
 
 }  // namespace zorvctl

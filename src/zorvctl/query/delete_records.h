@@ -4,12 +4,13 @@
 
 #include <vector>
 
-#include "record_kind.h"
+#include "zorv_schema.h"
 
 namespace zorvctl {
 
 // The exit status, after a complaint unless all of `ids` are gone and nothing else is. One that was
 // not there is no failure, and only named, unless `quiet`.
-int delete_records(const RecordKind& kind, const std::vector<long long>& ids, bool quiet);
+int delete_records(const zorv::TableSchema& table, const std::vector<record_int64>& ids,
+                   bool quiet);
 
 }  // namespace zorvctl

@@ -9,33 +9,34 @@
 namespace zorvctl {
 namespace {
 
-const Column* field_or_complain(const RecordKind& kind, std::string_view name) {
-  const Column* column = find_column(kind.columns, name);
-  if (column == nullptr) {
-    complain("'{}' is not a field of {}; it has: {}", display_text(name), kind.noun,
-             field_names(kind));
+const zorv::Field* field_or_complain(const zorv::TableSchema& table, std::string_view name) {
+  const zorv::Field* field = table.find(name);
+  if (field == nullptr) {
+    complain("'{}' is not a field of {}; it has: {}", display_text(name), table.noun,
+             field_names(table));
   }
-  return column;
+  return field;
 }
 
-int read_filter(const RecordKind& kind, const std::string& word, Zone zone, RecordQuery* query) {
+int read_filter(const zorv::TableSchema& table, const std::string& word, Zone zone,
+                RecordQuery* query) {
   const size_t equals = word.find('=');
   if (equals == std::string::npos) {
     complain("'{}' is not FIELD=VALUE", display_text(word));
     return kUsage;
   }
-  const Column* column = field_or_complain(kind, std::string_view(word).substr(0, equals));
-  if (column == nullptr) {
+  const zorv::Field* field = field_or_complain(table, std::string_view(word).substr(0, equals));
+  if (field == nullptr) {
     return kUsage;
   }
-  Filter filter{column, word.substr(equals + 1), {}};
-  Value value;
+  Filter filter{field, word.substr(equals + 1), {}};
+  FieldValue value;
   std::string error;
-  if (read_value(*column, filter.text, std::time(nullptr), zone, &value, &error) != 0) {
+  if (read_value(*field, filter.text, std::time(nullptr), zone, &value, &error) != 0) {
     complain("{}", error);
     return kUsage;
   }
-  if (column->kind != Kind::text) {
+  if (!field->is_text()) {
     filter.number = value;
   }
   query->filters.push_back(std::move(filter));
@@ -61,27 +62,27 @@ int read_window_end(const char* option, const std::optional<std::string>& text, 
 
 }  // namespace
 
-std::string field_names(const RecordKind& kind) {
+std::string field_names(const zorv::TableSchema& table) {
   std::string names;
-  for (const Column& column : kind.columns) {
-    names += (names.empty() ? "" : ", ") + std::string(column.name);
+  for (const zorv::Field& field : table.fields) {
+    names += (names.empty() ? "" : ", ") + std::string(field.name);
   }
   return names;
 }
 
-int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* ret_query) {
+int read_query(const zorv::TableSchema& table, const ListOptions& options, RecordQuery* ret_query) {
   ret_query->limit = options.limit;
   ret_query->offset = options.offset;
   ret_query->descending = !options.reverse;
   if (options.sort) {
-    ret_query->order_by = field_or_complain(kind, *options.sort);
+    ret_query->order_by = field_or_complain(table, *options.sort);
     ret_query->descending = options.reverse;
     if (ret_query->order_by == nullptr) {
       return kUsage;
     }
   }
   for (const std::string& word : options.filters) {
-    if (const int status = read_filter(kind, word, options.zone(), ret_query); status != kDone) {
+    if (const int status = read_filter(table, word, options.zone(), ret_query); status != kDone) {
       return status;
     }
   }

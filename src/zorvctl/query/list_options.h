@@ -13,8 +13,7 @@ namespace zorvctl {
 inline constexpr unsigned long long kDefaultLimit = 50;
 
 struct ListOptions {
-  std::string output = "table";
-  bool json = false;
+  std::string output;
   unsigned long long limit = kDefaultLimit;
   unsigned long long offset = 0;
   bool reverse = false;
@@ -29,9 +28,9 @@ struct ListOptions {
 };
 
 // "id, username, ...".
-std::string field_names(const RecordKind& kind);
+std::string field_names(const zorv::TableSchema& table);
 
 // kDone, or kUsage after a complaint that names the wrong word.
-int read_query(const RecordKind& kind, const ListOptions& options, RecordQuery* ret_query);
+int read_query(const zorv::TableSchema& table, const ListOptions& options, RecordQuery* ret_query);
 
 }  // namespace zorvctl

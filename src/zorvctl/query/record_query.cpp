@@ -2,76 +2,69 @@
 
 #include <algorithm>
 
-#include "call_time.h"
+#include "daemon_answer.h"
+#include "table_facts.h"
 #include "value_text.h"
+#include "zorv_calls.h"
 
 namespace zorvctl {
 namespace {
 
-// Of the largest record 14 MiB, three times in memory on the way: what a small NAS can spare.
-constexpr unsigned long long kPageRows = 2000;
-
-void copy_text(char (&field)[kTextSize], std::string_view text) {
-  const size_t length = std::min(text.size(), sizeof field - 1);
-  std::copy_n(text.data(), length, field);
-  field[length] = '\0';
-}
-
-// One run of a query: which rows were read, skipped and handed on.
-class Run {
+// The reading of one query: which rows were read, skipped and handed on.
+class Reading {
  public:
-  Run(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events)
-      : kind_(kind), query_(query), events_(events) {
-    cond_.order_by = query.order_by != nullptr ? column_index(kind, *query.order_by) : 0;
+  Reading(const zorv::TableSchema& table, const RecordQuery& query, const QueryEvents& events)
+      : table_(table), query_(query), events_(events) {
+    cond_.order_by = query.order_by != nullptr ? table.index_of(*query.order_by) : 0;
     cond_.order_style = query.descending ? 1 : 0;
     for (const Filter& filter : query.filters) {
       const std::string value = filter.wire_text();
       if (cond_.field[0] == '\0' && !value.empty()) {
-        copy_text(cond_.field, filter.column->name);
-        copy_text(cond_.value, value);
+        zorv::copy_text(cond_.field, filter.field->name);
+        zorv::copy_text(cond_.value, value);
       } else {
         local_filters_.push_back(&filter);
       }
     }
-    if (kind.time_column != nullptr && (query.since || query.until)) {
-      time_ = find_column(kind.columns, kind.time_column);
-    }
-    selects_here_ = time_ != nullptr || !local_filters_.empty();
+    has_window_ = table.time != nullptr && (query.since || query.until);
+    selects_here_ = has_window_ || !local_filters_.empty();
     to_skip_ = selects_here_ ? query.offset : 0;
-    cond_.start = selects_here_ ? 0 : static_cast<long long>(query.offset);
-    newest_first_ = cond_.order_by == 0 && query.descending && !kind.columns.empty();
+    cond_.start = selects_here_ ? 0 : static_cast<record_int64>(query.offset);
+    newest_first_ = cond_.order_by == 0 && query.descending && !table.fields.empty();
   }
 
-  QueryEnd go(unsigned long long* ret_total) {
+  int read_all(QueryResult& ret) {
     while (true) {
-      cond_.count = static_cast<long long>(rows_to_ask());
-      const CallTime time;
-      const Page page = kind_.list(cond_);
-      if (!page.answered) {
-        return time.ran_out() ? QueryEnd::late : QueryEnd::unanswered;
+      cond_.count = static_cast<record_int64>(rows_to_ask());
+      zorv_api::Rows page;
+      if (const int status = read_page(cond_, page); status != KX_SUCCESS) {
+        return status;
       }
-      if (page.total == kTableUnread && !kind_.always_empty) {
-        return QueryEnd::unread;
-      }
-      if (ret_total != nullptr) {
-        *ret_total = page.total;
-      }
-      for (unsigned long long index = 0; index < page.count; ++index) {
-        if (!take(page.record(index))) {
-          events_.on_page_end();
-          return QueryEnd::more;
-        }
+      ret.total = page.total;
+      met_older_ = false;
+      for (record_uint64 index = 0; index < page.count && wants_more_; ++index) {
+        take(page.record(index), ret.more);
       }
       events_.on_page_end();
-      if (page.count < static_cast<unsigned long long>(cond_.count)) {
-        return QueryEnd::complete;
+      if (!wants_more_ || page.count < static_cast<record_uint64>(cond_.count)) {
+        return KX_SUCCESS;
       }
-      cond_.start += static_cast<long long>(page.count);
-      events_.on_wait(static_cast<unsigned long long>(cond_.start), page.total);
+      bool complete = false;
+      if (const int status = look_for_more_in_window(complete); status != KX_SUCCESS || complete) {
+        return status;
+      }
+      cond_.start += static_cast<record_int64>(page.count);
+      events_.on_wait(static_cast<record_uint64>(cond_.start), page.total);
     }
   }
 
  private:
+  int read_page(const db_query_cond& cond, zorv_api::Rows& ret_page) const {
+    const int status = zorv_api::query(table_, cond, ret_page);
+    const bool unread = status == KX_SUCCESS && ret_page.total == zorv_api::kTableUnread;
+    return unread && !keeps_nothing(table_) ? kTableNotRead : status;
+  }
+
   // One row more than is wanted, to learn whether there is more.
   unsigned long long rows_to_ask() const {
     if (selects_here_ || query_.limit == 0 || query_.limit - given_ >= kPageRows) {
@@ -80,35 +73,41 @@ class Run {
     return query_.limit - given_ + 1;
   }
 
-  // False when the record is one too many.
-  bool take(const void* record) {
+  void take(const void* record, bool& ret_more) {
     if (newest_first_) {
       // Rows that are added meanwhile push the others into the next page, once more.
-      const long long id = std::get<long long>(kind_.columns[0].get(record));
+      const auto id = std::get<record_int64>(get(table_.fields[0], record));
       if (last_id_ && id >= *last_id_) {
-        return true;
+        return;
       }
       last_id_ = id;
     }
     if (!wanted(record)) {
-      return true;
+      return;
     }
     if (to_skip_ > 0) {
       --to_skip_;
-      return true;
+    } else if (query_.limit != 0 && given_ == query_.limit) {
+      ret_more = true;
+      wants_more_ = false;
+    } else {
+      ++given_;
+      wants_more_ = events_.on_record(record);
     }
-    if (query_.limit != 0 && given_ == query_.limit) {
-      return false;
-    }
-    ++given_;
-    events_.on_record(record);
-    return true;
   }
 
-  bool wanted(const void* record) const {
-    if (time_ != nullptr) {
-      const auto time = std::get<unsigned long long>(time_->get(record));
-      if ((query_.since && time < *query_.since) || (query_.until && time > *query_.until)) {
+  bool is_older(const void* record) const {
+    return query_.since && std::get<record_uint64>(get(*table_.time, record)) < *query_.since;
+  }
+
+  bool wanted(const void* record) {
+    if (has_window_) {
+      if (is_older(record)) {
+        met_older_ = true;
+        return false;
+      }
+      ++not_older_;
+      if (query_.until && std::get<record_uint64>(get(*table_.time, record)) > *query_.until) {
         return false;
       }
     }
@@ -116,15 +115,35 @@ class Run {
                        [record](const Filter* filter) { return filter->matches(record); });
   }
 
-  const RecordKind& kind_;
+  // Rows come by id, and a clock that was set back mixes their times: an older row does not show
+  // that all that follow are older. Ordered by time, the row behind as many as were met does. A row
+  // that was added meanwhile hides it, and the reading only goes on.
+  int look_for_more_in_window(bool& ret_complete) const {
+    if (!newest_first_ || !met_older_) {
+      return KX_SUCCESS;
+    }
+    db_query_cond by_time = cond_;
+    by_time.order_by = table_.index_of(*table_.time);
+    by_time.start = static_cast<record_int64>(not_older_);
+    by_time.count = 1;
+    zorv_api::Rows next;
+    const int status = read_page(by_time, next);
+    ret_complete = status == KX_SUCCESS && (next.count == 0 || is_older(next.record(0)));
+    return status;
+  }
+
+  const zorv::TableSchema& table_;
   const RecordQuery& query_;
   const QueryEvents& events_;
   db_query_cond cond_{};
   std::vector<const Filter*> local_filters_;
-  const Column* time_ = nullptr;
+  bool has_window_ = false;
   bool selects_here_ = false;
   bool newest_first_ = false;
-  std::optional<long long> last_id_;
+  std::optional<record_int64> last_id_;
+  bool wants_more_ = true;
+  bool met_older_ = false;            // on this page, than the window
+  unsigned long long not_older_ = 0;  // rows met
   unsigned long long to_skip_ = 0;
   unsigned long long given_ = 0;
 };
@@ -132,20 +151,23 @@ class Run {
 }  // namespace
 
 bool Filter::matches(const void* record) const {
-  const Value value = column->get(record);
-  if (const auto* stored = std::get_if<std::string_view>(&value)) {
-    return *stored == text;
-  }
-  return value == number;
+  const zorv::FieldValue value = get(*field, record);
+  const auto* stored = std::get_if<std::string_view>(&value);
+  return stored != nullptr ? *stored == text : value == number;
 }
 
 std::string Filter::wire_text() const {
-  return column->kind == Kind::text ? text : number_digits(number);
+  return field->is_text() ? text : number_digits(number);
 }
 
-QueryEnd run_query(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events,
-                   unsigned long long* ret_total) {
-  return Run(kind, query, events).go(ret_total);
+int run_query(const zorv::TableSchema& table, const RecordQuery& query, const QueryEvents& events,
+              QueryResult* ret) {
+  QueryResult result;
+  const int status = Reading(table, query, events).read_all(result);
+  if (status == KX_SUCCESS && ret != nullptr) {
+    *ret = result;
+  }
+  return status;
 }
 
 }  // namespace zorvctl

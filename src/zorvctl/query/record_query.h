@@ -1,6 +1,6 @@
 // Reads records from the daemon, page by page, and hands on those that are wanted.
 //
-// The daemon filters by one column and knows no times, so further filters and the time window are
+// The daemon filters by one field and knows no times, so further filters and the time window are
 // applied here. It shows the newest kMostRowsShown rows of a table and no older ones.
 #pragma once
 
@@ -9,16 +9,18 @@
 #include <string>
 #include <vector>
 
-#include "record_kind.h"
+#include "zorv_schema.h"
 
 namespace zorvctl {
 
 inline constexpr unsigned long long kMostRowsShown = 100000;
+// Of the largest record 14 MiB, three times in memory on the way: what a small NAS can spare.
+inline constexpr unsigned long long kPageRows = 2000;
 
 struct Filter {
-  const Column* column;
-  std::string text;  // of a text column
-  Value number;      // of any other
+  const zorv::Field* field;
+  std::string text;         // of a text field
+  zorv::FieldValue number;  // of any other
 
   bool matches(const void* record) const;
   // As the daemon compares it. It takes an empty text for no filter.
@@ -28,7 +30,7 @@ struct Filter {
 struct RecordQuery {
   unsigned long long limit = 0;  // 0: all
   unsigned long long offset = 0;
-  const Column* order_by = nullptr;  // null: by id
+  const zorv::Field* order_by = nullptr;  // null: by id
   bool descending = true;
   std::vector<Filter> filters;
   std::optional<unsigned long long> since;  // both ends belong to the window
@@ -36,22 +38,22 @@ struct RecordQuery {
 };
 
 struct QueryEvents {
-  std::function<void(const void* record)> on_record;
-  std::function<void()> on_page_end;
+  // False: no further record is wanted.
+  std::function<bool(const void* record)> on_record;
+  std::function<void()> on_page_end = [] {};
   // Before each further page: how many rows were read, of how many in the table.
-  std::function<void(unsigned long long read, unsigned long long total)> on_wait;
+  std::function<void(unsigned long long read, unsigned long long total)> on_wait =
+      [](unsigned long long, unsigned long long) {};
 };
 
-enum class QueryEnd {
-  complete,
-  more,        // rows beyond the limit match, too
-  unanswered,  // no page came; what came before was handed on
-  late,        // the same, for want of an answer in time
-  unread,      // the daemon lives and could not read its table
+struct QueryResult {
+  unsigned long long total = 0;  // rows in the table, up to kMostRowsShown
+  bool more = false;             // rows beyond the limit match, too
 };
 
-// *ret_total, unless null, is how many rows the table has, up to kMostRowsShown.
-QueryEnd run_query(const RecordKind& kind, const RecordQuery& query, const QueryEvents& events,
-                   unsigned long long* ret_total = nullptr);
+// 0, or why a page did not come: a status of the bus, or kTableNotRead. What came before was handed
+// on.
+int run_query(const zorv::TableSchema& table, const RecordQuery& query, const QueryEvents& events,
+              QueryResult* ret = nullptr);
 
 }  // namespace zorvctl

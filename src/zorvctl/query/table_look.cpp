@@ -4,25 +4,35 @@
 
 namespace zorvctl {
 
-TableLook look(const RecordKind& kind, RecordQuery query) {
+int look(const zorv::TableSchema& table, TableLook& ret, RecordQuery query) {
   TableLook seen;
   query.limit = 1;
   QueryEvents events;
   events.on_record = [&](const void* record) {
-    seen.row.assign(static_cast<const char*>(record), kind.record_size);
-    if (!kind.columns.empty()) {
-      seen.id = std::get<long long>(kind.columns[0].get(record));
+    seen.row.assign(static_cast<const char*>(record), table.record_size);
+    if (!table.fields.empty()) {
+      seen.id = std::get<record_int64>(get(table.fields[0], record));
     }
+    return true;
   };
-  events.on_page_end = [] {};
-  events.on_wait = [](unsigned long long, unsigned long long) {};
-  seen.end = run_query(kind, query, events, &seen.total);
-  return seen;
+  QueryResult result;
+  const int status = run_query(table, query, events, &result);
+  if (status == 0) {
+    seen.total = result.total;
+    ret = std::move(seen);
+  }
+  return status;
 }
 
-RecordQuery where(const Column& column, std::string text, Value number) {
+RecordQuery where(const zorv::Field& field, std::string text, zorv::FieldValue number) {
   RecordQuery query;
-  query.filters.push_back({&column, std::move(text), number});
+  query.filters.push_back({&field, std::move(text), number});
+  return query;
+}
+
+RecordQuery upwards() {
+  RecordQuery query;
+  query.descending = false;
   return query;
 }
 

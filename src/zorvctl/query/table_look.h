@@ -10,15 +10,17 @@
 namespace zorvctl {
 
 struct TableLook {
-  QueryEnd end = QueryEnd::unanswered;
-  std::optional<long long> id;   // of the first row that the query meets
-  std::string row;               // that row's record, byte for byte
-  unsigned long long total = 0;  // of the rows in the table that can be shown
+  std::optional<record_int64> id;  // of the first row that the query meets
+  std::string row;                 // that row's record, byte for byte
+  unsigned long long total = 0;    // of the rows in the table that can be shown
 };
 
-TableLook look(const RecordKind& kind, RecordQuery query = {});
+// The status of run_query().
+int look(const zorv::TableSchema& table, TableLook& ret, RecordQuery query = {});
 
-// The row with that value in that column.
-RecordQuery where(const Column& column, std::string text, Value number);
+// The row with that value in that field.
+RecordQuery where(const zorv::Field& field, std::string text, zorv::FieldValue number);
+// From the oldest row on.
+RecordQuery upwards();
 
 }  // namespace zorvctl

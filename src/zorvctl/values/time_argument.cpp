@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
 
 #include "duration.h"
@@ -19,100 +19,57 @@ bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
-// Takes a number of exactly `digits` digits from the front of `text`.
-std::optional<int> take_digits(std::string_view& text, size_t digits) {
-  if (text.size() < digits ||
-      !std::all_of(text.begin(), text.begin() + static_cast<long>(digits), is_digit)) {
-    return std::nullopt;
-  }
-  int number = 0;
-  std::from_chars(text.data(), text.data() + digits, number);
-  text.remove_prefix(digits);
-  return number;
+struct Form {
+  std::string_view shape;  // a 0 for any digit
+  const char* format;      // as strptime reads it
+};
+// Where one begins with another, the longer stands in front.
+constexpr Form kCalendarForms[] = {
+    {"0000-00-00 00:00:00", "%Y-%m-%d %H:%M:%S"},
+    {"0000-00-00T00:00:00", "%Y-%m-%dT%H:%M:%S"},
+    {"0000-00-00 00:00", "%Y-%m-%d %H:%M"},
+    {"0000-00-00T00:00", "%Y-%m-%dT%H:%M"},
+    {"0000-00-00", "%Y-%m-%d"},
+    {"00:00:00", "%H:%M:%S"},
+    {"00:00", "%H:%M"},
+};
+constexpr std::string_view kZoneShapes[] = {"+00:00", "+0000", "+00", "-00:00", "-0000", "-00"};
+
+// With a 0 for every digit. strptime alone would take "2026-1-2", too, and blanks nearly anywhere.
+std::string shape_of(std::string_view text) {
+  std::string shape(text);
+  std::replace_if(shape.begin(), shape.end(), is_digit, '0');
+  return shape;
 }
 
-bool take(std::string_view& text, char c) {
-  if (text.empty() || text.front() != c) {
-    return false;
-  }
-  text.remove_prefix(1);
-  return true;
-}
-
-// "HH:MM" or "HH:MM:SS" from the front of `text`.
-bool take_clock(std::string_view& text, std::tm& ret) {
-  std::string_view rest = text;
-  const auto hour = take_digits(rest, 2);
-  if (!hour || !take(rest, ':')) {
-    return false;
-  }
-  const auto minute = take_digits(rest, 2);
-  std::optional<int> second = 0;
-  if (take(rest, ':')) {
-    second = take_digits(rest, 2);
-  }
-  if (!minute || !second || *hour > 23 || *minute > 59 || *second > 59) {
-    return false;
-  }
-  ret.tm_hour = *hour;
-  ret.tm_min = *minute;
-  ret.tm_sec = *second;
-  text = rest;
-  return true;
-}
-
-// "YYYY-MM-DD" from the front of `text`.
-bool take_date(std::string_view& text, std::tm& ret) {
-  std::string_view rest = text;
-  const auto year = take_digits(rest, 4);
-  if (!year || !take(rest, '-')) {
-    return false;
-  }
-  const auto month = take_digits(rest, 2);
-  if (!month || !take(rest, '-')) {
-    return false;
-  }
-  const auto day = take_digits(rest, 2);
-  if (!day) {
-    return false;
-  }
-  ret.tm_year = *year - 1900;
-  ret.tm_mon = *month - 1;
-  ret.tm_mday = *day;
-  text = rest;
-  return true;
-}
-
-// "Z", "+HH:MM", "+HHMM" or "+HH", the whole of `text`: seconds east of UTC.
-std::optional<long long> zone_offset(std::string_view text) {
+// The whole of `text`: seconds east of UTC.
+std::optional<long long> zone_offset(const std::string& text) {
   if (text == "Z" || text == "z") {
     return 0;
   }
-  const bool west = !text.empty() && text.front() == '-';
-  if (!west && (text.empty() || text.front() != '+')) {
+  constexpr long kFarthest = 15 * 3600;
+  std::tm zone{};
+  const bool known = std::find(std::begin(kZoneShapes), std::end(kZoneShapes), shape_of(text)) !=
+                     std::end(kZoneShapes);
+  if (!known || strptime(text.c_str(), "%z", &zone) == nullptr ||
+      std::abs(zone.tm_gmtoff) >= kFarthest) {
     return std::nullopt;
   }
-  text.remove_prefix(1);
-  const auto hours = take_digits(text, 2);
-  take(text, ':');
-  const auto minutes = text.empty() ? std::optional(0) : take_digits(text, 2);
-  if (!hours || !minutes || !text.empty() || *hours > 14 || *minutes > 59) {
-    return std::nullopt;
-  }
-  const long long seconds = *hours * 3600LL + *minutes * 60LL;
-  return west ? -seconds : seconds;
+  return zone.tm_gmtoff;
+}
+
+time_t seconds_of(std::tm* calendar, Zone zone) {
+  calendar->tm_isdst = -1;
+  return zone == Zone::utc ? timegm(calendar) : mktime(calendar);
 }
 
 // The moment of a calendar time; nothing for a day that does not exist.
 std::optional<long long> moment(const std::tm& calendar, Zone zone) {
   std::tm normal = calendar;
-  normal.tm_isdst = -1;
-  const time_t seconds = zone == Zone::utc ? timegm(&normal) : mktime(&normal);
-  if (normal.tm_year != calendar.tm_year || normal.tm_mon != calendar.tm_mon ||
-      normal.tm_mday != calendar.tm_mday) {
-    return std::nullopt;
-  }
-  return seconds;
+  const time_t seconds = seconds_of(&normal, zone);
+  return normal.tm_mday == calendar.tm_mday && normal.tm_mon == calendar.tm_mon
+             ? std::optional<long long>(seconds)
+             : std::nullopt;
 }
 
 std::tm calendar_of(time_t seconds, Zone zone) {
@@ -125,29 +82,34 @@ std::tm calendar_of(time_t seconds, Zone zone) {
   return calendar;
 }
 
+std::tm midnight(time_t now, Zone zone) {
+  std::tm calendar = calendar_of(now, zone);
+  calendar.tm_hour = calendar.tm_min = calendar.tm_sec = 0;
+  return calendar;
+}
+
 std::optional<long long> calendar_moment(std::string_view text, time_t now, Zone zone) {
-  const std::tm today = calendar_of(now, zone);
-  std::tm calendar{};
-  calendar.tm_year = today.tm_year;
-  calendar.tm_mon = today.tm_mon;
-  calendar.tm_mday = today.tm_mday;
-  if (take_date(text, calendar)) {
-    if (!text.empty() && (take(text, 'T') || take(text, ' ')) && !take_clock(text, calendar)) {
-      return std::nullopt;
-    }
-  } else if (!take_clock(text, calendar)) {
+  const std::string shape = shape_of(text);
+  const auto* form = std::find_if(std::begin(kCalendarForms), std::end(kCalendarForms),
+                                  [&](const Form& one) { return shape.starts_with(one.shape); });
+  if (form == std::end(kCalendarForms)) {
     return std::nullopt;
   }
-  take(text, ' ');
-  if (text.empty()) {
+  std::tm calendar = midnight(now, zone);
+  const std::string written(text.substr(0, form->shape.size()));
+  if (strptime(written.c_str(), form->format, &calendar) == nullptr || calendar.tm_sec > 59) {
+    return std::nullopt;
+  }
+  std::string_view rest = text.substr(form->shape.size());
+  if (form->shape.ends_with(":00") && rest.starts_with(' ')) {
+    rest.remove_prefix(1);
+  }
+  if (rest.empty()) {
     return moment(calendar, zone);
   }
-  const auto east = zone_offset(text);
+  const auto east = zone_offset(std::string(rest));
   const auto seconds = moment(calendar, Zone::utc);
-  if (!east || !seconds) {
-    return std::nullopt;
-  }
-  return *seconds - *east;
+  return east && seconds ? std::optional(*seconds - *east) : std::nullopt;
 }
 
 struct DayName {
@@ -162,11 +124,9 @@ std::optional<long long> named_moment(std::string_view text, time_t now, Zone zo
   }
   for (const DayName& day : kDayNames) {
     if (day.name == text) {
-      std::tm calendar = calendar_of(now, zone);
-      calendar.tm_hour = calendar.tm_min = calendar.tm_sec = 0;
+      std::tm calendar = midnight(now, zone);
       calendar.tm_mday += day.days_from_today;
-      calendar.tm_isdst = -1;
-      return zone == Zone::utc ? timegm(&calendar) : mktime(&calendar);
+      return seconds_of(&calendar, zone);
     }
   }
   return std::nullopt;
@@ -176,8 +136,10 @@ std::optional<long long> named_moment(std::string_view text, time_t now, Zone zo
 // what it counts.
 std::optional<long long> distant_moment(std::string_view text, time_t now) {
   constexpr std::string_view kAgo = " ago";
-  const bool ahead = take(text, '+');
-  if (!ahead && text.ends_with(kAgo)) {
+  const bool ahead = text.starts_with('+');
+  if (ahead) {
+    text.remove_prefix(1);
+  } else if (text.ends_with(kAgo)) {
     text.remove_suffix(kAgo.size());
   }
   unsigned long long distance = 0;
@@ -192,8 +154,8 @@ std::optional<long long> distant_moment(std::string_view text, time_t now) {
 }  // namespace
 
 int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret) {
-  if (take(text, '@')) {
-    return whole_number(text, ret) ? 0 : -1;
+  if (text.starts_with('@')) {
+    return whole_number(text.substr(1), ret) ? 0 : -1;
   }
   auto found = named_moment(text, now, zone);
   if (!found) {
@@ -202,10 +164,7 @@ int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long*
   if (!found) {
     found = distant_moment(text, now);
   }
-  if (!found) {
-    return -1;
-  }
-  if (*found < 0) {
+  if (!found || *found < 0) {
     return -1;
   }
   *ret = static_cast<unsigned long long>(*found);
@@ -220,9 +179,9 @@ std::string time_text(unsigned long long seconds, Zone zone) {
     return fmt::format("@{}", seconds);
   }
   const std::tm calendar = calendar_of(static_cast<time_t>(seconds), zone);
-  return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}{}", calendar.tm_year + 1900,
-                     calendar.tm_mon + 1, calendar.tm_mday, calendar.tm_hour, calendar.tm_min,
-                     calendar.tm_sec, zone == Zone::utc ? "Z" : "");
+  char text[sizeof "10000-01-01 00:00:00"];
+  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &calendar);
+  return std::string(text, length) + (zone == Zone::utc ? "Z" : "");
 }
 
 }  // namespace zorvctl

@@ -3,31 +3,19 @@
 #include <fmt/format.h>
 
 #include <cctype>
+#include <limits>
 
 #include "display_text.h"
 #include "duration.h"
 #include "whole_number.h"
-#include "zorv_connection_codes.h"
 
 namespace zorvctl {
 namespace {
 
 using Words = std::span<const zorv::CodeWord>;
 
-Words words_of(Kind kind) {
-  switch (kind) {
-    case Kind::server_protocol:
-      return zorv::kServerProtocols;
-    case Kind::client_protocol:
-      return zorv::kClientProtocols;
-    case Kind::server_action:
-      return zorv::kServerActions;
-    case Kind::client_action:
-      return zorv::kClientActions;
-    default:
-      return {};
-  }
-}
+// Of an unsigned number: the database keeps larger ones as inexact reals.
+constexpr record_uint64 kLargestKept = std::numeric_limits<record_int64>::max();
 
 // As it is typed: "Login OK" as login-ok, "L2TP/IPSec" as l2tp.
 std::string typed(std::string_view word) {
@@ -60,32 +48,28 @@ const zorv::CodeWord* word_by_text(Words words, std::string_view text) {
   return nullptr;
 }
 
-// A plain number within the column's limits.
-bool read_number(const Column& column, std::string_view text, Value* ret) {
-  if (column.lowest < 0) {
-    long long number = 0;
-    if (!whole_number(text, &number) || number < column.lowest ||
-        (number > 0 && static_cast<unsigned long long>(number) > column.highest)) {
-      return false;
-    }
-    *ret = number;
-    return true;
+// A plain number that the field holds.
+bool read_number(const Field& field, std::string_view text, FieldValue* ret) {
+  if (field.type == zorv::FieldType::uint64) {
+    record_uint64 number = 0;
+    const bool kept = whole_number(text, &number) && number <= kLargestKept;
+    *ret = kept ? number : *ret;
+    return kept;
   }
-  unsigned long long number = 0;
-  if (!whole_number(text, &number) || number > column.highest) {
-    return false;
-  }
-  *ret = number;
-  return true;
+  record_int64 number = 0;
+  const bool held = whole_number(text, &number) &&
+                    (field.type == zorv::FieldType::int64 || number == static_cast<int>(number));
+  *ret = held ? number : *ret;
+  return held;
 }
 
 }  // namespace
 
-std::string number_digits(const Value& value) {
-  if (const auto* number = std::get_if<long long>(&value)) {
+std::string number_digits(const FieldValue& value) {
+  if (const auto* number = std::get_if<record_int64>(&value)) {
     return fmt::to_string(*number);
   }
-  return fmt::to_string(std::get<unsigned long long>(value));
+  return fmt::to_string(std::get<record_uint64>(value));
 }
 
 std::string bytes_text(long long bytes) {
@@ -104,78 +88,77 @@ std::string bytes_text(long long bytes) {
   return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
-std::string shown_value(const Column& column, const Value& value, Zone zone) {
-  switch (column.kind) {
-    case Kind::text:
+std::string shown_value(const Field& field, const FieldValue& value, Zone zone) {
+  switch (field.meaning) {
+    case Meaning::text:
       return display_text(std::get<std::string_view>(value));
-    case Kind::integer:
-      return number_digits(value);
-    case Kind::bytes:
-      return bytes_text(std::get<long long>(value));
-    case Kind::duration:
-      return duration_text(std::get<unsigned long long>(value));
-    case Kind::time:
-      return time_text(std::get<unsigned long long>(value), zone);
-    case Kind::server_protocol:
-    case Kind::client_protocol:
-    case Kind::server_action:
-    case Kind::client_action:
+    case Meaning::bytes:
+      return bytes_text(std::get<record_int64>(value));
+    case Meaning::seconds:
+      return duration_text(std::get<record_uint64>(value));
+    case Meaning::time:
+      return time_text(std::get<record_uint64>(value), zone);
+    case Meaning::code:
+      if (const char* word = zorv::word_of(field.words, std::get<record_int64>(value))) {
+        return word;
+      }
+      break;
+    case Meaning::number:
       break;
   }
-  const char* word = zorv::word_of(words_of(column.kind), std::get<long long>(value));
-  return word != nullptr ? word : number_digits(value);
+  return number_digits(value);
 }
 
-std::string value_hint(const Column& column) {
-  switch (column.kind) {
-    case Kind::text:
-      return fmt::format("text of at most {} bytes", column.capacity);
-    case Kind::integer:
+std::string value_hint(const Field& field) {
+  switch (field.meaning) {
+    case Meaning::text:
+      return fmt::format("text of at most {} bytes", field.size - 1);
+    case Meaning::number:
       return "a whole number";
-    case Kind::bytes:
+    case Meaning::bytes:
       return "a whole number of bytes";
-    case Kind::duration:
+    case Meaning::seconds:
       return "seconds, or a duration such as 1h30m";
-    case Kind::time:
+    case Meaning::time:
       return "a time such as \"2026-11-21 04:10\", yesterday, 2h or @1795234206 (or the number)";
-    default:
+    case Meaning::code:
       break;
   }
   std::string hint;
-  for (const zorv::CodeWord& word : words_of(column.kind)) {
+  for (const zorv::CodeWord& word : field.words) {
     hint += typed(word.word) + ", ";
   }
   return hint + "or the number";
 }
 
-int read_value(const Column& column, std::string_view text, time_t now, Zone zone, Value* ret,
+int read_value(const Field& field, std::string_view text, time_t now, Zone zone, FieldValue* ret,
                std::string* ret_error) {
-  if (column.kind == Kind::text) {
-    if (text.size() > column.capacity) {
+  if (field.is_text()) {
+    if (text.size() >= field.size) {
       *ret_error = fmt::format("{} bytes are too many, {} holds at most {}", text.size(),
-                               column.name, column.capacity);
+                               field.name, field.size - 1);
       return -1;
     }
     *ret = text;
     return 0;
   }
-  if (read_number(column, text, ret)) {
+  if (read_number(field, text, ret)) {
     return 0;
   }
   unsigned long long seconds = 0;
   const bool is_seconds =
-      (column.kind == Kind::time && parse_time(text, now, zone, &seconds) == 0) ||
-      (column.kind == Kind::duration && parse_duration(text, &seconds) == 0);
-  if (is_seconds && seconds <= column.highest) {
+      (field.meaning == Meaning::time && parse_time(text, now, zone, &seconds) == 0) ||
+      (field.meaning == Meaning::seconds && parse_duration(text, &seconds) == 0);
+  if (is_seconds && seconds <= kLargestKept) {
     *ret = seconds;
     return 0;
   }
-  if (const zorv::CodeWord* word = word_by_text(words_of(column.kind), text); word != nullptr) {
-    *ret = static_cast<long long>(word->code);
+  if (const zorv::CodeWord* word = word_by_text(field.words, text); word != nullptr) {
+    *ret = record_int64{word->code};
     return 0;
   }
-  *ret_error = fmt::format("'{}' is not a value of {}: {}", display_text(text), column.name,
-                           value_hint(column));
+  *ret_error = fmt::format("'{}' is not a value of {}: {}", display_text(text), field.name,
+                           value_hint(field));
   return -1;
 }
 

@@ -6,17 +6,28 @@
 
 namespace zorvctl {
 
-// False for any other text, *ret untouched.
+enum class WholeNumber { read, too_large, none };
+
+// *ret is untouched unless the number was read.
 template <class Number>
-bool whole_number(std::string_view text, Number* ret) {
+WholeNumber read_whole_number(std::string_view text, Number* ret) {
   Number number = 0;
   const char* const end = text.data() + text.size();
   const auto [read_to, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || read_to != end) {
-    return false;
+  if (error == std::errc::invalid_argument || read_to != end) {
+    return WholeNumber::none;
+  }
+  if (error != std::errc()) {
+    return WholeNumber::too_large;
   }
   *ret = number;
-  return true;
+  return WholeNumber::read;
+}
+
+// False for any other text, *ret untouched.
+template <class Number>
+bool whole_number(std::string_view text, Number* ret) {
+  return read_whole_number(text, ret) == WholeNumber::read;
 }
 
 }  // namespace zorvctl

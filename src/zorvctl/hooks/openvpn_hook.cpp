@@ -1,20 +1,16 @@
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <optional>
 
 #include "daemon_answer.h"
 #include "display_text.h"
 #include "exit_status.h"
-#include "hook_command.h"
+#include "hook.h"
 #include "login_checker.h"
-#include "login_guard.h"
 #include "openvpn_environment.h"
-#include "zorv_api_db.h"
+#include "zorv_calls.h"
 
 namespace zorvctl {
 namespace {
@@ -23,7 +19,7 @@ namespace {
 constexpr int kGoOn = 0;
 constexpr int kRefuse = 1;
 constexpr int kWait = 2;
-static_assert(kFailed == kRefuse);
+static_assert(kFailed == kRefuse);  // so are words that are wrong before a hook is named
 
 constexpr const char* kHookHelp =
     "In the server's configuration (script-security 2):\n"
@@ -61,8 +57,8 @@ HookWords split(const std::vector<std::string>& words) {
 }
 
 // A record that cannot be kept is said and forgotten: the client goes on.
-void keep(db_conn_server_log record) {
-  if (const int status = add_conn_server_log(&record); status != 0) {
+void keep(const db_conn_server_log& record) {
+  if (const int status = zorv_api::insert(zorv::kServerLog, &record); status != 0) {
     complain("hook: the connection of {} is not recorded: {}", display_text(record.username),
              status_text(status));
   }
@@ -113,13 +109,14 @@ int verify_login(Environment environment, const HookWords& words) {
   }
   take_name_from_file(words, &environment);
   const std::string user = login_name(environment);
-  const CheckAnswer answer = check_user(user);
-  const bool daemon_answers = answer.bus_status == 0;
-  if (!daemon_answers) {
+  // One that the daemon cannot judge by its policy is not blocked.
+  auto answer = zorv_api::BlockAnswer::unknown;
+  const int answered = zorv_api::check_block(user, answer);
+  if (answered != 0) {
     complain("hook: {} may be blocked, the login goes on unchecked and unrecorded: {}",
-             display_text(user), status_text(answer.bus_status));
+             display_text(user), status_text(answered));
   }
-  if (answer.blocked) {
+  if (answer == zorv_api::BlockAnswer::blocked) {
     complain("hook: {} is refused: blocked after too many failed logins", display_text(user));
     keep(failed_login_record(environment, std::time(nullptr)));
     return kRefuse;
@@ -139,8 +136,8 @@ int verify_login(Environment environment, const HookWords& words) {
       break;
   }
   // OpenVPN serves nobody while its script waits: a daemon that did not answer is not asked again.
-  if (daemon_answers && !is_expired_token(environment)) {
-    if (const int status = count_failure(user); status != 0) {
+  if (answered == 0 && !is_expired_token(environment)) {
+    if (const int status = zorv_api::count_failure(user); status != 0) {
       complain("hook: a failed login of {} is not counted: {}", display_text(user),
                status_text(status));
     }
@@ -177,44 +174,20 @@ int openvpn_hook(const HookWords& words) {
 }
 
 // Whatever goes wrong here is no reason to refuse a client, unless its password is unchecked.
-int run_hook(const HookWords& words) {
+int run_openvpn_hook(const std::vector<std::string>& words) {
+  const HookWords split_words = split(words);
   try {
-    return openvpn_hook(words);
+    return openvpn_hook(split_words);
   } catch (const std::exception& error) {
     complain("hook: {}", error.what());
-    return words.checker ? kRefuse : kGoOn;
+    return split_words.checker ? kRefuse : kGoOn;
   }
 }
 
 }  // namespace
 
-std::span<char*> take_hook_words(std::span<char*>* arguments) {
-  constexpr size_t kHookWords = 3;  // zorvctl hook openvpn
-  const std::span<char*> all = *arguments;
-  if (all.size() < kHookWords || std::string_view(all[1]) != kHookNoun ||
-      std::string_view(all[2]) != "openvpn") {
-    return {};
-  }
-  const std::span<char*> words = all.subspan(kHookWords);
-  const bool asks_help =
-      words.size() == 1 && getenv("script_type") == nullptr &&
-      (std::string_view(words[0]) == "--help" || std::string_view(words[0]) == "-h");
-  if (asks_help) {
-    return {};
-  }
-  *arguments = all.first(kHookWords);
-  return words;
-}
-
-void add_hook_noun(CLI::App& program, std::span<char*> words, std::function<int()>* run) {
-  CLI::App* noun = program.add_subcommand(kHookNoun, "What VPN servers run to record connections");
-  noun->require_subcommand(1);
-  CLI::App* verb = noun->add_subcommand(
-      "openvpn", "Run by an OpenVPN 2.6 server as its script: hook openvpn [-- CHECKER WORD ...]");
-  verb->footer(kHookHelp);
-  verb->callback([words, run] {
-    *run = [words = split({words.begin(), words.end()})] { return run_hook(words); };
-  });
-}
+extern const Hook kOpenVpnHook = {
+    "openvpn", "Run by an OpenVPN 2.6 server as its script: hook openvpn [-- CHECKER WORD ...]",
+    kHookHelp, "script_type", run_openvpn_hook};
 
 }  // namespace zorvctl

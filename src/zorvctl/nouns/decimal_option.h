@@ -5,20 +5,20 @@
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <string>
+
+#include "whole_number.h"
 
 namespace zorvctl {
 
 inline CLI::Validator decimal() {
   return {[](std::string& text) -> std::string {
-            constexpr size_t kMostDigits = 18;
-            const bool digits =
-                !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-            if (!digits || text.size() > kMostDigits) {
+            constexpr unsigned long long kLargest = 999'999'999'999'999'999;
+            unsigned long long number = 0;
+            if (!whole_number(text, &number) || number > kLargest) {
               return fmt::format("'{}' is not a number", text);
             }
-            text.erase(0, std::min(text.find_first_not_of('0'), text.size() - 1));
+            text = fmt::to_string(number);
             return "";
           },
           ""};
