@@ -81,19 +81,6 @@ Style output_style(const ListOptions& options) {
   return style;
 }
 
-// How far a long fetch has come, on the last line of a terminal.
-void show_progress(unsigned long long read, unsigned long long total) {
-  if (isatty(STDERR_FILENO) == 1) {
-    fmt::print(stderr, "\r{} of {} read", read, total);
-  }
-}
-
-void clear_progress() {
-  if (isatty(STDERR_FILENO) == 1) {
-    fmt::print(stderr, "\r\x1b[K");
-  }
-}
-
 int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   RecordQuery query;
   if (const int status = read_query(table, options, &query); status != kDone) {
@@ -109,7 +96,20 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
     writer->add(record);
     return true;
   };
-  events.on_wait = show_progress;
+  // How far a long fetch has come, on the last line of a terminal.
+  bool progress_shown = false;
+  events.on_wait = [&](unsigned long long read, unsigned long long total) {
+    if (isatty(STDERR_FILENO) == 1) {
+      fmt::print(stderr, "\r{} of {} read", read, total);
+      progress_shown = true;
+    }
+  };
+  const auto clear_progress = [&] {
+    if (progress_shown) {
+      fmt::print(stderr, "\r\x1b[K");
+      progress_shown = false;
+    }
+  };
   events.on_page_end = [&] {
     clear_progress();
     writer->end_page();
@@ -118,6 +118,7 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   };
   QueryResult result;
   const int status = run_query(table, query, events, &result);
+  clear_progress();
   if (!flush_output() || !printed) {
     return kFailed;
   }

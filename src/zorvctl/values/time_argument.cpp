@@ -97,7 +97,9 @@ std::optional<long long> calendar_moment(std::string_view text, time_t now, Zone
   }
   std::tm calendar = midnight(now, zone);
   const std::string written(text.substr(0, form->shape.size()));
-  if (strptime(written.c_str(), form->format, &calendar) == nullptr || calendar.tm_sec > 59) {
+  // It reads no further than numbers are in range, and takes seconds up to 61.
+  const char* const read_to = strptime(written.c_str(), form->format, &calendar);
+  if (read_to == nullptr || *read_to != '\0' || calendar.tm_sec > 59) {
     return std::nullopt;
   }
   std::string_view rest = text.substr(form->shape.size());
