@@ -1,14 +1,22 @@
-# Completion of zorvctl for bash. The words come from its own --help, so they are always those of the
-# zorvctl that is installed.
+# Completion of zorvctl for bash. The words come from zorvctl itself, so they are always those of the
+# one that is installed.
 
 _zorvctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   local program=${COMP_WORDS[0]} word help words
   COMPREPLY=()
 
+  # The noun and the verb are the first words that are no options.
+  local -a path=()
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    [[ $word == -* ]] && continue
+    ((${#path[@]} < 2)) && path+=("$word")
+  done
   case $previous in
     -o | --output)
-      mapfile -t COMPREPLY < <(compgen -W "table json csv" -- "$current")
+      # A format that there is not is refused by naming those that there are.
+      words=$("$program" "${path[@]}" -o '' 2>&1 | sed -n 's/,//g;s/.* is none of //p')
+      mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
       return
       ;;
     -S | --since | -U | --until)
@@ -17,12 +25,6 @@ _zorvctl() {
       ;;
   esac
 
-  # The noun and the verb are the first words that are no options.
-  local -a path=()
-  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
-    [[ $word == -* ]] && continue
-    ((${#path[@]} < 2)) && path+=("$word")
-  done
   help=$("$program" "${path[@]}" --help 2>/dev/null) || return 0
 
   # Bash takes FIELD=VALUE apart, and nothing is known of values; nor of those of most options, whose
