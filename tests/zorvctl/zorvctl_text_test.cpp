@@ -5,11 +5,14 @@
 
 #include "display_text.h"
 #include "duration.h"
-#include "record_kind.h"
 #include "time_argument.h"
 #include "value_text.h"
+#include "zorv_schema.h"
 
 using namespace zorvctl;
+using zorv::kClientLog;
+using zorv::kServerList;
+using zorv::kServerLog;
 
 namespace {
 
@@ -45,6 +48,8 @@ TEST_F(Times, AreUnderstoodInManyForms) {
       {"1w", kNow - 604800},
       {"+90s", kNow + 90},
       {"2024-02-29", 1709164800},
+      {"2026-11-21Z", 1795219200},
+      {"9999-12-31T23:59:59+0000", 253402300799},
   };
   // Summer time begins at 02:00: that day has 23 hours.
   const Moment in_local_time[] = {
@@ -69,28 +74,33 @@ TEST_F(Times, AreUnderstoodInManyForms) {
     expect(moment, Zone::local);
   }
   unsigned long long seconds = kUntouched;
-  for (const char* wrong : {"",
-                            "@",
-                            "@-1",
-                            "@99999999999999999999",
-                            "2026",
-                            "1795234206",
-                            "2026-02-30",
-                            "2025-02-29",
-                            "2026-13-01",
-                            "2026-00-10",
-                            "2026-11-21 24:00",
-                            "2026-11-21 04:60",
-                            "2026-11-21 04",
-                            "2026-11-21T",
-                            "2026-11-21 04:10 nonsense",
-                            "2026-11-21 04:10+25",
-                            "1969-12-31",
-                            "100000000w",
-                            "2h ahead",
-                            "Yesterday",
-                            " ago",
-                            "+"}) {
+  const char* const wrong_times[] = {"",
+                                     "@",
+                                     "@-1",
+                                     "@99999999999999999999",
+                                     "2026",
+                                     "1795234206",
+                                     "2026-02-30",
+                                     "2025-02-29",
+                                     "2026-13-01",
+                                     "2026-00-10",
+                                     "2026-1-10",
+                                     "2026-11-21 24:00",
+                                     "2026-11-21 04:60",
+                                     "2026-11-21 04:10:60",
+                                     "2026-11-21  4:10",
+                                     "2026-11-21 04",
+                                     "2026-11-21T",
+                                     "2026-11-21 04:10 nonsense",
+                                     "2026-11-21 04:10+25",
+                                     "04:10+15:00",
+                                     "1969-12-31",
+                                     "100000000w",
+                                     "2h ahead",
+                                     "Yesterday",
+                                     " ago",
+                                     "+"};
+  for (const char* wrong : wrong_times) {
     EXPECT_EQ(parse_time(wrong, kNow, Zone::utc, &seconds), -1) << wrong;
   }
   EXPECT_EQ(seconds, kUntouched);
@@ -159,18 +169,20 @@ TEST(Texts, AreHarmlessOnATerminal) {
     EXPECT_EQ(display_width(one.shown), one.width) << one.shown;
   }
   const std::string wide = "a\xE6\x9D\xB1z";
-  const size_t fronts[] = {0, 1, 1, 4, 5, 5};
-  for (unsigned columns = 0; columns < std::size(fronts); ++columns) {
-    EXPECT_EQ(fitting_front(wide, columns), wide.substr(0, fronts[columns]));
+  const size_t columns[] = {0, 1, 1, 4, 5, 5};
+  const size_t bytes[] = {0, 1, 1, 1, 4, 5};
+  for (size_t most = 0; most < std::size(columns); ++most) {
+    EXPECT_EQ(front_of_columns(wide, most), wide.substr(0, columns[most]));
+    EXPECT_EQ(front_of_bytes(wide, most), wide.substr(0, bytes[most]));
   }
 }
 
-TEST(Values, AreReadByTheKindOfTheirColumnOrNamedInTheError) {
+TEST(Values, AreReadByTheMeaningOfTheirFieldOrNamedInTheError) {
   struct Case {
-    const RecordKind& kind;
-    const char* column;
+    const zorv::TableSchema& table;
+    const char* field;
     std::string text;
-    Value value;
+    FieldValue value;
     const char* named = nullptr;  // in the error
   };
   const Case cases[] = {
@@ -199,21 +211,21 @@ TEST(Values, AreReadByTheKindOfTheirColumnOrNamedInTheError) {
       {kServerLog, "time", "soon", {}, "'soon'"},
       {kServerLog, "action", "\x1b[2J", {}, "'\\x1b[2J'"},
       {kServerLog, "username", std::string(1025, 'n'), {}, "1025 bytes"},
-      {kSession, "device_name", std::string(1024, 'd'), {}, "at most 1023"},
+      {kServerList, "device_name", std::string(1024, 'd'), {}, "at most 1023"},
       {kClientLog, "country_code", "CHE", {}, "at most 2"},
   };
   for (const Case& one : cases) {
-    SCOPED_TRACE(one.column + (" " + one.text.substr(0, 40)));
+    SCOPED_TRACE(one.field + (" " + one.text.substr(0, 40)));
     const bool refused = one.named != nullptr;
-    Value value = 77LL;
+    FieldValue value = 77LL;
     std::string error;
-    EXPECT_EQ(read_value(*find_column(one.kind.columns, one.column), one.text, kNow, Zone::utc,
-                         &value, &error),
-              refused ? -1 : 0);
-    EXPECT_EQ(value, refused ? Value(77LL) : one.value);
+    const int status =
+        read_value(*one.table.find(one.field), one.text, kNow, Zone::utc, &value, &error);
+    EXPECT_EQ(status, refused ? -1 : 0);
+    EXPECT_EQ(value, refused ? FieldValue(77LL) : one.value);
     if (refused) {
       EXPECT_NE(error.find(one.named), std::string::npos) << error;
-      EXPECT_NE(error.find(one.column), std::string::npos) << error;
+      EXPECT_NE(error.find(one.field), std::string::npos) << error;
     }
   }
 }
