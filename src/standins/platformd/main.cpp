@@ -4,7 +4,9 @@
 // SIGHUP, then exits 0. Both end together: when one cannot go on, the other is stopped too and the
 // exit status is 1. Runs in the foreground; "platformd: ready" on standard output says that both
 // addresses are served.
+#include <fcntl.h>
 #include <getopt.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -12,12 +14,13 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <thread>
 
-#include "config_service.h"
+#include "descriptor.h"
 #include "kxbus.h"
-#include "log.h"
-#include "network_service.h"
+#include "rooted.h"
+#include "services.h"
 
 namespace {
 
@@ -51,7 +54,7 @@ int run(const KxServer& server) {
 }
 
 int serve_until_stopped() {
-  kx_set_log([](const char* text) { platformd::log_line("bus: %s", text); });
+  kx_set_log([](const char* text) { platformd::log_line(std::string("bus: ") + text); });
   servers = {KxServer(kx_create("vpncaas", 4, 1, platformd::config_service_call)),
              KxServer(kx_create("NetworkService", 4, 1, platformd::network_service_call))};
   for (const KxServer& server : servers) {
@@ -61,7 +64,7 @@ int serve_until_stopped() {
   }
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
     if (kx_signal(number, stop_all) != KX_SUCCESS) {
-      platformd::log_line("cannot route signal %d", number);
+      platformd::log_line("cannot route signal " + std::to_string(number));
       return 1;
     }
   }
@@ -74,6 +77,12 @@ int serve_until_stopped() {
   servers = {};
   platformd::log_line("stopped");
   return config_status == KX_SUCCESS && network_status == KX_SUCCESS ? 0 : 1;
+}
+
+int log_to_file(const char* path) {
+  const os::Descriptor file(
+      open(os::rooted(path).c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_CLOEXEC, 0640));
+  return file.valid() && dup2(file.get(), STDERR_FILENO) >= 0 ? 0 : -1;
 }
 
 int wrong_usage(const char* reason, const char* value) {
@@ -112,7 +121,7 @@ int main(int argc, char** argv) {
   if (optind < argc) {
     return wrong_usage("unexpected word", argv[optind]);
   }
-  if (log_file != nullptr && platformd::log_to_file(log_file) != 0) {
+  if (log_file != nullptr && log_to_file(log_file) != 0) {
     fprintf(stderr, "platformd: %s: %s\n", log_file, strerror(errno));
     return 1;
   }
