@@ -13,6 +13,9 @@
 #include "kxbus.h"
 
 namespace kxbus {
+
+using os::Descriptor;
+
 namespace {
 
 constexpr std::size_t kBlockSize = kLargestPayload + 1;

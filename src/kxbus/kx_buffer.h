@@ -18,7 +18,7 @@
 #include <memory>
 #include <span>
 
-#include "kx_descriptor.h"
+#include "descriptor.h"
 #include "kx_packet.h"
 
 namespace kxbus {
@@ -39,7 +39,6 @@ class Mapping {
   ~Mapping();
 
   char* get() const { return static_cast<char*>(address_); }
-  std::size_t length() const { return length_; }
 
  private:
   void* address_ = nullptr;
@@ -76,12 +75,11 @@ class Buffer {
   void received(std::size_t payload_length) { dirty_ = std::max(dirty_, payload_length); }
   void accept_request(std::size_t body_length);
   void accept_reply(std::size_t body_length);
-  int accept_memfd(Descriptor& memfd, std::size_t length);  // takes it on success
+  int accept_memfd(os::Descriptor& memfd, std::size_t length);  // takes it on success
 
   // Sending: either the bytes in the block or, once sealed, the memfd.
   bool in_packet() const { return !memfd_.valid() || size() == 0; }
   const char* block() const { return block_.get(); }
-  int move_to_memfd();
   int seal();
   int memfd() const { return memfd_.get(); }
 
@@ -91,6 +89,7 @@ class Buffer {
   void hold(std::size_t length);
   int store(std::size_t offset, const void* bytes, std::size_t length);
   int flush();
+  int move_to_memfd();
   int unseal();
 
   struct Free {
@@ -101,7 +100,7 @@ class Buffer {
   std::size_t held_ = 0;    // bytes of content in the block
   std::size_t dirty_ = 0;   // bytes of a cleared block that may not be zero any more
   std::size_t stored_ = 0;  // bytes of content before them in the memfd
-  Descriptor memfd_;
+  os::Descriptor memfd_;
   bool sealed_ = false;
   Mapping view_;  // of the whole content, for reading
 };

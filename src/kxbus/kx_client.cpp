@@ -16,6 +16,9 @@
 #include "kxbus.h"
 
 namespace kxbus {
+
+using os::Descriptor;
+
 namespace {
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
@@ -109,7 +112,7 @@ int open_connection(const Address& address, const Deadline& deadline, Descriptor
   // Whoever holds the name could be anybody, and would get the request.
   Peer listener;
   if (!read_peer(connection.get(), listener) ||
-      (!is_own_kind(listener) && !AllowList(address.service).admits_listener(listener))) {
+      (!is_own_kind(listener) && !is_allowed_listener(address.service, listener))) {
     return KX_IS_REJECT;
   }
   ret_connection = std::move(connection);

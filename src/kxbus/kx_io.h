@@ -2,13 +2,13 @@
 // carries the connection of the caller, which is closed as soon as the caller has its answer.
 #pragma once
 
+#include "descriptor.h"
 #include "kx_buffer.h"
-#include "kx_descriptor.h"
 
 struct kx_io {
   kxbus::Buffer buffer;
   bool on_loan = false;
-  kxbus::Descriptor caller;
+  os::Descriptor caller;
 
   // Answers a caller that still waits with a bare status.
   void finish(int status);

@@ -9,6 +9,9 @@
 #include <cerrno>
 
 namespace kxbus {
+
+using os::Descriptor;
+
 namespace {
 
 // Opens and locks the lock file; one that its holder removed meanwhile does not count.

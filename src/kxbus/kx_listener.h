@@ -10,8 +10,8 @@
 
 #include <string>
 
+#include "descriptor.h"
 #include "kx_address.h"
-#include "kx_descriptor.h"
 
 namespace kxbus {
 
@@ -27,8 +27,8 @@ class Listener {
   int socket() const { return socket_.get(); }
 
  private:
-  Descriptor socket_;
-  Descriptor lock_;
+  os::Descriptor socket_;
+  os::Descriptor lock_;
   std::string lock_path_;
   std::string bound_path_;
   dev_t device_ = 0;

@@ -8,9 +8,8 @@
 //        4    1  version, 1
 //        5    1  kind: 1 request, 2 reply
 //        6    2  request: length of the method name, 1..255; reply: status, 0..7
-//        8    4  flags: 1 the body is in the first descriptor; 2 the last descriptor is passed
-//        along
-//       12    4  body length in bytes, at most 1 GiB; at most 64 KiB where it stands in the packet
+//        8    4  flags: 1 the first descriptor is the body; 2 the last descriptor is for the callee
+//       12    4  body length in bytes: at most 64 KiB in the packet, 1 GiB in a descriptor
 //
 // The body comes before the method name so that it is aligned wherever the packet is.
 //

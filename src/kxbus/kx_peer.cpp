@@ -11,7 +11,7 @@
 #include <cstring>
 #include <vector>
 
-#include "kx_descriptor.h"
+#include "descriptor.h"
 
 #ifndef SO_PEERGROUPS
 #define SO_PEERGROUPS 59
@@ -23,7 +23,7 @@ namespace {
 // Reads the start of a small file of the kernel's; "" when there is none.
 struct KernelText {
   explicit KernelText(const char* path) {
-    const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+    const os::Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
     const ssize_t length = file.valid() ? read(file.get(), text, sizeof text - 1) : -1;
     text[length > 0 ? length : 0] = '\0';
   }

@@ -12,22 +12,24 @@
 #include <memory>
 #include <new>
 
+#include "kx_allow.h"
 #include "kx_signal.h"
 
-using kxbus::Descriptor;
 using kxbus::log_line;
 using kxbus::refuse;
+using os::Descriptor;
 
 namespace {
 
 constexpr int kBacklogUnit = 32;
-constexpr std::size_t kSilentPerUser = 64;
-constexpr std::int64_t kSilentTime = 5000;
-constexpr std::int64_t kDeafTime = 100;
-// One event each: a descriptor that a child still holds, being between fork and exec, stays silent.
+constexpr std::size_t kPendingPerUser = 64;
+constexpr std::int64_t kPendingTime = 5000;
+constexpr std::int64_t kListenPause = 100;
+// One event each: a descriptor that a child still holds, being between fork and exec, stays
+// pending.
 constexpr std::uint32_t kOnce = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
 
-// What an event is about: one of these, or generation and slot of a silent connection.
+// What an event is about: one of these, or generation and slot of a pending connection.
 constexpr std::uint64_t kListenerTag = ~std::uint64_t{0};
 constexpr std::uint64_t kWakeTag = kListenerTag - 1;
 constexpr std::uint64_t kSignalTag = kListenerTag - 2;
@@ -38,8 +40,8 @@ std::int64_t now() {
   return time.tv_sec * std::int64_t{1000} + time.tv_nsec / 1'000'000;
 }
 
-// A caller that has gone needs nothing done any more; one that sends a second packet breaks the
-// protocol, and would lose the answer to the first.
+// A caller that has hung up wants nothing any more. One that has sent a second packet breaks the
+// protocol: closing with that unread would cost it the answer to the first.
 int fault_behind_request(int connection) {
   char byte = 0;
   const ssize_t more = recv(connection, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
@@ -96,16 +98,17 @@ int kx_server::run() {
         accepting = true;
       } else if (tag == kSignalTag) {
         kxbus::deliver_signals();
-      } else if (tag != kWakeTag && (events[i].events & (EPOLLRDHUP | EPOLLHUP)) != 0) {
-        serve_silent(tag, Caller::perhaps_gone);
       } else if (tag != kWakeTag) {
-        serve_silent(tag, i == 0 ? Caller::present : Caller::perhaps_gone);
+        // The first event of a batch is fresh: no other request ran since epoll_wait, so a look for
+        // a hang-up is spared.
+        const bool fresh = i == 0 && (events[i].events & (EPOLLRDHUP | EPOLLHUP)) == 0;
+        serve_pending(tag, fresh ? Hangup::skip : Hangup::check);
       }
     }
     if (accepting && !stopping_) {
       accept_one();
     }
-    if ((silent_count_ > 0 || deaf_until_ != 0) && !stopping_) {
+    if ((pending_count_ > 0 || listen_again_at_ != 0) && !stopping_) {
       expire();
     }
   }
@@ -114,8 +117,8 @@ int kx_server::run() {
 }
 
 int kx_server::wait_time() const {
-  std::int64_t first = deaf_until_ != 0 ? deaf_until_ : INT64_MAX;
-  if (silent_count_ > 0) {
+  std::int64_t first = listen_again_at_ != 0 ? listen_again_at_ : INT64_MAX;
+  if (pending_count_ > 0) {
     first = std::min(first, next_expiry_);
   }
   return first == INT64_MAX ? -1 : static_cast<int>(std::max<std::int64_t>(first - now(), 0));
@@ -140,12 +143,14 @@ void kx_server::accept_one() {
   }
   if (!admits(connection.get(), peer)) {
     refuse(std::move(connection), KX_IS_REJECT);
-  } else if (!serve(connection, Caller::perhaps_gone)) {
+  } else if (!serve(connection, Hangup::check)) {
     keep(std::move(connection), peer.uid);
   }
 }
 
-// Without a descriptor to accept with, the listener would stay readable and the loop would spin.
+// Nothing can be accepted without a free descriptor, but the listener stays readable, so the loop
+// would spin: the spare one is given up to refuse the caller, and where even that fails the
+// listener is not watched for a while.
 void kx_server::accept_with_spare() {
   if (!exhausted_ && log_budget_.spend()) {
     log_line("%s: no descriptor or memory for a caller: %s", name_.c_str(), strerror(errno));
@@ -161,7 +166,7 @@ void kx_server::accept_with_spare() {
   spare_.reset(fcntl(wake_.get(), F_DUPFD_CLOEXEC, 0));
   if (!accepted) {
     epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, listener_.socket(), nullptr);
-    deaf_until_ = now() + kDeafTime;
+    listen_again_at_ = now() + kListenPause;
   }
 }
 
@@ -170,7 +175,7 @@ bool kx_server::admits(int connection, const kxbus::Peer& peer) {
     return true;
   }
   try {
-    if (allow_.admits_caller(connection, peer)) {
+    if (kxbus::is_allowed_caller(name_, connection, peer, log_budget_)) {
       return true;
     }
   } catch (const std::bad_alloc&) {
@@ -184,7 +189,7 @@ bool kx_server::admits(int connection, const kxbus::Peer& peer) {
 }
 
 // Serves the request of a connection and closes it. False when the request is not there yet.
-bool kx_server::serve(Descriptor& connection, Caller caller) {
+bool kx_server::serve(Descriptor& connection, Hangup hangup) {
   kxbus::Incoming incoming;
   const std::span<char> space = request_.buffer.packet_space();
   switch (kxbus::receive_packet(connection.get(), space, kxbus::Wait::no, incoming)) {
@@ -200,7 +205,7 @@ bool kx_server::serve(Descriptor& connection, Caller caller) {
   request_.buffer.received(incoming.received - std::min(incoming.received, kxbus::kHeaderSize));
   kxbus::RequestFrame frame;
   int fault = kxbus::decode_request(incoming.packet(space), frame);
-  if (fault == KX_SUCCESS && caller == Caller::perhaps_gone) {
+  if (fault == KX_SUCCESS && hangup == Hangup::check) {
     fault = fault_behind_request(connection.get());
   }
   if (fault == KX_SUCCESS) {
@@ -240,18 +245,19 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
 }
 
 void kx_server::keep(Descriptor connection, uid_t uid) {
-  const auto of_user = [uid](const Silent& silent) {
-    return silent.connection.valid() && silent.uid == uid;
+  const auto of_user = [uid](const Pending& pending) {
+    return pending.connection.valid() && pending.uid == uid;
   };
-  if (uid != 0 && silent_count_ >= kSilentPerUser &&
-      std::count_if(silent_.begin(), silent_.end(), of_user) >= std::ptrdiff_t{kSilentPerUser}) {
-    give_way(&uid);
-  } else if (silent_count_ == silent_.size()) {
-    give_way(nullptr);
+  if (uid != 0 && pending_count_ >= kPendingPerUser &&
+      std::count_if(pending_.begin(), pending_.end(), of_user) >= std::ptrdiff_t{kPendingPerUser}) {
+    evict_longest(&uid);
+  } else if (pending_count_ == pending_.size()) {
+    evict_longest(nullptr);
   }
-  const auto slot = std::find_if(silent_.begin(), silent_.end(),
-                                 [](const Silent& silent) { return !silent.connection.valid(); });
-  const auto index = static_cast<std::uint64_t>(slot - silent_.begin());
+  const auto slot = std::find_if(pending_.begin(), pending_.end(), [](const Pending& pending) {
+    return !pending.connection.valid();
+  });
+  const auto index = static_cast<std::uint64_t>(slot - pending_.begin());
   const std::uint64_t tag = std::uint64_t{++slot->generation} << 32 | index;
   if (!watch(connection.get(), tag, kOnce)) {
     refuse(std::move(connection), KX_IS_BUSY);
@@ -259,66 +265,67 @@ void kx_server::keep(Descriptor connection, uid_t uid) {
   }
   slot->connection = std::move(connection);
   slot->uid = uid;
-  slot->until = now() + kSilentTime;
+  slot->until = now() + kPendingTime;
   slot->arrival = ++arrivals_;
   next_expiry_ = std::min(next_expiry_, slot->until);
-  ++silent_count_;
+  ++pending_count_;
 }
 
-Descriptor kx_server::take(Silent& silent) {
-  --silent_count_;
-  return std::move(silent.connection);
+Descriptor kx_server::take(Pending& pending) {
+  --pending_count_;
+  return std::move(pending.connection);
 }
 
-void kx_server::serve_silent(std::uint64_t tag, Caller caller) {
-  Silent& silent = silent_[tag & 0xFFFFFFFF];
-  if (!silent.connection.valid() || silent.generation != tag >> 32) {
+void kx_server::serve_pending(std::uint64_t tag, Hangup hangup) {
+  Pending& pending = pending_[tag & 0xFFFFFFFF];
+  if (!pending.connection.valid() || pending.generation != tag >> 32) {
     return;  // it was given up while this event waited
   }
-  Descriptor connection = take(silent);
-  if (serve(connection, caller)) {
+  Descriptor connection = take(pending);
+  if (serve(connection, hangup)) {
     return;
   }
   epoll_event event{.events = kOnce, .data = {.u64 = tag}};
   if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, connection.get(), &event) == 0) {
-    silent.connection = std::move(connection);
-    ++silent_count_;
+    pending.connection = std::move(connection);
+    ++pending_count_;
   }
 }
 
-// Frees a slot, among those of one user where `uid` is given.
-void kx_server::give_way(const uid_t* uid) {
-  Silent* longest = nullptr;
-  for (Silent& silent : silent_) {
-    if (silent.connection.valid() && (uid == nullptr || silent.uid == *uid) &&
-        (longest == nullptr || silent.arrival < longest->arrival)) {
-      longest = &silent;
+// Answers the connection that has been pending for longest, to free its slot; of one user's where
+// `uid` is given.
+void kx_server::evict_longest(const uid_t* uid) {
+  Pending* longest = nullptr;
+  for (Pending& pending : pending_) {
+    if (pending.connection.valid() && (uid == nullptr || pending.uid == *uid) &&
+        (longest == nullptr || pending.arrival < longest->arrival)) {
+      longest = &pending;
     }
   }
   if (longest == nullptr) {
     return;
   }
   Descriptor connection = take(*longest);
-  if (!serve(connection, Caller::perhaps_gone)) {
+  if (!serve(connection, Hangup::check)) {
     refuse(std::move(connection), KX_IS_BUSY);
   }
 }
 
 void kx_server::expire() {
   const std::int64_t time = now();
-  if (deaf_until_ != 0 && time >= deaf_until_) {
-    deaf_until_ = watch(listener_.socket(), kListenerTag, EPOLLIN) ? 0 : time + kDeafTime;
+  if (listen_again_at_ != 0 && time >= listen_again_at_) {
+    listen_again_at_ = watch(listener_.socket(), kListenerTag, EPOLLIN) ? 0 : time + kListenPause;
   }
-  if (silent_count_ == 0 || time < next_expiry_) {
+  if (pending_count_ == 0 || time < next_expiry_) {
     return;
   }
   next_expiry_ = INT64_MAX;
-  for (Silent& silent : silent_) {
-    if (silent.connection.valid() && silent.until > time) {
-      next_expiry_ = std::min(next_expiry_, silent.until);
-    } else if (silent.connection.valid() && !stopping_) {
-      Descriptor connection = take(silent);
-      if (!serve(connection, Caller::perhaps_gone)) {
+  for (Pending& pending : pending_) {
+    if (pending.connection.valid() && pending.until > time) {
+      next_expiry_ = std::min(next_expiry_, pending.until);
+    } else if (pending.connection.valid() && !stopping_) {
+      Descriptor connection = take(pending);
+      if (!serve(connection, Hangup::check)) {
         refuse(std::move(connection), KX_IS_BUSY);
       }
     }
@@ -329,9 +336,9 @@ void kx_server::expire() {
 void kx_server::pause_everybody() {
   paused_ = true;
   shutdown(listener_.socket(), SHUT_RDWR);
-  for (Silent& silent : silent_) {
-    if (silent.connection.valid()) {
-      refuse(take(silent), KX_IS_PAUSED);
+  for (Pending& pending : pending_) {
+    if (pending.connection.valid()) {
+      refuse(take(pending), KX_IS_PAUSED);
     }
   }
   spare_.reset();

@@ -9,6 +9,9 @@
 #include "kxbus.h"
 
 namespace kxbus {
+
+using os::Descriptor;
+
 namespace {
 
 constexpr std::size_t kMostDescriptors = 253;  // SCM_MAX_FD

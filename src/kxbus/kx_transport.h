@@ -9,8 +9,8 @@
 #include <iterator>
 #include <span>
 
+#include "descriptor.h"
 #include "kx_buffer.h"
-#include "kx_descriptor.h"
 #include "kx_packet.h"
 
 namespace kxbus {
@@ -26,7 +26,7 @@ struct Incoming {
   ~Incoming();  // cuts off and closes what nobody took
 
   HeaderBytes header;
-  Descriptor descriptors[2];
+  os::Descriptor descriptors[2];
   std::size_t descriptor_count = 0;  // of all that came, discarded ones included
   bool out_of_descriptors = false;   // this process could not hold all that were sent
   std::size_t sent = 0;
@@ -53,6 +53,6 @@ void send_status(int socket, int status);
 
 // Answers a connection whose request need not be looked at, and closes it. What it has sent is
 // discarded first, and it cannot send more: closing with unread input would cost it the answer.
-void refuse(Descriptor connection, int status);
+void refuse(os::Descriptor connection, int status);
 
 }  // namespace kxbus

@@ -18,7 +18,7 @@
 #include <cstring>
 #include <thread>
 
-#include "kx_descriptor.h"
+#include "descriptor.h"
 #include "kx_packet.h"
 #include "kxbus.h"
 #include "rooted.h"
@@ -150,7 +150,7 @@ Answer call(std::string_view method, const std::string& payload) {
   address.sun_family = AF_UNIX;
   name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  const kxbus::Descriptor caller(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const os::Descriptor caller(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   require(uninterrupted([&] {
             return connect(caller.get(), reinterpret_cast<const sockaddr*>(&address), length);
           }) == 0,

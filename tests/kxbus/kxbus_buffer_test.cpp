@@ -76,19 +76,4 @@ TEST(Buffer, RefusesWhatItCannotHold) {
   kx_io_free(nullptr);
 }
 
-TEST(Buffer, GivesItsDescriptorsBack) {
-  const int before = harness::open_descriptors();
-  for (int round = 0; round < 3; ++round) {
-    const Io io(kx_io_create());
-    ASSERT_EQ(kx_io_realloc(io.get(), 1 << 20), KX_SUCCESS);
-    ASSERT_NE(kx_io_read(io.get(), nullptr), nullptr);
-    ASSERT_EQ(harness::open_descriptors(), before + 1);
-    kx_io_realloc(io.get(), 0);
-    ASSERT_EQ(harness::open_descriptors(), before);
-    const std::string large(1 << 20, 'x');
-    ASSERT_EQ(kx_io_write(io.get(), large.data(), large.size()), KX_SUCCESS);
-  }
-  EXPECT_EQ(harness::open_descriptors(), before);
-}
-
 }  // namespace
