@@ -56,9 +56,10 @@ void bus_callback(const char* method, kx_io* io, int fd) {
     kx_io_free(io);
   } else if (name == "throw") {
     throw std::runtime_error("thrown by a callback");
-  } else if (name == "held" || name == "mark") {
+  } else if (name == "held" || name == "mark" || name == "marks") {
     mark_count += name == "mark" ? 1 : 0;
-    const std::string answer = name == "held" ? std::to_string(open_descriptors()) : "";
+    const std::string answer =
+        name == "mark" ? "" : std::to_string(name == "held" ? open_descriptors() : marks());
     kx_io_realloc(io, 0);
     kx_io_write(io, answer.data(), answer.size());
     kx_reply(io);
@@ -67,12 +68,6 @@ void bus_callback(const char* method, kx_io* io, int fd) {
     kx_reply(io);
     kx_io_free(io);
     kx_io_free(io);
-  } else if (name == "read" && fd >= 0) {
-    char bytes[16];
-    const ssize_t got = read(fd, bytes, sizeof bytes);
-    kx_io_realloc(io, 0);
-    kx_io_write(io, bytes, got > 0 ? static_cast<std::size_t>(got) : 0);
-    kx_reply(io);
   } else if (name == "echo" || name.size() == 255) {
     kx_reply(io);
     kx_io_free(io);

@@ -20,8 +20,7 @@ inline constexpr const char* kBusAddress = "@bus";
 //   echo    replies what came, as does the longest name    throw   throws
 //   again   replies, then frees twice over                 fail    frees the buffer
 //   ignore  returns without an answer                      mark    answers, and adds 1 to marks()
-//   held    replies how many descriptors its process has
-//   read    replies the first bytes of the descriptor passed along
+//   held    replies how many descriptors its process has   marks   replies marks()
 void bus_callback(const char* method, kx_io* io, int fd);
 int marks();
 

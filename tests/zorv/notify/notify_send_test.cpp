@@ -15,14 +15,15 @@ namespace {
 using zorv::nc_msg;
 using zorv::nclog::notify_send;
 
-// Stands where the notification tool is and writes down what it was given: each argument in angle
-// brackets, what its own descriptors are, which signals it blocks.
+// Stands where the notification tool is and writes down what it was given: which signals it blocks
+// (first, because shells change that), its own descriptors (without a redirection, which would be
+// one), each argument in angle brackets.
 constexpr const char* kRecorder = R"(#!/bin/sh
-for word in "$0" "$@"; do printf '<%s>' "$word"; done > "$ZORV_ROOT/seen.part"
-readlink /proc/$$/fd/* | grep -v "^$0$" > "$ZORV_ROOT/descriptors"
 while read -r name value; do
   [ "$name" = SigBlk: ] && echo "$value"
 done < /proc/self/status > "$ZORV_ROOT/mask"
+find /proc/$$/fd -type l ! -lname "$0" -fprintf "$ZORV_ROOT/descriptors" '%l\n'
+for word in "$0" "$@"; do printf '<%s>' "$word"; done > "$ZORV_ROOT/seen.part"
 mv "$ZORV_ROOT/seen.part" "$ZORV_ROOT/seen"
 )";
 
