@@ -12,7 +12,7 @@ target_compile_options(gtest PRIVATE -w)
 
 set(ZORV_PROGRAMS ${CMAKE_BINARY_DIR}/emulated)
 list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
-foreach(program zorvd zorvctl notify platformd wire_client zorvd_small)
+foreach(program zorvd zorvctl notify platformd)
   file(GENERATE OUTPUT ${ZORV_PROGRAMS}/${program}
        CONTENT "#!/bin/sh\nexec ${emulator} -0 \"$0\" ${CMAKE_BINARY_DIR}/bin/${program} \"$@\"\n"
        FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)

@@ -21,12 +21,6 @@ namespace {
 
 std::atomic<int> mark_count{0};
 
-void put(std::string& bytes, std::uint32_t value, int count) {
-  for (int i = 0; i < count; ++i) {
-    bytes.push_back(static_cast<char>(value >> (8 * i)));
-  }
-}
-
 sockaddr_un abstract_name(const char* address, socklen_t& ret_length) {
   sockaddr_un name{};
   name.sun_family = AF_UNIX;
@@ -34,14 +28,6 @@ sockaddr_un abstract_name(const char* address, socklen_t& ret_length) {
   text.copy(name.sun_path + 1, sizeof name.sun_path - 1);
   ret_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
   return name;
-}
-
-int seqpacket_socket() {
-  const int made = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-  const timeval limit{20, 0};
-  setsockopt(made, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  setsockopt(made, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  return made;
 }
 
 std::string proc_folder(pid_t pid) {
@@ -114,51 +100,43 @@ int bus_call(const std::string& method, const std::string& body, std::string* re
 }
 
 std::string Frame::bytes() const {
-  std::string packet;
-  put(packet, magic, 4);
-  put(packet, version, 1);
-  put(packet, kind, 1);
-  put(packet,
-      detail >= 0 ? static_cast<std::uint32_t>(detail) : static_cast<std::uint32_t>(method.size()),
-      2);
-  put(packet, flags, 4);
-  put(packet,
-      static_cast<std::uint32_t>(body_length >= 0 ? body_length
-                                                  : static_cast<std::int64_t>(body.size())),
-      4);
-  return packet + body + method;
+  const struct {
+    std::uint32_t magic;
+    std::uint8_t version, kind;
+    std::uint16_t detail;
+    std::uint32_t flags, body_length;
+  } header{
+      magic, version,
+      kind,  static_cast<std::uint16_t>(detail >= 0 ? static_cast<size_t>(detail) : method.size()),
+      flags, static_cast<std::uint32_t>(body_length >= 0 ? body_length : std::ssize(body))};
+  return std::string(reinterpret_cast<const char*>(&header), sizeof header) + body + method;
 }
 
-RawSocket::~RawSocket() {
-  if (socket_ >= 0) {
-    close(socket_);
-  }
+RawSocket::RawSocket(int socket) : socket_(socket) {
+  const timeval limit{20, 0};
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 RawSocket RawSocket::connected(const char* address) {
   socklen_t length = 0;
   const sockaddr_un name = abstract_name(address, length);
-  RawSocket made(seqpacket_socket());
-  return connect(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0
-             ? std::move(made)
-             : RawSocket();
+  RawSocket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const bool done = connect(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0;
+  return done ? std::move(made) : RawSocket();
 }
 
 RawSocket RawSocket::listening(const char* address) {
   socklen_t length = 0;
   const sockaddr_un name = abstract_name(address, length);
-  RawSocket made(seqpacket_socket());
-  return bind(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0 &&
-                 listen(made.get(), 0) == 0
-             ? std::move(made)
-             : RawSocket();
+  RawSocket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const bool done = bind(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0 &&
+                    listen(made.get(), 0) == 0;
+  return done ? std::move(made) : RawSocket();
 }
 
 RawSocket RawSocket::accept() const {
-  const timeval limit{20, 0};
-  const int made = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
-  setsockopt(made, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  return RawSocket(made);
+  return RawSocket(accept4(get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 bool RawSocket::send(const std::string& bytes, const std::vector<int>& descriptors) const {
@@ -177,12 +155,12 @@ bool RawSocket::send(const std::string& bytes, const std::vector<int>& descripto
     rights->cmsg_len = CMSG_LEN(size);
     memcpy(CMSG_DATA(rights), descriptors.data(), size);
   }
-  return sendmsg(socket_, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+  return sendmsg(get(), &message, MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
 std::string RawSocket::receive() const {
   std::string bytes(128 * 1024, '\0');
-  const ssize_t length = recv(socket_, bytes.data(), bytes.size(), 0);
+  const ssize_t length = recv(get(), bytes.data(), bytes.size(), 0);
   bytes.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
   return bytes;
 }

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "descriptor.h"
 #include "harness/process.h"
 #include "kxbus.h"
 
@@ -31,8 +32,6 @@ class BusServer {
   ~BusServer();
   BusServer(const BusServer&) = delete;
   BusServer& operator=(const BusServer&) = delete;
-
-  kx_server* get() const { return server_; }
 
  private:
   kx_server* server_;
@@ -61,26 +60,21 @@ struct Frame {
   std::string bytes() const;
 };
 
-// A socket that closes itself; -1 where it could not be had. Waits 20 seconds at most.
+// A socket of the bus's kind; -1 where it could not be had. Waits 20 seconds at most.
 class RawSocket {
  public:
-  RawSocket() = default;
-  explicit RawSocket(int socket) : socket_(socket) {}
-  RawSocket(RawSocket&& other) noexcept : socket_(other.socket_) { other.socket_ = -1; }
-  RawSocket& operator=(RawSocket&&) = delete;
-  ~RawSocket();
-
+  explicit RawSocket(int socket = -1);
   static RawSocket connected(const char* address = kBusAddress);
   static RawSocket listening(const char* address = kBusAddress);
   RawSocket accept() const;
 
-  int get() const { return socket_; }
+  int get() const { return socket_.get(); }
   bool send(const std::string& bytes, const std::vector<int>& descriptors = {}) const;
   std::string receive() const;  // "" at the end
   int status() const;           // of the reply that comes; -1 for none, -2 for nonsense
 
  private:
-  int socket_ = -1;
+  os::Descriptor socket_;
 };
 
 int make_memfd(const std::string& content, unsigned seals);

@@ -2,28 +2,28 @@
 
 #include <unistd.h>
 
-#include <cctype>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
-#include <sstream>
+#include <regex>
 #include <stdexcept>
 
-#include "harness/test_root.h"
 #include "kxbus.h"
 
 namespace harness {
 namespace {
 
-std::vector<std::string> command(const std::string& name, const std::vector<std::string>& options) {
-  std::vector<std::string> words{program(name)};
-  words.insert(words.end(), options.begin(), options.end());
-  return words;
+std::vector<std::string> command(const std::string& name, const std::vector<std::string>& options,
+                                 std::vector<std::string> before = {}) {
+  before.push_back(program(name));
+  before.insert(before.end(), options.begin(), options.end());
+  return before;
 }
 
 }  // namespace
 
 std::string program(const std::string& name) {
-  return std::string(ZORV_BIN_FOLDER) + "/" + name;
+  const char* const other_build = getenv("ZORV_TEST_PROGRAMS");
+  return std::string(other_build != nullptr ? other_build : ZORV_BIN_FOLDER) + "/" + name;
 }
 
 void install_notify() {
@@ -41,7 +41,8 @@ bool wait_until_serving(const char* address) {
   });
 }
 
-Daemon::Daemon(const std::vector<std::string>& options) : process_(command("zorvd", options)) {
+Daemon::Daemon(const std::vector<std::string>& options, const std::vector<std::string>& before)
+    : process_(command("zorvd", options, before)) {
   if (!wait_until_serving("@/var/run/zorvd.sock")) {
     throw std::runtime_error("zorvd does not serve");
   }
@@ -53,48 +54,26 @@ PlatformDaemon::PlatformDaemon() : process_(command("platformd", {})) {
   }
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 Outcome zorvctl(const std::vector<std::string>& words, const std::string& input) {
   return run(command("zorvctl", words), input);
 }
 
 std::vector<LogLine> log_lines() {
+  static const std::regex prefix(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d+ \[([A-Z]+)\] ([a-z_]+) \[\d+\] ([^:]+):)");
   const std::string text = read_file(kLogFile);
   std::vector<LogLine> lines;
-  size_t text_start = 0;
-  for (size_t at = 0; at < text.size();) {
-    char level[8];
-    char module[64];
-    char function[64];
-    int length = 0;
-    const bool is_prefix =
-        std::isdigit(static_cast<unsigned char>(text[at])) != 0 &&
-        sscanf(text.c_str() + at,
-               "%*4[0-9]-%*2[0-9]-%*2[0-9] %*2[0-9]:%*2[0-9]:%*2[0-9] %*d [%7[A-Z]] "
-               "%63[a-z_] [%*d] %63[^:]:%n",
-               level, module, function, &length) == 3 &&
-        length > 0;
-    if (!is_prefix) {
-      ++at;
-      continue;
-    }
+  size_t begin = 0;
+  for (std::sregex_iterator match(text.begin(), text.end(), prefix), end; match != end; ++match) {
+    const auto at = static_cast<size_t>(match->position());
     if (!lines.empty()) {
-      lines.back().text = text.substr(text_start, at - text_start);
+      lines.back().text = text.substr(begin, at - begin);
     }
-    lines.push_back({level, module, function, ""});
-    at += static_cast<size_t>(length);
-    text_start = at;
+    lines.push_back({(*match)[1], (*match)[2], (*match)[3], ""});
+    begin = at + static_cast<size_t>(match->length());
   }
   if (!lines.empty()) {
-    lines.back().text = text.substr(text_start);
+    lines.back().text = text.substr(begin);
   }
   return lines;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "harness/process.h"
+#include "harness/test_root.h"
 
 namespace harness {
 
@@ -15,7 +16,7 @@ inline constexpr const char* kLogFile = "/var/log/network/ZORV.log";
 inline constexpr const char* kNotifications = "/var/log/network/notifications.jsonl";
 inline constexpr const char* kDatabase = "/etc/config/zorv/zorv.db";
 
-// A program of this build by its name, for example "zorvctl".
+// A program of this build, or of the one that ZORV_TEST_PROGRAMS names, for example "zorvctl".
 std::string program(const std::string& name);
 
 // Puts the notification tool where the daemon looks for it.
@@ -24,10 +25,13 @@ void install_notify();
 // zorvd in the foreground, serving when the constructor returns; ended with the object.
 class Daemon {
  public:
-  explicit Daemon(const std::vector<std::string>& options = {});
+  // `before` stands before it on the command line and has to end in exec: `env` and the like.
+  explicit Daemon(const std::vector<std::string>& options = {},
+                  const std::vector<std::string>& before = {});
   // SIGTERM; the exit status.
   int stop() { return process_.terminate(); }
   Process& process() { return process_; }
+  pid_t pid() const { return process_.pid(); }
 
  private:
   Process process_;
@@ -45,8 +49,6 @@ class PlatformDaemon {
 
 // Runs zorvctl to its end.
 Outcome zorvctl(const std::vector<std::string>& words, const std::string& input = "");
-
-std::vector<std::string> lines_of(const std::string& text);
 
 // Waits until somebody listens on a bus address.
 bool wait_until_serving(const char* address);

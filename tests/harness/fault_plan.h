@@ -13,13 +13,8 @@ enum class Call : int {
   accept,
   sendmsg,
   memfd_create,
-  ftruncate,
-  fallocate,
   mmap,
-  open,
-  write,
   pwrite,
-  pread,
   allocation,  // malloc, calloc, realloc; not in a build with sanitizers
 };
 
@@ -27,6 +22,7 @@ struct FaultPlan {
   std::atomic<pid_t> process;   // the others that have the shim loaded are left alone
   std::atomic<int> call;        // a Call
   std::atomic<int> calls_left;  // until the one that fails, that one included
+  std::atomic<bool> on;         // and all behind it
   std::atomic<int> error;       // errno of the failure
   std::atomic<int> failures;    // that have happened
 };

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 
 #include "harness/fault_plan.h"
@@ -22,8 +21,11 @@ using harness::Call;
 harness::FaultPlan* plan = nullptr;
 
 bool fails(Call call) {
-  if (plan == nullptr || plan->call != static_cast<int>(call) || plan->process != getpid() ||
-      --plan->calls_left != 0) {
+  if (plan == nullptr || plan->call != static_cast<int>(call) || plan->process != getpid()) {
+    return false;
+  }
+  const int left = --plan->calls_left;
+  if (left > 0 || (left < 0 && !plan->on)) {
     return false;
   }
   ++plan->failures;
@@ -60,11 +62,6 @@ __attribute__((constructor)) void attach() {
   plan = base != MAP_FAILED ? static_cast<harness::FaultPlan*>(base) : nullptr;
 }
 
-mode_t mode_of(int flags, va_list arguments) {
-  return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, unsigned))
-                                              : 0;
-}
-
 }  // namespace
 
 void harness::use_fault_plan(FaultPlan* given) {
@@ -88,44 +85,6 @@ int memfd_create(const char* name, unsigned flags) noexcept {
   return fails(Call::memfd_create) ? -1 : real(name, flags);
 }
 
-ssize_t write(int file, const void* bytes, size_t length) {
-  static const auto real = next<decltype(write)>("write");
-  return fails(Call::write) ? -1 : real(file, bytes, length);
-}
-
-int open(const char* path, int flags, ...) {
-  static const auto real = next<decltype(open)>("open");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = mode_of(flags, arguments);
-  va_end(arguments);
-  return fails(Call::open) ? -1 : real(path, flags, mode);
-}
-
-int open64(const char* path, int flags, ...) {
-  static const auto real = next<decltype(open64)>("open64");
-  va_list arguments;
-  va_start(arguments, flags);
-  const mode_t mode = mode_of(flags, arguments);
-  va_end(arguments);
-  return fails(Call::open) ? -1 : real(path, flags, mode);
-}
-
-int ftruncate(int file, off_t length) noexcept {
-  static const auto real = next<int(int, off_t)>("ftruncate");
-  return fails(Call::ftruncate) ? -1 : real(file, length);
-}
-
-int ftruncate64(int file, off64_t length) noexcept {
-  static const auto real = next<int(int, off64_t)>("ftruncate64");
-  return fails(Call::ftruncate) ? -1 : real(file, length);
-}
-
-int fallocate(int file, int mode, off_t offset, off_t length) {
-  static const auto real = next<decltype(fallocate)>("fallocate");
-  return fails(Call::fallocate) ? -1 : real(file, mode, offset, length);
-}
-
 void* mmap(void* address, size_t length, int protection, int flags, int file,
            off_t offset) noexcept {
   static const auto real = next<void*(void*, size_t, int, int, int, off_t)>("mmap");
@@ -140,11 +99,6 @@ ssize_t pwrite(int file, const void* bytes, size_t length, off_t offset) {
 ssize_t pwrite64(int file, const void* bytes, size_t length, off64_t offset) {
   static const auto real = next<decltype(pwrite64)>("pwrite64");
   return fails(Call::pwrite) ? -1 : real(file, bytes, length, offset);
-}
-
-ssize_t pread64(int file, void* bytes, size_t length, off64_t offset) {
-  static const auto real = next<decltype(pread64)>("pread64");
-  return fails(Call::pread) ? -1 : real(file, bytes, length, offset);
 }
 
 #ifdef ZORV_FAULT_ALLOCATIONS

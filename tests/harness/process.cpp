@@ -2,130 +2,121 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <stdexcept>
 
 #include "harness/test_root.h"
 
 namespace harness {
 namespace {
 
-pid_t spawn(const std::vector<std::string>& arguments, int in, int out, int err) {
-  std::vector<std::string> words = arguments;
-  std::vector<char*> argv;
-  for (std::string& word : words) {
-    argv.push_back(word.data());
-  }
-  argv.push_back(nullptr);
+pid_t start(const std::function<int()>& body) {
   const pid_t pid = fork();
   if (pid == 0) {
-    const std::array<int, 3> streams{in, out, err};
-    for (int stream = 0; stream < 3; ++stream) {
-      if (streams[static_cast<size_t>(stream)] >= 0) {
-        dup2(streams[static_cast<size_t>(stream)], stream);
-      }
-    }
-    execv(argv[0], argv.data());
-    _exit(127);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    _exit(body());
   }
   return pid;
 }
 
-int decode(int status) {
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+// The body of a child that becomes a program.
+std::function<int()> program_of(const std::vector<std::string>& arguments) {
+  return [arguments] {
+    std::vector<char*> words;
+    for (const std::string& word : arguments) {
+      words.push_back(const_cast<char*>(word.data()));
+    }
+    words.push_back(nullptr);
+    execv(words[0], words.data());
+    return 127;
+  };
 }
 
 }  // namespace
 
-Child::Child(const std::function<int()>& body) : pid_(fork()) {
-  if (pid_ == 0) {
-    _exit(body());
+Child::Child(const std::function<int()>& body) : pid_(start(body)) {}
+
+Child::Child(const std::function<int(const Ready&)>& body) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) {
+    throw std::runtime_error("no pipe");
+  }
+  pid_ = start([&] {
+    close(ends[0]);
+    return body([&] {
+      if (write(ends[1], "+", 1) != 1) {
+        _exit(1);
+      }
+      close(ends[1]);
+    });
+  });
+  close(ends[1]);
+  char ready = 0;
+  const bool is_ready = read(ends[0], &ready, 1) == 1;
+  close(ends[0]);
+  if (!is_ready) {
+    wait();
+    throw std::runtime_error("the child was not ready");
   }
 }
 
 Child::~Child() {
-  if (pid_ > 0) {
-    kill(pid_, SIGKILL);
+  if (!reaped_) {
+    send(SIGKILL);
     wait();
   }
 }
 
-int Child::wait() {
-  int status = 0;
-  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-  }
-  pid_ = -1;
-  return decode(status);
-}
-
-Process::Process(const std::vector<std::string>& arguments) : pid_(spawn(arguments, -1, -1, -1)) {}
-
-Process::~Process() {
-  if (!reaped_ && pid_ > 0) {
-    kill(pid_, SIGKILL);
-    wait();
-  }
-}
-
-void Process::send(int signal_number) const {
+void Child::send(int signal_number) const {
   kill(pid_, signal_number);
 }
 
-int Process::wait() {
-  if (!reaped_) {
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    status_ = decode(status);
-    reaped_ = true;
-  }
-  return status_;
-}
-
-int Process::terminate() {
-  send(SIGTERM);
-  return wait();
-}
-
-bool Process::running() {
+bool Child::running() {
   int status = 0;
   if (!reaped_ && waitpid(pid_, &status, WNOHANG) == pid_) {
-    status_ = decode(status);
+    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     reaped_ = true;
   }
   return !reaped_;
 }
 
+int Child::wait() {
+  const auto ended = [this] { return !running(); };
+  if (!eventually(ended)) {
+    send(SIGKILL);
+    eventually(ended);
+  }
+  return status_;
+}
+
+int Child::terminate() {
+  send(SIGTERM);
+  return wait();
+}
+
+Process::Process(const std::vector<std::string>& arguments) : Child(program_of(arguments)) {}
+
 Outcome run(const std::vector<std::string>& arguments, const std::string& input) {
   // Through files: neither side can block on a full pipe.
   static int number = 0;
-  const std::string base = test_root() + "/run." + std::to_string(++number);
-  std::ofstream(base + ".in", std::ios::binary) << input;
-  const int in = open((base + ".in").c_str(), O_RDONLY | O_CLOEXEC);
-  const int out = open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const int err = open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const pid_t pid = spawn(arguments, in, out, err);
-  close(in);
-  close(out);
-  close(err);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  Outcome outcome{decode(status), slurp(base + ".out"), slurp(base + ".err")};
-  for (const char* suffix : {".in", ".out", ".err"}) {
-    std::filesystem::remove(base + suffix);
+  const std::string base = "/run." + std::to_string(++number);
+  const std::string files[] = {base + ".in", base + ".out", base + ".err"};
+  write_file(files[0], input);
+  Child child([&] {
+    for (int stream = 0; stream < 3; ++stream) {
+      const int flags = stream == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC;
+      dup2(open((test_root() + files[stream]).c_str(), flags | O_CLOEXEC, 0600), stream);
+    }
+    return program_of(arguments)();
+  });
+  const int status = child.wait();
+  Outcome outcome{status, read_file(files[1]), read_file(files[2])};
+  for (const std::string& file : files) {
+    std::filesystem::remove(test_root() + file);
   }
   return outcome;
 }

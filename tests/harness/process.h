@@ -1,5 +1,5 @@
-// Programs started by a test: run to their end with their output, or kept running and ended by
-// their process id. Nothing started here outlives its object.
+// Functions and programs run by a test in processes of their own. None outlives its object or the
+// test.
 #pragma once
 
 #include <sys/types.h>
@@ -12,10 +12,10 @@
 
 namespace harness {
 
-// Asks again until `ready` is; false when it is not within 20 seconds.
+// Asks again until `ready` is; false when it is not within 30 seconds.
 template <class Ready>
 bool eventually(Ready ready) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (!ready()) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
@@ -25,36 +25,25 @@ bool eventually(Ready ready) {
   return true;
 }
 
-// Runs `body` in a child; its value is the exit status. The parent's own gtest is left alone.
+// Runs `body`, whose value is the exit status.
 class Child {
  public:
+  using Ready = std::function<void()>;
   explicit Child(const std::function<int()>& body);
-  ~Child();  // kills and reaps it
+  // Returns when the body has called what it is given, throws when it ended before.
+  explicit Child(const std::function<int(const Ready&)>& body);
+  ~Child();  // kills and reaps what still runs
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
   pid_t pid() const { return pid_; }
-  int wait();  // as of Process::wait
-
- private:
-  pid_t pid_;
-};
-
-class Process {
- public:
-  // Starts `arguments` (the first is the program's path) with this process's environment.
-  explicit Process(const std::vector<std::string>& arguments);
-  ~Process();  // kills and reaps what still runs
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  pid_t pid() const { return pid_; }
   void send(int signal_number) const;
-  // Waits for its end: the exit status, or 128 + the signal that ended it.
+  bool running();
+  // The exit status, or 128 + the signal that ended it. A child that does not end is killed after
+  // 30 seconds.
   int wait();
   // SIGTERM, then wait().
   int terminate();
-  bool running();
 
  private:
   pid_t pid_;
@@ -62,8 +51,14 @@ class Process {
   bool reaped_ = false;
 };
 
+// Runs a program (the first word is its path) with this process's environment.
+class Process : public Child {
+ public:
+  explicit Process(const std::vector<std::string>& arguments);
+};
+
 struct Outcome {
-  int status;  // as of Process::wait
+  int status;  // as of Child::wait
   std::string out;
   std::string err;
 };

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace harness {
 
@@ -16,5 +17,7 @@ const std::string& test_root();
 // Whole-file access below the root; `path` is the plain path, as the system's code names it.
 std::string read_file(std::string_view path);
 void write_file(std::string_view path, std::string_view content);
+
+std::vector<std::string> lines_of(const std::string& text);
 
 }  // namespace harness
