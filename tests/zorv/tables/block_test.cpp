@@ -1,207 +1,212 @@
-// Who is blocked: failed logins counted against the policy that platformd reads, through the real
-// daemon.
+// Who is blocked: failed logins counted against the policy, with a clock and a policy service that
+// are the test's own.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
-#include <memory>
-#include <optional>
+#include <ctime>
 
-#include "harness/bus_peer.h"
 #include "harness/daemon.h"
-#include "harness/fake_service.h"
-#include "harness/test_root.h"
-#include "zorv_api_db.h"
+#include "kxbus.h"
+#include "zorvd_tables.h"
 
 namespace {
 
 using namespace std::string_literals;
+using Texts = std::vector<std::string>;
 
-constexpr const char* kPolicy = "/etc/config/vpn_block.conf";
+time_t clock_now = 1795234206;
+int policy_status = KX_SUCCESS;
+std::string policy_reply;
 
-void set_policy(const std::string& global) {
-  harness::write_file(kPolicy, "{\"global\": " + global + "}");
+}  // namespace
+
+// In place of the C library's and the bus's, for everything that this program links.
+extern "C" time_t time(time_t* ret_now) noexcept {
+  if (ret_now != nullptr) {
+    *ret_now = clock_now;
+  }
+  return clock_now;
 }
 
-std::vector<std::string> rows() {
+int kx_call(const char* address, const char* method, kx_io* io, int /*timeout_s*/, int /*fd*/) {
+  EXPECT_EQ(address + "."s + method, "vpncaas.read_json");
+  EXPECT_STREQ(static_cast<const char*>(kx_io_read(io, nullptr)),
+               R"({"path": "/etc/config/vpn_block.conf"})");
+  kx_io_realloc(io, 0);
+  kx_io_write(io, policy_reply.data(), policy_reply.size());
+  return policy_status;
+}
+
+namespace {
+
+void set_policy(const std::string& global) {
+  policy_reply = R"({"error": 0, "data": {"global": )" + global + "}}";
+}
+
+void fail(const std::string& name, int times = 1) {
+  for (int i = 0; i < times; ++i) {
+    EXPECT_EQ(store::insert_privilege_user_block(name.c_str()), 0);
+  }
+}
+
+Texts rows() {
   return harness::sql("SELECT username, limit_count FROM privilege_user_block");
 }
 
-void age_rows(long long seconds) {
-  harness::sql("UPDATE privilege_user_block SET timestamp = timestamp - " +
-               std::to_string(seconds));
-}
-
-std::vector<std::string> messages(size_t count) {
-  std::vector<std::string> texts;
+// The messages that were sent, each with its user, in any order.
+Texts messages(size_t count) {
+  Texts texts;
   for (const std::string& line : harness::notifications(count)) {
     const size_t at = line.find("\"message_id\":\"") + 14;
     const size_t user = line.find("ZORV Service\",\"") + 15;
     texts.push_back(line.substr(at, 4) + " " + line.substr(user, line.find('"', user) - user));
   }
+  std::sort(texts.begin(), texts.end());
   return texts;
-}
-
-int check(std::string name) {
-  return check_privilege_user_block(name.data());
-}
-
-int fail(std::string name) {
-  return add_privilege_user_block(name.data());
-}
-
-std::string check_on_the_wire(const std::string& name) {
-  std::string answer = "no answer";
-  harness::bus_call("db_privilege_user_block_check", name, &answer, 5, -1, kZorvdAddress);
-  return answer;
 }
 
 class Block : public testing::Test {
  protected:
   void SetUp() override {
     harness::install_notify();
-    platform_ = std::make_unique<harness::PlatformDaemon>();
-    daemon_ = std::make_unique<harness::Daemon>();
+    ASSERT_EQ(store::create_privilege_user_block_db(), 0);
   }
-  std::unique_ptr<harness::PlatformDaemon> platform_;
-  std::unique_ptr<harness::Daemon> daemon_;
 };
 
-TEST_F(Block, CountsToTheLimitBlocksAndLiftsWhenTheTimeIsOver) {
-  set_policy(R"({"enable": true, "limit": 3, "time": 5})");
-  EXPECT_EQ(check("mallory"), 0);
-  EXPECT_EQ(fail("mallory"), 0);
-  EXPECT_EQ(fail("Mallory"), 0) << "another user";
-  EXPECT_EQ(fail("mallory"), 0);
-  EXPECT_EQ(check("mallory"), 0);
-  daemon_->stop();
-  daemon_ = std::make_unique<harness::Daemon>();  // the count survives
-  EXPECT_EQ(fail("mallory"), 0);
-  EXPECT_EQ(messages(1), (std::vector<std::string>{"0020 mallory"}));
-  EXPECT_EQ(check("mallory"), 1);
-  EXPECT_EQ(fail("mallory"), 0);
-  EXPECT_EQ(rows(), (std::vector<std::string>{"mallory|4", "Mallory|1"}));
-  age_rows(250);
-  EXPECT_EQ(check("mallory"), 1);
-  age_rows(50);
-  EXPECT_EQ(check("mallory"), 0);
-  EXPECT_EQ(rows(), (std::vector<std::string>{"Mallory|1"}));
-  EXPECT_EQ(messages(2), (std::vector<std::string>{"0020 mallory", "0021 mallory"}));
+TEST_F(Block, LastsFromTheFailureAtTheLimitUntilItsTimeIsOver) {
+  constexpr const char* kUsual = R"({"enable": true, "limit": 3, "time": 5})";
+  constexpr time_t kLastSecond = 2147483647;  // that 31 bits hold
+  enum { kBelow, kBlocked, kLifted };
+  struct Case {
+    const char* policy;
+    int limit;  // as it is read
+    int failures;
+    time_t elapsed;
+    int verdict;
+    time_t start = 1795234206;
+  };
+  Texts expected;
+  for (const Case& c : {
+           Case{kUsual, 3, 2, 0, kBelow},
+           Case{kUsual, 3, 2, 300, kBelow},
+           Case{kUsual, 3, 3, 0, kBlocked},
+           Case{kUsual, 3, 3, 299, kBlocked},
+           Case{kUsual, 3, 3, 300, kLifted},
+           Case{kUsual, 3, 3, 301, kLifted},
+           Case{kUsual, 3, 4, 299, kBlocked},
+           Case{kUsual, 3, 4, 300, kLifted},
+           Case{kUsual, 3, 3, -1000, kBlocked},  // the clock went back
+           Case{kUsual, 3, 3, 299, kBlocked, kLastSecond},
+           Case{kUsual, 3, 3, 300, kLifted, kLastSecond - 100},
+           Case{kUsual, 3, 3, 299, kBlocked, 4294967000},
+           // Only the low 32 bits of a row's time count.
+           Case{kUsual, 3, 3, 0, kLifted, 4294967296},
+           Case{R"({"enable": true, "time": 5})", 0, 1, 0, kBlocked},  // no limit: 0
+           Case{R"({"enable": true, "limit": "2", "time": 5})", 0, 1, 0,
+                kBlocked},  // no integer: 0
+           Case{R"({"enable": true, "limit": 2.0, "time": 5})", 0, 1, 0, kBlocked},
+           Case{R"({"enable": true, "limit": -1, "time": 1})", -1, 1, 0, kBlocked},
+           Case{R"({"enable": true, "limit": 1})", 1, 1, 0, kLifted},  // no time: over at once
+           Case{R"({"enable": true, "limit": 1, "time": -3})", 1, 1, 0, kLifted},
+           Case{R"({"enable": true, "limit": 1, "time": 0.5})", 1, 1, 29, kBlocked},
+           Case{R"({"enable": true, "limit": 1, "time": 0.5})", 1, 1, 30, kLifted},
+           Case{R"({"enable": true, "limit": 1, "time": 1e300})", 1, 1, 100000, kBlocked},
+       }) {
+    SCOPED_TRACE(c.policy + " "s + std::to_string(c.failures) + " " + std::to_string(c.elapsed));
+    harness::sql("DELETE FROM privilege_user_block");
+    set_policy(c.policy);
+    clock_now = c.start - 1;
+    fail("user", c.failures - 1);
+    clock_now = c.start;  // each failure starts the time anew
+    fail("user");
+    const Texts counted{"user|" + std::to_string(c.failures)};
+    EXPECT_EQ(rows(), counted);
+    EXPECT_EQ(store::check_privilege_user_block("somebody else"), 0);
+    clock_now = c.start + c.elapsed;
+    EXPECT_EQ(store::check_privilege_user_block("user"), c.verdict == kBlocked ? 1 : 0);
+    EXPECT_EQ(rows(), c.verdict == kLifted ? Texts{} : counted);
+    if (c.limit > 0 && c.failures >= c.limit) {
+      expected.emplace_back("0020 user");
+    }
+    if (c.verdict == kLifted) {
+      expected.emplace_back("0021 user");
+    }
+  }
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(messages(expected.size()), expected);
 }
 
 TEST_F(Block, LiftingNotifiesOnlyAtExactlyTheLimit) {
   set_policy(R"({"enable": true, "limit": 2, "time": 5})");
-  for (const char* name : {"below", "at", "at", "above", "above", "above", "at2", "at2"}) {
-    fail(name);
+  fail("below");
+  fail("at", 2);
+  fail("above", 3);
+  fail("below2");
+  fail("at2", 2);
+  fail("above2", 3);
+  for (const char* name : {"nobody", "below", "at", "above"}) {
+    EXPECT_EQ(store::delete_privilege_user_block(name), 0);
   }
-  std::string name = "nobody";
-  EXPECT_EQ(delete_privilege_user_block(name.data()), 0);
-  name = "above";
-  EXPECT_EQ(delete_privilege_user_block(name.data()), 0);
-  name = "at";
-  EXPECT_EQ(delete_privilege_user_block(name.data()), 0);
-  EXPECT_EQ(rows(), (std::vector<std::string>{"below|1", "at2|2"}));
-  EXPECT_EQ(clean_privilege_user_block(), 0);
-  EXPECT_TRUE(rows().empty());
-  // Three reached the limit, and only those at it were announced as lifted.
-  std::vector<std::string> seen = messages(5);
-  std::sort(seen.begin(), seen.end());
-  EXPECT_EQ(seen,
-            (std::vector<std::string>{"0020 above", "0020 at", "0020 at2", "0021 at", "0021 at2"}));
+  EXPECT_EQ(rows(), (Texts{"below2|1", "at2|2", "above2|3"}));
+  EXPECT_EQ(store::clean_privilege_user_block(), 0);
+  EXPECT_EQ(rows(), Texts{});
+  EXPECT_EQ(messages(6),
+            (Texts{"0020 above", "0020 above2", "0020 at", "0020 at2", "0021 at", "0021 at2"}));
 }
 
-TEST_F(Block, APolicyThatIsOffWipesTheTableAtACheck) {
-  fail("mallory");
+TEST_F(Block, APolicyThatIsOffWipesTheTableAtACheckAndTellsNobody) {
   for (const char* off :
-       {R"({"enable": false})", R"({"limit": 1})", R"({"enable": "true", "limit": 1})",
+       {R"({"enable": false, "limit": 1})", R"({"limit": 1})", R"({"enable": "true", "limit": 1})",
         R"({"enable": 1, "limit": 1})", "7"}) {
-    fail("mallory");
-    ASSERT_EQ(rows().size(), 1U) << off;
     set_policy(off);
-    EXPECT_EQ(check("somebody else"), 0) << off;
-    EXPECT_TRUE(rows().empty()) << off;
+    fail("mallory");
+    ASSERT_EQ(rows(), Texts{"mallory|1"}) << off;
+    EXPECT_EQ(store::check_privilege_user_block("somebody else"), 0) << off;
+    EXPECT_EQ(rows(), Texts{}) << off;
   }
+  fail("mallory");
+  EXPECT_EQ(store::delete_privilege_user_block("mallory"), 0);
+  set_policy(R"({"enable": true, "limit": 1})");
+  fail("told");
+  EXPECT_EQ(messages(1), Texts{"0020 told"});
 }
 
-TEST_F(Block, LimitsAndTimesOfEveryKind) {
-  struct Case {
-    const char* policy;
-    int failures;
-    long long age;
-    int result;
-  };
-  for (const Case& c : {
-           Case{R"({"enable": true, "time": 5})", 1, 0, 1},                // no limit: 0
-           Case{R"({"enable": true, "limit": "1", "time": 5})", 1, 0, 1},  // no integer: 0
-           Case{R"({"enable": true, "limit": 2.0, "time": 5})", 1, 0, 1},
-           Case{R"({"enable": true, "limit": 1})", 1, 0, 0},  // no time: over at once
-           Case{R"({"enable": true, "limit": 1, "time": -3})", 1, 0, 0},
-           Case{R"({"enable": true, "limit": 1, "time": 0.5})", 1, 10, 1},
-           Case{R"({"enable": true, "limit": 1, "time": 0.5})", 1, 30, 0},
-           Case{R"({"enable": true, "limit": 1, "time": 1e300})", 1, 100000, 1},
-           Case{R"({"enable": true, "limit": -1, "time": 1})", 1, 0, 1},
-           Case{R"({"enable": true, "limit": 2, "time": 1})", 1, 0, 0},
-           Case{R"({"enable": true, "limit": 1, "time": 1})", 1, -1000, 1},  // the clock went back
-           // Only the low 32 bits of a row's time count.
-           Case{R"({"enable": true, "limit": 1, "time": 5})", 1, -(1LL << 32), 1},
-           Case{R"({"enable": true, "limit": 1, "time": 5})", 1, 1000 - (7LL << 32), 0},
-       }) {
-    harness::sql("DELETE FROM privilege_user_block");
-    set_policy(c.policy);
-    for (int i = 0; i < c.failures; ++i) {
-      fail("user");
-    }
-    age_rows(c.age);
-    EXPECT_EQ(check("user"), c.result) << c.policy << " " << c.age;
-  }
-}
-
-TEST_F(Block, NamesOfEveryKindAreCountedAsThemselves) {
-  set_policy(R"({"enable": true, "limit": 2, "time": 5})");
-  for (const std::string& name : {""s, "a%sb%n%%"s, "o'brien"s, "jos\xc3\xa9"s, "\xff\x01"s,
-                                  std::string(1024, 'x'), "%llu"s}) {
-    EXPECT_EQ(fail(name), 0);
-    EXPECT_EQ(fail(name), 0);
-    EXPECT_EQ(check(name), 1) << name;
-    EXPECT_EQ(harness::sql("SELECT count(*), max(limit_count) FROM privilege_user_block"),
-              (std::vector<std::string>{"1|2"}))
-        << name;
-    std::string lifted = name;
-    EXPECT_EQ(delete_privilege_user_block(lifted.data()), 0);
-    EXPECT_EQ(check(name), 0) << name;
-  }
-  // Rows come back cut to 1024 bytes, so a longer name never meets its own.
-  fail(std::string(2000, 'y'));
-  fail(std::string(2000, 'y'));
-  EXPECT_EQ(rows().size(), 2U);
-  EXPECT_EQ(check(std::string(2000, 'y')), 0);
-}
-
-TEST(BlockPolicy, AnUnreadablePolicyCountsAndBlocksNobody) {
-  harness::Daemon daemon;
-  const std::optional<std::string> replies[] = {std::nullopt, "[1]", R"({"error": 5})"};
-  for (size_t i = 0; i < std::size(replies); ++i) {
-    const harness::FakeService service("vpncaas", "read_json", replies[i]);
-    EXPECT_EQ(fail("user"), 0);
-    EXPECT_EQ(check_on_the_wire("user"), "-1");
-    EXPECT_EQ(check("user"), 0);
-    EXPECT_EQ(rows(), (std::vector<std::string>{"user|" + std::to_string(i + 1)}));
+TEST_F(Block, AnUnreadablePolicyCountsAndBlocksNobody) {
+  policy_status = KX_NOT_READY;
+  int count = 0;
+  for (const char* reply : {"nobody serves", "[1]", R"({"error": 5})", ""}) {
+    policy_reply = reply;
+    fail("user");
+    EXPECT_EQ(store::check_privilege_user_block("user"), -1) << reply;
+    EXPECT_EQ(rows(), Texts{"user|" + std::to_string(++count)});
+    policy_status = KX_SUCCESS;
   }
   EXPECT_TRUE(
       harness::log_holds("check_privilege_user_block: kx failed. kxh vpncaas.read_json "
                          "path=/etc/config/vpn_block.conf"));
-  EXPECT_EQ(check_on_the_wire("user"), "-1") << "nobody serves at all";
-  std::string name = "user";
-  EXPECT_EQ(delete_privilege_user_block(name.data()), 0);
-  EXPECT_TRUE(rows().empty());
-  // Without a limit one failure is enough.
-  const harness::FakeService service(
-      "vpncaas", "read_json", R"({"error": 0, "data": {"global": {"enable": true, "time": 1}}})");
-  EXPECT_EQ(check_on_the_wire("user"), "0");
-  fail("user");
-  EXPECT_EQ(check_on_the_wire("user"), "1");
-  daemon.stop();
-  EXPECT_EQ(check("user"), KX_NOT_READY);
+  fail("other");
+  EXPECT_EQ(store::delete_privilege_user_block("user"), 0);
+  EXPECT_EQ(rows(), Texts{"other|1"});
+  EXPECT_EQ(store::clean_privilege_user_block(), 0);
+  EXPECT_EQ(rows(), Texts{});
+}
+
+TEST_F(Block, NamesOfEveryKindAreCountedAsThemselves) {
+  set_policy(R"({"enable": true, "limit": 2, "time": 5})");
+  fail("Mallory");
+  for (const std::string& name : {""s, "mallory"s, "a%sb%n%%"s, "o'brien"s, "jos\xc3\xa9"s,
+                                  "\xff\x01"s, std::string(1024, 'x'), "%llu"s}) {
+    fail(name, 2);
+    EXPECT_EQ(store::check_privilege_user_block(name.c_str()), 1) << name;
+    EXPECT_EQ(rows(), (Texts{"Mallory|1", name + "|2"}));
+    EXPECT_EQ(store::delete_privilege_user_block(name.c_str()), 0);
+  }
+  EXPECT_EQ(store::insert_privilege_user_block(nullptr), 0);
+  EXPECT_EQ(store::check_privilege_user_block(nullptr), 0);
+  EXPECT_EQ(store::delete_privilege_user_block(nullptr), 0);
+  // Rows come back cut to 1024 bytes, so a longer name never meets its own.
+  fail(std::string(2000, 'y'), 2);
+  EXPECT_EQ(rows().size(), 3U);
+  EXPECT_EQ(store::check_privilege_user_block(std::string(2000, 'y').c_str()), 0);
 }
 
 }  // namespace
