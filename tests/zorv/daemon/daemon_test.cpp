@@ -1,22 +1,23 @@
 // The daemon's entry: options, daemonising, the PID file, signals and the configuration file.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "harness/daemon.h"
-#include "harness/test_root.h"
+#include "zorv_calls.h"
 
 namespace {
 
 using harness::eventually;
-using harness::Outcome;
 
 constexpr const char* kPidFile = "/var/run/zorvd.pid";
 
 std::string daemonizing() {
-  return "exec " + harness::program("zorvd") + " -d -p " + kPidFile;
+  return "exec " + harness::program("zorvd") + " -d -l /late.log -p " + kPidFile;
 }
 
 // A daemonised zorvd, ended by the process id in its PID file.
@@ -50,56 +51,46 @@ class Detached {
 
 TEST(DaemonEntry, HelpAndWrongOptions) {
   const std::string name = harness::program("zorvd");
-  const std::string help = "\n Usage: " + name +
-                           " [OPTIONS]\n\n"
-                           "  Options:\n"
-                           "   -h --help                 Print this help\n"
-                           "   -c --conf_file filename   Read configuration from the file\n"
-                           "   -t --test_conf filename   Test configuration file\n"
-                           "   -l --log_file  filename   Write logs to the file\n"
-                           "   -d --daemon               Daemonize this application\n"
-                           "   -p --pid_file  filename   PID file used by daemonized app\n"
-                           "\n";
-  for (const char* option : {"-h", "--help"}) {
-    const Outcome outcome = harness::run({name, option});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(outcome.out, help);
-  }
-  for (const char* option : {"-x", "--nonsense", "-c"}) {
-    const Outcome outcome = harness::run({name, option});
-    EXPECT_EQ(outcome.status, 1) << option;
+  const std::string help = "\n Usage: " + name + R"( [OPTIONS]
+
+  Options:
+   -h --help                 Print this help
+   -c --conf_file filename   Read configuration from the file
+   -t --test_conf filename   Test configuration file
+   -l --log_file  filename   Write logs to the file
+   -d --daemon               Daemonize this application
+   -p --pid_file  filename   PID file used by daemonized app
+
+)";
+  for (const auto& [option, status] :
+       {std::pair{"-h", 0}, {"--help", 0}, {"-x", 1}, {"--nonsense", 1}, {"-c", 1}}) {
+    const harness::Outcome outcome = harness::run({name, option});
+    EXPECT_EQ(outcome.status, status) << option;
     EXPECT_EQ(outcome.out, help) << option;
   }
 }
 
 TEST(DaemonEntry, ConfigurationFileTest) {
-  struct Case {
-    const char* content;  // null: no file
-    int status;
-    const char* message;
-  };
-  const std::string name = harness::program("zorvd");
-  for (const Case& c : {
-           Case{"5\nand more", 0, nullptr},
-           Case{"  -12", 0, nullptr},
-           Case{"", 1, "Wrong config file /etc/config/zorvd.conf\n"},
-           Case{"delay=5", 1, "Wrong config file /etc/config/zorvd.conf\n"},
-           Case{nullptr, 1, "Can't read config file /etc/config/zorvd.conf\n"},
-       }) {
-    std::filesystem::remove(harness::test_root() + "/etc/config/zorvd.conf");
-    std::filesystem::remove(harness::test_root() + harness::kLogFile);
-    if (c.content != nullptr) {
-      harness::write_file("/etc/config/zorvd.conf", c.content);
+  const std::string kFile = "/etc/config/zorvd.conf";
+  using Texts = std::vector<std::string>;
+  for (const auto& [content, complaint] : {std::pair<const char*, const char*>{"5\nand more", ""},
+                                           {"  -12", ""},
+                                           {"", "Wrong config file "},
+                                           {"delay=5", "Wrong config file "},
+                                           {nullptr, "Can't read config file "}}) {
+    std::filesystem::remove(harness::test_root() + kFile);
+    harness::write_file(harness::kLogFile, "");
+    if (content != nullptr) {
+      harness::write_file(kFile, content);
     }
     // What stands behind -t is not looked at; -d before it does not make a daemon.
-    EXPECT_EQ(harness::run({name, "-d", "-t", "/etc/config/zorvd.conf", "--nonsense"}).status,
-              c.status);
-    const std::vector<std::string> texts = harness::log_texts("zorvd");
-    ASSERT_EQ(texts.size(), c.message != nullptr ? 2U : 1U);
-    EXPECT_EQ(texts[0], "DEBUG Hello ZORVD\n");
-    if (c.message != nullptr) {
-      EXPECT_EQ(texts[1], std::string("ERROR ") + c.message);
+    EXPECT_EQ(harness::run({harness::program("zorvd"), "-d", "-t", kFile, "--nonsense"}).status,
+              *complaint == '\0' ? 0 : 1);
+    Texts expected{"DEBUG Hello ZORVD\n"};
+    if (*complaint != '\0') {
+      expected.push_back("ERROR " + (complaint + kFile) + "\n");
     }
+    EXPECT_EQ(harness::log_texts("zorvd"), expected);
   }
 }
 
@@ -151,21 +142,34 @@ TEST(DaemonEntry, ForegroundRunLogsItsWayThroughReloadAndStop) {
             "zorvd_db_privilege_user_block_handler ");
 }
 
-TEST(DaemonEntry, DaemonizedProcessHasItsStreamsAndItsPidFile) {
+std::string mode_of(const char* path) {
+  struct stat about {};
+  EXPECT_EQ(stat((harness::test_root() + path).c_str(), &about), 0) << path;
+  char text[16];
+  snprintf(text, sizeof text, "%o", about.st_mode & 07777U);
+  return text;
+}
+
+TEST(DaemonEntry, DaemonizedProcessHasItsStreamsItsMaskAndItsPidFile) {
   harness::write_file(kPidFile, "0123456789012345\n");
-  Detached daemon;
+  Detached daemon("umask 077; ");
   ASSERT_EQ(daemon.status, 0);
   ASSERT_TRUE(daemon.serving);
   const std::string text = harness::read_file(kPidFile);
   EXPECT_EQ(text.substr(0, text.find('\n')), std::to_string(daemon.pid));
   EXPECT_EQ(text.size(), 17U) << "what a longer file held behind stays";
-  EXPECT_EQ(getsid(daemon.pid) != getsid(0), true);
+  EXPECT_NE(getsid(daemon.pid), getsid(0));
+  EXPECT_NE(getsid(daemon.pid), daemon.pid) << "no leader, which a terminal could come to";
+  EXPECT_EQ(std::filesystem::read_symlink("/proc/" + std::to_string(daemon.pid) + "/cwd"), "/");
   // 0 is what the test handed down; the three streams follow it, then the PID file.
   EXPECT_NE(daemon.descriptor(0), "/dev/null");
   for (int stream : {1, 2, 3}) {
     EXPECT_EQ(daemon.descriptor(stream), "/dev/null") << stream;
   }
   EXPECT_EQ(daemon.descriptor(4), harness::test_root() + kPidFile);
+  // The mask that it was started with is not the one it works with.
+  EXPECT_EQ(mode_of(harness::kDatabase), "644");
+  EXPECT_EQ(mode_of("/late.log"), "666");
 
   // Each process of the second daemon holds its standard input: all are gone when that ends.
   int ends[2];
@@ -174,23 +178,27 @@ TEST(DaemonEntry, DaemonizedProcessHasItsStreamsAndItsPidFile) {
   EXPECT_EQ(harness::run({"/bin/sh", "-c", command + std::to_string(ends[1])}).status, 0)
       << "its first process leaves before the lock";
   close(ends[1]);
-  char byte;
-  EXPECT_EQ(read(ends[0], &byte, 1), 0);
+  pollfd end{ends[0], POLLIN, 0};
+  EXPECT_EQ(poll(&end, 1, 20'000), 1) << "the second one gives up at the lock";
   close(ends[0]);
   EXPECT_EQ(kill(daemon.pid, 0), 0);
   EXPECT_EQ(harness::read_file(kPidFile), text) << "the second one left the file as it was";
   daemon.end(SIGINT);
   EXPECT_FALSE(std::filesystem::exists(harness::test_root() + kPidFile));
-  EXPECT_TRUE(harness::log_holds("Stopped "));
+  EXPECT_NE(harness::read_file("/late.log").find("Stopped "), std::string::npos);
 }
 
 TEST(DaemonEntry, RelativeRootIsTheCallersAlsoForTools) {
   harness::install_notify();
   const std::filesystem::path root = harness::test_root();
-  const Detached daemon("cd " + root.parent_path().string() +
+  const Detached daemon("umask 077; cd " + root.parent_path().string() +
                         " && export ZORV_ROOT=" + root.filename().string() + "; ");
   ASSERT_TRUE(daemon.serving);
-  EXPECT_EQ(harness::zorvctl({"server-log", "add", "--vpn-type", "4", "--action", "2"}).status, 0);
+  EXPECT_EQ(mode_of(kPidFile), "640");
+  db_conn_server_log record{};
+  record.vpn_type = zorv::OVPN_SERVER_TYPE;
+  record.action = zorv::kLoginOk;
+  EXPECT_EQ(zorv_api::insert(zorv::kServerLog, &record), KX_SUCCESS);
   EXPECT_EQ(harness::notifications(1).size(), 1U);
 }
 
