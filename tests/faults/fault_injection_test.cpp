@@ -5,47 +5,51 @@
 #include <sys/resource.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <fstream>
-#include <memory>
 #include <set>
 
 #include "harness/bus_peer.h"
-#include "harness/daemon.h"
 #include "harness/faults.h"
 #include "harness/records.h"
-#include "harness/test_root.h"
-#include "kxbus.h"
-#include "zorv_api_db.h"
+#include "zorv_calls.h"
 
 namespace {
 
 using harness::bytes_of;
 using harness::Call;
+using zorv_api::new_buffer;
 
 constexpr int kRows = 40;  // more than a packet holds
 constexpr int kMostCalls = 2000;
 
-std::string page(record_int64 count) {
-  db_query_cond cond{};
-  cond.count = count;
-  return bytes_of(cond);
-}
-
-// A call, whose answer must be whole when it is one.
+// A call as a caller makes it, with nothing of the test's own between its steps. An answer is whole
+// when it is one.
 int call(const char* method, const std::string& body) {
-  std::string reply;
-  const int status = harness::bus_call(method, body, &reply, 20, -1, kZorvdAddress);
-  if (status == KX_SUCCESS && std::string_view(method) == "db_conn_server_log_query") {
+  const kx_io_owner io = new_buffer();
+  const int status = zorv_api::call(io, method, body.data(), body.size());
+  size_t length = 0;
+  const void* const reply = kx_io_read(io.get(), &length);
+  if (status == KX_SUCCESS && std::string_view(method) == zorv::kServerLog.methods.query) {
     record_uint64 count = 0;
-    memcpy(&count, reply.data(), std::min(reply.size(), sizeof count));
-    EXPECT_EQ(reply.size(), kQueryHeaderSize + count * sizeof(db_conn_server_log));
+    memcpy(&count, reply, sizeof count);
+    EXPECT_EQ(length, kQueryHeaderSize + count * sizeof(db_conn_server_log));
   }
   return status;
 }
 
-int small_call() {
-  return call("zorv_mobile_gen_zorv_uuid", "");
+int query(record_int64 count) {
+  return call(zorv::kServerLog.methods.query, bytes_of(harness::page(count)));
+}
+
+// With a body that is larger than a packet.
+template <int Count, size_t Size>
+int long_query() {
+  static const std::string body = bytes_of(harness::page(Count)) + std::string(Size, 'x');
+  return call(zorv::kServerLog.methods.query, body);
+}
+
+int insert() {
+  return call(zorv::kServerLog.methods.insert, bytes_of(db_conn_server_log{}));
 }
 
 struct Fault {
@@ -57,6 +61,7 @@ struct Fault {
 
 struct Scenario {
   const char* name;
+  bool in_caller;
   int (*run)();
   std::vector<Fault> faults;
 };
@@ -68,175 +73,135 @@ void PrintTo(const Scenario& scenario, std::ostream* out) {
 // What every request meets.
 const Fault kNotAccepted{Call::accept, EMFILE, 1, {KX_IS_BUSY}};
 const Fault kNotSent{Call::sendmsg, ENOBUFS, 1, {KX_IO_FAILURE}};
-const Fault kNoFile{Call::open, EMFILE, 2, {KX_SUCCESS}};  // a line of the log, or the store's file
-const Fault kNoLogLine{Call::write, EIO, 1, {KX_SUCCESS}};  // is lost
 const Fault kNoMemory{Call::allocation, ENOMEM, 1, {KX_SUCCESS, KX_IS_REJECT, KX_IO_FAILURE}};
-const Fault kUnreadable{Call::pread, EIO, 1, {KX_SUCCESS}};
 
 const Scenario kScenarios[] = {
-    {"SmallAnswer", small_call, {kNotAccepted, kNotSent, kNoFile, kNoLogLine}},
-    {"Query",
-     [] { return call("db_conn_server_log_query", page(3)); },
-     {kNotAccepted, kNotSent, kNoFile, kNoLogLine, kNoMemory, kUnreadable}},
+    {"Query", false, [] { return query(3); }, {kNotAccepted, kNotSent, kNoMemory}},
     {"AnswerInAMemfd",
-     [] { return call("db_conn_server_log_query", page(-1)); },
-     {kNotAccepted,
-      kNotSent,
-      kNoFile,
+     false,
+     [] { return query(-1); },
+     {kNotSent,
       kNoMemory,
-      kUnreadable,
       {Call::memfd_create, EMFILE, 1, {KX_IS_REJECT}},
-      {Call::pwrite, ENOSPC, 2, {KX_IS_REJECT, KX_IO_FAILURE}},
-      {Call::ftruncate, EIO, 1, {KX_IO_FAILURE}}}},
+      {Call::pwrite, ENOSPC, 2, {KX_IS_REJECT, KX_IO_FAILURE}}}},
     {"RequestInAMemfd",
-     [] { return call("db_conn_server_log_query", page(3) + std::string(100'000, 'x')); },
-     {kNotAccepted, kNotSent, kNoMemory, {Call::mmap, ENOMEM, 2, {KX_IO_FAILURE}}}},
-    {"Insert",
-     [] { return call("db_conn_insert", bytes_of(db_conn_server_log{})); },
-     {kNotAccepted,
-      kNotSent,
-      kNoFile,
-      kNoMemory,
-      kUnreadable,
-      {Call::pwrite, ENOSPC, 3, {KX_SUCCESS}}}},  // a failed statement is the log's business
+     false,
+     long_query<3, 100'000>,
+     {kNotSent, kNoMemory, {Call::mmap, ENOMEM, 2, {KX_IO_FAILURE}}}},
+    // A failed statement is the log's business.
+    {"Insert", false, insert, {kNoMemory, {Call::pwrite, ENOSPC, 3, {KX_SUCCESS}}}},
     {"Check",
+     false,
      [] { return call("db_privilege_user_block_check", "alice"); },
-     {kNotAccepted, kNotSent, kNoFile, kNoLogLine, kNoMemory}},
+     {kNotSent, kNoMemory}},
+    {"Caller",
+     true,
+     long_query<-1, 100'000>,
+     {kNotSent,
+      {Call::memfd_create, EMFILE, 1, {KX_IS_BUSY}},
+      {Call::pwrite, ENOSPC, 1, {KX_IO_FAILURE}},
+      {Call::mmap, ENOMEM, 2, {KX_IO_FAILURE}},
+      {Call::allocation, ENOMEM, 2, {KX_IO_FAILURE}}}},
+    {"CallerOfAPage",
+     true,
+     [] {
+       zorv_api::Rows rows;
+       const int status = zorv_api::query(zorv::kServerLog, harness::page(), rows);
+       EXPECT_EQ(rows.count != 0, status == KX_SUCCESS);
+       return status;
+     },
+     {{Call::allocation, ENOMEM, 3, {KX_IO_FAILURE}}}},
 };
 
-class FaultInDaemon : public testing::TestWithParam<Scenario> {
- protected:
-  void SetUp() override {
-    std::filesystem::remove(harness::test_root() + harness::kDatabase);
-    daemon_ = std::make_unique<harness::WrappedDaemon>(faults_.preload());
-    for (int i = 0; i < kRows; ++i) {
-      ASSERT_EQ(call("db_conn_insert", bytes_of(db_conn_server_log{})), KX_SUCCESS);
-    }
-    resting_ = harness::open_descriptors(daemon_->pid());
+class EachCallFails : public testing::TestWithParam<Scenario> {};
+
+TEST_P(EachCallFails, Once) {
+  const Scenario& scenario = GetParam();
+  harness::Faults faults;
+  harness::use_fault_plan(faults.plan());
+  harness::WrappedDaemon daemon(faults.preload());
+  for (int i = 0; i < kRows; ++i) {
+    ASSERT_EQ(insert(), KX_SUCCESS);
   }
-  void TearDown() override { EXPECT_EQ(daemon_->stop(), 0); }
-
-  // How many calls of the kind the request makes; each of them has failed once.
-  int fail_each(const Scenario& scenario, const Fault& fault) {
-    for (int number = 1; number < kMostCalls; ++number) {
-      faults_.fail(daemon_->pid(), fault.kind, number, fault.error);
-      const int status = scenario.run();
-      if (!faults_.clear()) {
-        EXPECT_EQ(status, KX_SUCCESS);
-        return number - 1;
-      }
-      EXPECT_TRUE(fault.statuses.contains(status)) << "call " << number << ": " << status;
-      // The same once more: a line of the log that could not be locked leaves its lock to the
-      // module's next line.
-      EXPECT_EQ(scenario.run(), KX_SUCCESS) << "call " << number;
-      EXPECT_TRUE(harness::eventually([this] {
-        return harness::open_descriptors(daemon_->pid()) <= resting_;
-      })) << "call "
-          << number << ": " << harness::open_descriptors(daemon_->pid())
-          << " descriptors instead of " << resting_;
-    }
-    return kMostCalls;
-  }
-
-  harness::Faults faults_;
-  std::unique_ptr<harness::WrappedDaemon> daemon_;
-  int resting_ = 0;
-};
-
-TEST_P(FaultInDaemon, EachCallFailsOnce) {
-  const long resident = harness::resident_kilobytes(daemon_->pid());
-  for (const Fault& fault : GetParam().faults) {
+  ASSERT_EQ(scenario.run(), KX_SUCCESS);
+  const pid_t process = scenario.in_caller ? getpid() : daemon.pid();
+  const auto open = [&] { return harness::open_descriptors(process); };
+  const int resting = open();
+  const long resident = harness::resident_kilobytes(process);
+  for (const Fault& fault : scenario.faults) {
     if (fault.kind == Call::allocation && harness::kSanitized) {
       continue;  // the allocator is the sanitizer's
     }
     SCOPED_TRACE(static_cast<int>(fault.kind));
-    const int calls = fail_each(GetParam(), fault);
-    EXPECT_GE(calls, fault.least);
-    EXPECT_LT(calls, kMostCalls);
-  }
-  if (!harness::kSanitized) {
-    EXPECT_LT(harness::resident_kilobytes(daemon_->pid()), resident + 2048);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Faults, FaultInDaemon, testing::ValuesIn(kScenarios),
-                         [](const auto& scenario) { return std::string(scenario.param.name); });
-
-// One call as a caller makes it, with nothing of the test's own between its steps.
-int call_in_steps(kx_io*& io, const char* method, const std::string& body) {
-  io = kx_io_create();
-  if (io == nullptr) {
-    return KX_IO_FAILURE;
-  }
-  const int status = kx_io_write(io, body.data(), body.size());
-  return status != KX_SUCCESS ? status : kx_call(kZorvdAddress, method, io, 20, -1);
-}
-
-TEST(FaultInCaller, EachCallFailsOnce) {
-  std::filesystem::remove(harness::test_root() + harness::kDatabase);
-  harness::Daemon daemon;
-  for (int i = 0; i < kRows; ++i) {
-    ASSERT_EQ(call("db_conn_insert", bytes_of(db_conn_server_log{})), KX_SUCCESS);
-  }
-  harness::Faults faults;
-  harness::use_fault_plan(faults.plan());
-  const std::string large = page(-1) + std::string(100'000, 'x');
-  const int resting = harness::open_descriptors();
-  for (const Fault& fault : std::initializer_list<Fault>{
-           {Call::sendmsg, ENOBUFS, 1, {KX_IO_FAILURE}},
-           {Call::memfd_create, EMFILE, 1, {KX_IS_BUSY}},
-           {Call::pwrite, ENOSPC, 1, {KX_IO_FAILURE}},
-           {Call::ftruncate, EIO, 1, {KX_IO_FAILURE}},
-           {Call::mmap, ENOMEM, 2, {KX_IO_FAILURE}},
-           {Call::allocation, ENOMEM, 2, {KX_IO_FAILURE}},
-       }) {
-    if (fault.kind == Call::allocation && harness::kSanitized) {
-      continue;
-    }
-    SCOPED_TRACE(static_cast<int>(fault.kind));
-    int number = 0;
-    for (bool failed = true; failed; ++number) {
-      kx_io* io = nullptr;
-      faults.fail(getpid(), fault.kind, number + 1, fault.error);
-      const int status = call_in_steps(io, "db_conn_server_log_query", large);
-      failed = faults.clear();
-      size_t length = 0;
-      kx_io_read(io, &length);
-      kx_io_free(io);
-      EXPECT_TRUE(failed ? fault.statuses.contains(status) : status == KX_SUCCESS)
-          << "call " << number + 1 << ": " << status;
-      EXPECT_EQ(harness::open_descriptors(), resting) << "call " << number + 1;
-      if (!failed) {
-        EXPECT_EQ(length, kQueryHeaderSize + kRows * sizeof(db_conn_server_log));
+    int number = 1;
+    for (; number < kMostCalls; ++number) {
+      faults.fail(process, fault.kind, number, fault.error);
+      const int status = scenario.run();
+      if (!faults.clear()) {
+        EXPECT_EQ(status, KX_SUCCESS);
+        break;
       }
+      EXPECT_TRUE(fault.statuses.contains(status)) << "call " << number << ": " << status;
+      EXPECT_EQ(scenario.run(), KX_SUCCESS) << "once more, behind call " << number;
+      EXPECT_TRUE(harness::eventually([&] { return open() <= resting; }))
+          << "call " << number << ": " << open() << " descriptors instead of " << resting;
     }
     EXPECT_GT(number, fault.least);
+    EXPECT_LT(number, kMostCalls);
+  }
+  if (!harness::kSanitized) {
+    EXPECT_LT(harness::resident_kilobytes(process), resident + 2048);
   }
   harness::use_fault_plan(nullptr);
   EXPECT_EQ(daemon.stop(), 0);
 }
 
-// What the daemon has of memory is all that it gets for a while.
-TEST(LittleMemory, NothingMoreIsToBeHadForAWhile) {
+INSTANTIATE_TEST_SUITE_P(Faults, EachCallFails, testing::ValuesIn(kScenarios),
+                         [](const auto& scenario) { return std::string(scenario.param.name); });
+
+TEST(FullDisk, LosesRecordsAndServesOnWhenThereIsRoomAgain) {
+  harness::Faults faults;
+  harness::WrappedDaemon daemon(faults.preload());
+  ASSERT_EQ(insert(), KX_SUCCESS);
+  faults.fail(daemon.pid(), Call::pwrite, 1, ENOSPC, true);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(insert(), KX_SUCCESS);
+    EXPECT_EQ(query(-1), KX_SUCCESS);
+  }
+  EXPECT_TRUE(faults.clear());
+  EXPECT_TRUE(harness::log_holds("database or disk is full"));
+  EXPECT_EQ(insert(), KX_SUCCESS);
+  EXPECT_EQ(harness::list(list_conn_server_log).rows.size(), 2U);
+  EXPECT_EQ(daemon.stop(), 0);
+}
+
+// What is there of memory is all that the daemon, or its caller, gets for a while.
+TEST(LittleMemory, RefusesWhatDoesNotFitAndServesOn) {
   if (harness::kSanitized) {
     GTEST_SKIP() << "the sanitizer's shadow is larger than any limit";
   }
-  std::filesystem::remove(harness::test_root() + harness::kDatabase);
   harness::Daemon daemon;
-  const pid_t process = daemon.process().pid();
-  std::ifstream file("/proc/" + std::to_string(process) + "/statm");
-  rlim_t pages = 0;
-  file >> pages;
-  const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)), RLIM_INFINITY};
-  ASSERT_EQ(prlimit(process, RLIMIT_AS, &limit, nullptr), 0);
-  const std::string large = bytes_of(db_conn_server_log{}) + std::string(1 << 20, 'x');
-  for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(call("db_conn_insert", large), KX_IO_FAILURE) << "there is no room to map it";
-    EXPECT_EQ(small_call(), KX_SUCCESS);
+  harness::insert_rows("conn_server_log", 10'000, "username", "'user' || i");
+  ASSERT_EQ(long_query<-1, (16 << 20)>(), KX_SUCCESS);
+  for (const pid_t process : {daemon.pid(), getpid()}) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/statm");
+    rlim_t pages = 0;
+    file >> pages;
+    const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (8 << 20),
+                       RLIM_INFINITY};
+    ASSERT_EQ(prlimit(process, RLIMIT_AS, &limit, nullptr), 0);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(query(10), KX_SUCCESS);
+      if (process == getpid()) {
+        EXPECT_FALSE(harness::list(list_conn_server_log).answered);
+      } else {
+        EXPECT_EQ(long_query<-1, (16 << 20)>(), KX_IO_FAILURE) << "there is no room to map it";
+      }
+    }
+    const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
+    ASSERT_EQ(prlimit(process, RLIMIT_AS, &none, nullptr), 0);
+    EXPECT_EQ(long_query<-1, (16 << 20)>(), KX_SUCCESS);
   }
-  const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
-  ASSERT_EQ(prlimit(process, RLIMIT_AS, &none, nullptr), 0);
-  EXPECT_EQ(call("db_conn_insert", large), KX_SUCCESS);
   EXPECT_EQ(daemon.stop(), 0);
 }
 
