@@ -182,7 +182,7 @@ TEST(LittleMemory, RefusesWhatDoesNotFitAndServesOn) {
   }
   harness::Daemon daemon;
   harness::insert_rows("conn_server_log", 10'000, "username", "'user' || i");
-  ASSERT_EQ(long_query<-1, (16 << 20)>(), KX_SUCCESS);
+  ASSERT_EQ((long_query<-1, (16 << 20)>()), KX_SUCCESS);
   for (const pid_t process : {daemon.pid(), getpid()}) {
     std::ifstream file("/proc/" + std::to_string(process) + "/statm");
     rlim_t pages = 0;
@@ -195,12 +195,12 @@ TEST(LittleMemory, RefusesWhatDoesNotFitAndServesOn) {
       if (process == getpid()) {
         EXPECT_FALSE(harness::list(list_conn_server_log).answered);
       } else {
-        EXPECT_EQ(long_query<-1, (16 << 20)>(), KX_IO_FAILURE) << "there is no room to map it";
+        EXPECT_EQ((long_query<-1, (16 << 20)>()), KX_IO_FAILURE) << "there is no room to map it";
       }
     }
     const rlimit none{RLIM_INFINITY, RLIM_INFINITY};
     ASSERT_EQ(prlimit(process, RLIMIT_AS, &none, nullptr), 0);
-    EXPECT_EQ(long_query<-1, (16 << 20)>(), KX_SUCCESS);
+    EXPECT_EQ((long_query<-1, (16 << 20)>()), KX_SUCCESS);
   }
   EXPECT_EQ(daemon.stop(), 0);
 }
