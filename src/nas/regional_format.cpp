@@ -29,6 +29,20 @@ std::string read_settings() {
   return content;
 }
 
+struct Setting {
+  std::string key;
+  int value;  // -1 for one that is no number
+};
+
+// "KEY = VALUE", blanks as one likes.
+Setting read_setting(const std::string& line) {
+  char key[16] = "";
+  int value = 0;
+  char rest = 0;
+  const int items = sscanf(line.c_str(), " %15[a-z_] = %9d %c", key, &value, &rest);
+  return {key, items == 2 ? value : -1};
+}
+
 }  // namespace
 
 std::string date_and_time(time_t when) {
@@ -36,12 +50,12 @@ std::string date_and_time(time_t when) {
   bool twelve_hours = false;
   std::istringstream settings(read_settings());
   for (std::string line; std::getline(settings, line);) {
-    int value = 0;
-    char rest = 0;
-    if (sscanf(line.c_str(), " date_format = %9d %c", &value, &rest) == 1) {
-      format = kDateFormats[value >= 0 && value < std::ssize(kDateFormats) ? value : 0];
-    } else if (sscanf(line.c_str(), " time_format = %9d %c", &value, &rest) == 1) {
-      twelve_hours = value == 12;
+    const Setting setting = read_setting(line);
+    if (setting.key == "date_format") {
+      const bool known = setting.value >= 0 && setting.value < std::ssize(kDateFormats);
+      format = kDateFormats[known ? setting.value : 0];
+    } else if (setting.key == "time_format") {
+      twelve_hours = setting.value == 12;
     }
   }
   format += twelve_hours ? " %I:%M:%S %p" : " %H:%M:%S";

@@ -66,6 +66,7 @@ TEST_F(TimeFormat, SettingsFile) {
       {"date_format = 2\ntime_format = 12\ndate_format = 7\ntime_format = 24",
        "01/02/1970 20:30:00"},
       {"date_format = -1\ntime_format = 1 2\n", kDefault},
+      {"date_format = 3\ndate_format = x\ntime_format = 12\ntime_format = no\n", kDefault},
       {"date_format = 99999999999999999999\ntime_format =\n", kDefault},
       {std::string("date_format") + '\0' + " = 5\n\xFF\xFE", kDefault},
       {"date_format = 5\n" + std::string(4080, '#'), "02.01.1970 20:30:00"},
