@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstring>
 #include <limits>
 
-#include "display_text.h"
 #include "harness/daemon.h"
 #include "harness/test_root.h"
 #include "openvpn_environment.h"
@@ -43,17 +41,13 @@ Lines failures() {
 
 TEST(Hook, RecordsALoginAndALogout) {
   const Daemon daemon;
+  const std::string device = "linux, OpenVPN 2.6.14, OpenSSL_3.0.19_27_Jan_2026";
   EXPECT_EQ(hook(recorded("client-connect"), {"/tmp/openvpn_cc_1.tmp"}).status, 0);
   EXPECT_EQ(hook(recorded("client-disconnect")).status, 0);
-  const std::string table = zorvctl({"server-log", "list"}).out;
-  for (const char* word : {"alice", "OpenVPN", "Login OK", "Logout", "10.99.0.2", "10.8.0.2",
-                           "11 s", "2622 B", "2621 B"}) {
-    EXPECT_NE(table.find(word), std::string::npos) << word << "\n" << table;
-  }
   EXPECT_EQ(sql("SELECT username, vpn_type, uptime, time, source_ip, vpn_ip, tx_total, rx_total, "
-                "outgoing, action, device_info LIKE '%linux%2.6.14%' FROM conn_server_log"),
-            (Lines{"alice|4|0|1795234206|10.99.0.2|10.8.0.2|0|0|tun0|2|1",
-                   "alice|4|11|1795234217|10.99.0.2|10.8.0.2|2622|2621|tun0|3|1"}));
+                "outgoing, action, device_info FROM conn_server_log"),
+            (Lines{"alice|4|0|1795234206|10.99.0.2|10.8.0.2|0|0|tun0|2|" + device,
+                   "alice|4|11|1795234217|10.99.0.2|10.8.0.2|2622|2621|tun0|3|" + device}));
 }
 
 TEST(Hook, WithoutTheDaemonNobodyIsRefusedAndTheCheckerDecides) {
@@ -76,14 +70,11 @@ TEST(Hook, WordsThatAreWrongRefuseAndNeverAcceptOrDefer) {
     bool via_env = false;
   } cases[] = {
       {"user-pass-verify", {"/bin/true", "/tmp/file"}, "'/bin/true'"},
-      {"user-pass-verify", {"/bin/true", "--strict", "/tmp/file"}, "'/bin/true'"},
       {"user-pass-verify", {"--checker", "/bin/true"}, "'--checker'"},
-      {"user-pass-verify", {"--checker=/bin/true"}, "'--checker=/bin/true'"},
       {"user-pass-verify", {"--help"}, "'--help'"},
       {"user-pass-verify", {"--"}, "behind --"},
       {"user-pass-verify", {"/bin/true"}, "'/bin/true'", true},
       {"user-pass-verify", {"X", "--", "sh", "-c", "exit 0"}, "'X'"},
-      {"user-pass-verify", {"--x", "--", "true"}, "'--x'"},
       {"client-connect", {"a", "--", "b"}, "'a'"},
       {"", {}, "script_type"},
   };
@@ -100,7 +91,6 @@ TEST(Hook, WordsThatAreWrongRefuseAndNeverAcceptOrDefer) {
 }
 
 TEST(Hook, TakesADaemonThatHangsForOneThatIsAway) {
-  // 1 is "blocked" and the bus's status for a time-out alike.
   Daemon daemon;
   daemon.process().send(SIGSTOP);
   const Outcome outcome = hook(recorded("user-pass-verify"));
@@ -227,32 +217,21 @@ TEST(OpenVpn, NumbersThatAreNoneLoseNoRecord) {
   EXPECT_EQ(zorvctl::login_record(endless, kNow).time, static_cast<unsigned long long>(kMost));
 }
 
-TEST(OpenVpn, HostileTextsStayWithinTheirFields) {
-  std::string accents;
-  while (accents.size() < 3000) {
-    accents += "\xE2\x82\xAC";
+TEST(OpenVpn, TextsAreCutBetweenTwoCharacters) {
+  std::string euros;
+  while (euros.size() < 3000) {
+    euros += "\xE2\x82\xAC";
   }
-  for (const std::string& value :
-       {std::string(1 << 20, 'h'), accents, std::string(1023, 'x') + "\xC3\xAB",
-        std::string(5000, '\xff'), "\x1b[2J\n%s%n"s, ""s}) {
-    Environment environment;
-    for (const std::string& line : recorded("client-disconnect")) {
-      environment[line.substr(0, line.find('='))] = value;
-    }
-    for (const auto& make :
-         {zorvctl::login_record, zorvctl::logout_record, zorvctl::failed_login_record}) {
-      const db_conn_server_log record = make(environment, kNow);
-      for (const auto* field : {&record.username, &record.device_info, &record.source_ip,
-                                &record.vpn_ip, &record.outgoing}) {
-        ASSERT_LT(strnlen(*field, sizeof *field), sizeof *field);
-      }
-      EXPECT_GE(strlen(record.username), std::min<size_t>(value.size(), 1022)) << "cut too short";
-      EXPECT_TRUE(value != accents ||
-                  zorvctl::display_text(record.username).find("\\x") == std::string::npos)
-          << "cut within a character";
-      EXPECT_EQ(record.vpn_type, 4);
-    }
+  const Environment environment{{"username", euros},
+                                {"IV_PLAT", euros},
+                                {"trusted_ip", euros},
+                                {"dev", std::string(1 << 20, '\xff')},
+                                {"ifconfig_pool_remote_ip", euros}};
+  const auto record = zorvctl::login_record(environment, kNow);
+  for (const char* field : {record.username, record.device_info, record.source_ip, record.vpn_ip}) {
+    EXPECT_EQ(field, euros.substr(0, 1023));
   }
+  EXPECT_EQ(record.outgoing, std::string(1024, '\xff'));
 }
 
 }  // namespace
