@@ -30,17 +30,18 @@ std::string read_settings() {
 }
 
 struct Setting {
-  std::string key;
-  int value;  // -1 for one that is no number
+  std::string key;  // "" where the line is no setting
+  int value;        // -1 for one that is no number
 };
 
 // "KEY = VALUE", blanks as one likes.
 Setting read_setting(const std::string& line) {
   char key[16] = "";
+  char equals[2] = "";
   int value = 0;
   char rest = 0;
-  const int items = sscanf(line.c_str(), " %15[a-z_] = %9d %c", key, &value, &rest);
-  return {key, items == 2 ? value : -1};
+  const int items = sscanf(line.c_str(), " %15[a-z_] %1[=] %9d %c", key, equals, &value, &rest);
+  return {items >= 2 ? key : "", items == 3 ? value : -1};
 }
 
 }  // namespace

@@ -5,7 +5,7 @@
 //   date_format = 0      0 to 8, a format of kDateFormats
 //   time_format = 24     24 or 12
 //
-// A later line wins over an earlier one, other lines are passed over, and a number that is not one
+// A later line wins over an earlier one, other lines are passed over, and a value that is not one
 // of the above means the default: ISO date, 24 hours. The file is read afresh at each call, so a
 // change shows at once; a missing file is an empty one.
 #pragma once
