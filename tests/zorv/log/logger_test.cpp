@@ -80,6 +80,9 @@ TEST(Logger, ThresholdDropsLowerLevelsWithoutEvaluatingThem) {
 
 TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   const std::string lock = harness::test_root() + kLogLockFile;
+  const int free_descriptor = dup(STDIN_FILENO);
+  close(free_descriptor);
+  alarm(30);  // where a FIFO is waited for
   testing::internal::CaptureStdout();
   for (const int destination : {kLogToStdout, 2}) {
     __cur_type__ = destination;
@@ -112,6 +115,7 @@ TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   std::filesystem::remove(log_path());
   ASSERT_EQ(mkfifo(log_path().c_str(), 0666), 0);
   ZORV_LOG(info, "lost\n");
+  EXPECT_EQ(dup(STDIN_FILENO), free_descriptor) << "all are closed again";
 }
 
 TEST(Logger, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {

@@ -57,9 +57,11 @@ TEST_F(NotifySend, ArgumentsAreTheFixedFourteenAndTheValues) {
       fixed_words("C001", "0020", "warn",
                   "[{0}] Blocked user \"{1}\". The user has reached the login attempt limit.") +
           "<o'brien \"x\" {1}>");
-  notify_send(nc_msg("C004", "0039"), nullptr);
+  notify_send(nc_msg("C004", "0032"), nullptr);
   EXPECT_EQ(what_the_tool_saw(),
-            fixed_words("C004", "0039", "info", "[{0}] Reconnected to the Super Node."));
+            fixed_words("C004", "0032", "info",
+                        "[{0}] Disconnected NAS from Kesta Orchestrator. Organization: {1}, "
+                        "Region: {2}, Hub: {3}."));
   notify_send(nc_msg("C001", "0032"), "1", "", "3", "4", "5", "6", "7", "8", "9", "10", "11", "12",
               "13", "14", nullptr);
   EXPECT_EQ(what_the_tool_saw(),
