@@ -27,12 +27,9 @@ const std::string& database() {
 }
 
 // A record that is stored and not announced.
-int insert(const std::string& user, size_t text_size = 1) {
+int insert(const std::string& user) {
   db_conn_server_log record{};
   zorv::copy_text(record.username, user);
-  for (auto* field : {&record.device_info, &record.source_ip, &record.vpn_ip, &record.outgoing}) {
-    memset(*field, 'x', text_size);
-  }
   return zorv_api::insert(zorv::kServerLog, &record);
 }
 
@@ -136,46 +133,37 @@ constexpr Damage kDamages[] = {
     {"NoiseInTheSchema", [] { overwrite(100, 2048); }, "", true, kMalformed},
 };
 
-class DamagedFile : public testing::TestWithParam<Damage> {
- protected:
-  static constexpr size_t kRows = 60;
-  void SetUp() override {
+class DamagedFile : public testing::TestWithParam<Damage> {};
+
+TEST_P(DamagedFile, BeneathTheDaemonAndBeforeItsStart) {
+  constexpr size_t kRows = 60;
+  harness::Daemon().stop();
+  harness::insert_rows("conn_server_log", kRows, "username, device_info",
+                       "'user' || i, printf('%0300d', i)");
+  const std::string sound = harness::read_file(harness::kDatabase);
+  {
     harness::Daemon daemon;
-    for (size_t i = 0; i < kRows; ++i) {
-      ASSERT_EQ(insert("user" + std::to_string(i), 200), KX_SUCCESS);
-    }
-    ASSERT_EQ(daemon.stop(), 0);
+    EXPECT_EQ(users().size(), kRows);
+    GetParam().apply();
+    expect_service();
+    expect_service();
+    EXPECT_TRUE(log_holds(GetParam().running));
+    EXPECT_EQ(is_unread(), !GetParam().readable_running);
+    EXPECT_EQ(users().size(), GetParam().readable_running ? kRows + 4 : 0);
+    EXPECT_EQ(daemon.stop(), 0);
   }
-};
-
-TEST_P(DamagedFile, WhileTheDaemonRuns) {
-  harness::Daemon daemon;
-  EXPECT_EQ(users().size(), kRows);
-  GetParam().apply();
-  expect_service();
-  expect_service();
-  EXPECT_TRUE(log_holds(GetParam().running));
-  if (GetParam().readable_running) {
-    EXPECT_EQ(users().size(), kRows + 4);
-  } else {
-    EXPECT_TRUE(is_unread());
-  }
-  EXPECT_EQ(daemon.stop(), 0);
-  expect_a_fresh_start();
-}
-
-TEST_P(DamagedFile, BeforeTheDaemonStarts) {
+  harness::write_file(harness::kDatabase, sound);
   GetParam().apply();
   harness::write_file(harness::kLogFile, "");
-  harness::Daemon daemon;
-  expect_service();
-  if (GetParam().started != nullptr) {
-    EXPECT_TRUE(log_holds(GetParam().started));
-    EXPECT_TRUE(is_unread());
-  } else {
-    EXPECT_EQ(users().size(), 2U);
+  {
+    harness::Daemon daemon;
+    expect_service();
+    const bool is_new = GetParam().started == nullptr;
+    EXPECT_TRUE(is_new || log_holds(GetParam().started));
+    EXPECT_EQ(is_unread(), !is_new);
+    EXPECT_EQ(users().size(), is_new ? 2U : 0U);
+    EXPECT_EQ(daemon.stop(), 0);
   }
-  EXPECT_EQ(daemon.stop(), 0);
   expect_a_fresh_start();
 }
 

@@ -43,43 +43,39 @@ size_t number_at_end(const std::string& text) {
 }
 
 TEST(Documentation, NamesEveryMethodWithWhatItTakesAndGives) {
-  std::map<std::string, const Method*> undocumented;
-  for (const Method& method : methods()) {
-    undocumented[method.name] = &method;
-  }
-  EXPECT_EQ(undocumented.size(), 24U);
+  std::map<std::string, Cells> rows;
   std::ifstream file = documentation();
   for (std::string line; std::getline(file, line) && line != "## Conditions";) {
     const Cells row = cells_of(line);
-    if (row.size() != 5 || row[0] == "method") {
-      continue;
-    }
-    ASSERT_TRUE(undocumented.contains(row[0])) << line;
-    const Method& method = *undocumented[row[0]];
-    undocumented.erase(row[0]);
-    EXPECT_EQ(method.request, row[1] == "any, not empty" ? 1 : number_at_end(row[1])) << line;
-    EXPECT_EQ(method.reply, static_cast<size_t>(std::atoi(row[2].c_str()))) << line;
-
-    const std::string verb = row[4].substr(0, row[4].find('_'));
-    for (const TableSchema* table : zorv::kTables) {
-      const zorv::TableMethods& names = table->methods;
-      const bool is_its =
-          row[3] == table->name || (row[3].starts_with("none") && row[0].starts_with("db_event") &&
-                                    table == &zorv::kEventLog);
-      const char* const name = verb == "add"      ? names.insert
-                               : verb == "list"   ? names.query
-                               : verb == "delete" ? names.remove
-                               : verb == "clean"  ? names.clean
-                                                  : "";
-      if (is_its && *name != '\0') {
-        EXPECT_EQ(name, row[0]);
-      }
-      if (is_its && verb == "list" && !row[2].ends_with("no records")) {
-        EXPECT_EQ(table->record_size, number_at_end(row[2])) << line;
-      }
+    if (row.size() == 5 && row[0] != "method") {
+      rows[row[0]] = row;
     }
   }
-  EXPECT_TRUE(undocumented.empty()) << undocumented.begin()->first;
+  EXPECT_EQ(rows.size(), 24U);
+  EXPECT_EQ(methods().size(), 24U);
+  for (const Method& method : methods()) {
+    ASSERT_TRUE(rows.contains(method.name)) << method.name;
+    const Cells& row = rows[method.name];
+    EXPECT_EQ(method.request, row[1] == "any, not empty" ? 1 : number_at_end(row[1])) << row[0];
+    EXPECT_EQ(method.reply, static_cast<size_t>(std::atoi(row[2].c_str()))) << row[0];
+  }
+  for (const TableSchema* table : zorv::kTables) {
+    const zorv::TableMethods& names = table->methods;
+    for (const auto& [name, verb] : {std::pair{names.insert, "add_"},
+                                     {names.query, "list_"},
+                                     {names.remove, "delete_"},
+                                     {names.clean, "clean_"}}) {
+      if (name != nullptr) {
+        const Cells& row = rows[name];
+        EXPECT_EQ(row[3].substr(0, row[3].find(':')),
+                  table == &zorv::kEventLog ? "none" : table->name);
+        EXPECT_TRUE(row[4].starts_with(verb)) << name;
+      }
+    }
+    if (!table->fields.empty()) {
+      EXPECT_EQ(table->record_size, number_at_end(rows[names.query][2])) << table->name;
+    }
+  }
 }
 
 std::string type_name(const Field& field) {
