@@ -8,10 +8,6 @@
 
 namespace harness {
 
-// Makes the root and sets ZORV_ROOT; called once, by main, before anything reads the environment.
-void make_test_root();
-void remove_test_root();
-
 const std::string& test_root();
 
 // Whole-file access below the root; `path` is the plain path, as the system's code names it.

@@ -119,6 +119,28 @@ TEST_F(StoreTest, StatementsAndLogLinesOfAnInsertAndAPage) {
   EXPECT_EQ(texts, expected);
 }
 
+int append_text(void* user, int /*count*/, char** texts, char** /*names*/) {
+  *static_cast<std::string*>(user) += texts[0];
+  return 0;
+}
+
+TEST_F(StoreTest, FileAndConnectionAreAsTheyWereSetUp) {
+  make();
+  EXPECT_EQ(
+      harness::sql("SELECT sql FROM sqlite_master WHERE name = 'probe'"),
+      (std::vector<std::string>{"CREATE TABLE probe (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, "
+                                "username TEXT, limit_count INTEGER, timestamp INTEGER)"}));
+  std::string settings;
+  for (const char* name :
+       {"page_size", "auto_vacuum", "synchronous", "journal_mode", "cache_size"}) {
+    settings += std::string(" ") + name + " ";
+    store::run(*table_, store::SqlText(sqlite3_mprintf("PRAGMA %s;", name)), append_text,
+               &settings);
+  }
+  EXPECT_EQ(settings,
+            " page_size 2048 auto_vacuum 1 synchronous 1 journal_mode off cache_size 10000");
+}
+
 TEST_F(StoreTest, The102000thRowRecycles2000AndPagesEndAtTheNewest100000) {
   make();
   harness::insert_rows("probe", 101998, "id, username, limit_count", "i, 'user' || i, i % 7");
@@ -274,6 +296,17 @@ TEST_F(StoreTest, RowsThatOthersWroteAreReadWithoutDamage) {
   open();
   ASSERT_EQ(select().rows.size(), 1U);
   EXPECT_EQ(select().rows[0].limit, -1) << "a column that the file lacks reads as NULL";
+
+  // The same number where the column is no wrapped one.
+  Field fields[] = {kFields[0], kFields[1], kFields[2]};
+  fields[2].type = zorv::FieldType::int32;
+  schema_.fields = fields;
+  char big[] = "2147483653";
+  char id[] = "1";
+  char* texts[] = {id, big, big};
+  Record record{};
+  store::read_row(schema_, 3, texts, &record);
+  EXPECT_EQ(record.limit, INT32_MAX) << "saturates at 32 bits";
 }
 
 }  // namespace
