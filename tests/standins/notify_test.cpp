@@ -1,10 +1,11 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -34,12 +35,18 @@ Words command(const Words& behind) {
   return words;
 }
 
-// The newest line of the file, without its time.
+// The newest line of the file, without its time, which is shown with the offset in local time.
 std::string newest_line() {
-  const std::vector<std::string> lines =
-      harness::lines_of(harness::read_file(harness::kNotifications));
-  const std::regex time(R"("time":"20\d\d-\d\d-\d\dT\d\d:\d\d:\d\d[+-]\d\d:\d\d",)");
-  return lines.empty() ? "" : std::regex_replace(lines.back(), time, "");
+  const auto lines = harness::lines_of(harness::read_file(harness::kNotifications));
+  if (lines.empty()) {
+    return "";
+  }
+  int end = 0;
+  int year = 0;
+  sscanf(lines.back().c_str(), "{\"time\":\"%4d-%*2d-%*2dT%*2d:%*2d:%*2d%*3d:%*2d\",%n", &year,
+         &end);
+  EXPECT_GE(year, 2024) << lines.back();
+  return "{" + lines.back().substr(static_cast<size_t>(end));
 }
 
 #define BAD "\xEF\xBF\xBD"
@@ -86,7 +93,7 @@ TEST(Notify, OtherCommandLinesAreRefused) {
     EXPECT_TRUE(outcome.err.starts_with("Usage: notify send")) << outcome.err;
   }
   EXPECT_EQ(newest_line(), "");
-  // A FIFO that nobody reads is no file.
+  alarm(20);  // a FIFO that nobody reads is no file, and is not waited for
   ASSERT_EQ(mkfifo((harness::test_root() + harness::kNotifications).c_str(), 0600), 0);
   const harness::Outcome outcome = harness::run(command({"t", "app"}));
   EXPECT_EQ(outcome.status, 1);
@@ -97,7 +104,7 @@ TEST(Notify, OtherCommandLinesAreRefused) {
 TEST(Notify, ManyAtOnceMakeTheFolderAndKeepWholeLinesOfAtMostAMegabyte) {
   std::filesystem::remove_all(harness::test_root() + "/var/log");
   std::vector<std::unique_ptr<harness::Process>> tools;
-  for (int i = 0; i < 10; ++i) {
+  for (int i = 0; i < 5; ++i) {
     tools.push_back(std::make_unique<harness::Process>(
         command({"{1}{1}{1}{1}{1}{1}{1}{1}{1}{1}{1}", "app", std::string(100000, 'v')})));
   }

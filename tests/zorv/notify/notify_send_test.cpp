@@ -73,6 +73,7 @@ TEST_F(NotifySend, ToolIsDetachedAndInheritsNothing) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   ASSERT_EQ(dup2(ends[1], 700), 700);
+  ASSERT_EQ(dup2(ends[0], STDIN_FILENO), STDIN_FILENO);
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGUSR2);
