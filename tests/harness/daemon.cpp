@@ -113,7 +113,7 @@ std::vector<std::string> sql(const std::string& statement) {
   sqlite3* raw = nullptr;
   sqlite3_open((test_root() + kDatabase).c_str(), &raw);
   const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
-  sqlite3_busy_timeout(db.get(), 20000);
+  sqlite3_busy_timeout(db.get(), 6000);
   sqlite3_exec(db.get(), "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
   char* error = nullptr;
   sqlite3_exec(

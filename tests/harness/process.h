@@ -12,10 +12,10 @@
 
 namespace harness {
 
-// Asks again until `ready` is; false when it is not within 30 seconds.
+// Asks again until `ready` is; false when it is not within 20 seconds.
 template <class Ready>
 bool eventually(Ready ready) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!ready()) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
@@ -40,7 +40,7 @@ class Child {
   void send(int signal_number) const;
   bool running();
   // The exit status, or 128 + the signal that ended it. A child that does not end is killed after
-  // 30 seconds.
+  // 20 seconds.
   int wait();
   // SIGTERM, then wait().
   int terminate();

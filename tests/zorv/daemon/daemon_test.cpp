@@ -207,7 +207,7 @@ TEST(DaemonEntry, ASecondOneFindsTheAddressTakenAndLeaves) {
   EXPECT_EQ(harness::run({harness::program("zorvd")}).status, 0);
   const auto lines = harness::log_texts("kxbus");
   ASSERT_EQ(lines.size(), 1U);
-  EXPECT_TRUE(lines[0].starts_with("WARN ")) << lines[0];
+  EXPECT_TRUE(lines[0].starts_with("WARN ") && lines[0].ends_with("\n")) << lines[0];
   EXPECT_EQ(daemon.stop(), 0);
 }
 

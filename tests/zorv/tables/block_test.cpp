@@ -112,18 +112,18 @@ TEST_F(Block, LastsFromTheFailureAtTheLimitUntilItsTimeIsOver) {
            Case{R"({"enable": true, "limit": 1, "time": 1e300})", 1, 1, 100000, kBlocked},
        }) {
     SCOPED_TRACE(c.policy + " "s + std::to_string(c.failures) + " " + std::to_string(c.elapsed));
-    harness::sql("DELETE FROM privilege_user_block");
+    ASSERT_EQ(harness::sql("DELETE FROM privilege_user_block"), Texts{});
     set_policy(c.policy);
     clock_now = c.start - 1;
     fail("user", c.failures - 1);
     clock_now = c.start;  // each failure starts the time anew
     fail("user");
     const Texts counted{"user|" + std::to_string(c.failures)};
-    EXPECT_EQ(rows(), counted);
+    ASSERT_EQ(rows(), counted);
     EXPECT_EQ(store::check_privilege_user_block("somebody else"), 0);
     clock_now = c.start + c.elapsed;
     EXPECT_EQ(store::check_privilege_user_block("user"), c.verdict == kBlocked ? 1 : 0);
-    EXPECT_EQ(rows(), c.verdict == kLifted ? Texts{} : counted);
+    ASSERT_EQ(rows(), c.verdict == kLifted ? Texts{} : counted);
     if (c.limit > 0 && c.failures >= c.limit) {
       expected.emplace_back("0020 user");
     }
@@ -161,7 +161,7 @@ TEST_F(Block, APolicyThatIsOffWipesTheTableAtACheckAndTellsNobody) {
     fail("mallory");
     ASSERT_EQ(rows(), Texts{"mallory|1"}) << off;
     EXPECT_EQ(store::check_privilege_user_block("somebody else"), 0) << off;
-    EXPECT_EQ(rows(), Texts{}) << off;
+    ASSERT_EQ(rows(), Texts{}) << off;
   }
   fail("mallory");
   EXPECT_EQ(store::delete_privilege_user_block("mallory"), 0);
@@ -177,7 +177,7 @@ TEST_F(Block, AnUnreadablePolicyCountsAndBlocksNobody) {
     policy_reply = reply;
     fail("user");
     EXPECT_EQ(store::check_privilege_user_block("user"), -1) << reply;
-    EXPECT_EQ(rows(), Texts{"user|" + std::to_string(++count)});
+    ASSERT_EQ(rows(), Texts{"user|" + std::to_string(++count)});
     policy_status = KX_SUCCESS;
   }
   EXPECT_TRUE(
@@ -197,7 +197,7 @@ TEST_F(Block, NamesOfEveryKindAreCountedAsThemselves) {
                                   "\xff\x01"s, std::string(1024, 'x'), "%llu"s}) {
     fail(name, 2);
     EXPECT_EQ(store::check_privilege_user_block(name.c_str()), 1) << name;
-    EXPECT_EQ(rows(), (Texts{"Mallory|1", name + "|2"}));
+    ASSERT_EQ(rows(), (Texts{"Mallory|1", name + "|2"}));
     EXPECT_EQ(store::delete_privilege_user_block(name.c_str()), 0);
   }
   EXPECT_EQ(store::insert_privilege_user_block(nullptr), 0);

@@ -290,6 +290,9 @@ TEST_F(StoreTest, RowsThatOthersWroteAreReadWithoutDamage) {
   EXPECT_STREQ(rows[3].username, "\xff");
   EXPECT_EQ(rows[3].limit, -12);
 
+  EXPECT_EQ(store::delete_row(*table_, 5000000000), 0);
+  EXPECT_EQ(harness::sql("SELECT id FROM probe"), (std::vector<std::string>{"1", "2", "3"}));
+
   table_.reset();
   harness::sql("DROP TABLE probe; CREATE TABLE probe (id INTEGER PRIMARY KEY, username TEXT)");
   harness::sql("INSERT INTO probe VALUES (1, 'narrow')");
