@@ -163,6 +163,14 @@ TEST_F(StoreTest, The102000thRowRecycles2000AndPagesEndAtTheNewest100000) {
   EXPECT_EQ(select().rows.size(), 100000U);
 }
 
+TEST_F(StoreTest, ATextWithoutEndIsEnded) {
+  make();
+  Record record{};
+  memset(record.username, 'x', sizeof record.username);
+  EXPECT_EQ(store::insert_record(*table_, &record), 0);
+  EXPECT_EQ(harness::sql("SELECT length(username) FROM probe"), std::vector<std::string>{"1024"});
+}
+
 TEST_F(StoreTest, PageBounds) {
   make();
   for (int i = 1; i <= 5; ++i) {
