@@ -2,9 +2,10 @@
 
 #include <unistd.h>
 
+#include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
 #include <stdexcept>
 
 #include "kxbus.h"
@@ -59,21 +60,23 @@ Outcome zorvctl(const std::vector<std::string>& words, const std::string& input)
 }
 
 std::vector<LogLine> log_lines() {
-  static const std::regex prefix(
-      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d+ \[([A-Z]+)\] ([a-z_]+) \[\d+\] ([^:]+):)");
   const std::string text = read_file(kLogFile);
   std::vector<LogLine> lines;
-  size_t begin = 0;
-  for (std::sregex_iterator match(text.begin(), text.end(), prefix), end; match != end; ++match) {
-    const auto at = static_cast<size_t>(match->position());
-    if (!lines.empty()) {
-      lines.back().text = text.substr(begin, at - begin);
+  for (size_t at = 0, length = 0; at < text.size(); at += length) {
+    char level[8], module[64], function[64];
+    int prefix = 0;
+    const bool begins = std::isdigit(static_cast<unsigned char>(text[at])) != 0 &&
+                        sscanf(text.c_str() + at,
+                               "%*4[0-9]-%*2[0-9]-%*2[0-9] %*2[0-9]:%*2[0-9]:%*2[0-9] %*d "
+                               "[%7[A-Z]] %63[a-z_] [%*d] %63[^:]:%n",
+                               level, module, function, &prefix) == 3 &&
+                        prefix > 0;
+    if (begins) {
+      lines.push_back({level, module, function, ""});
+    } else if (!lines.empty()) {
+      lines.back().text += text[at];
     }
-    lines.push_back({(*match)[1], (*match)[2], (*match)[3], ""});
-    begin = at + static_cast<size_t>(match->length());
-  }
-  if (!lines.empty()) {
-    lines.back().text = text.substr(begin);
+    length = begins ? static_cast<size_t>(prefix) : 1;
   }
   return lines;
 }
