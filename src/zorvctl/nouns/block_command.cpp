@@ -73,16 +73,16 @@ struct UserChange {
 
 // Calls the daemon, and looks at the user's row before and afterwards.
 int change_user(const std::string& username, int (*call)(const std::string& username),
-                const char* what, UserChange* ret) {
+                const std::string& what, UserChange* ret) {
   if (!fits(username)) {
     return kUsage;
   }
   const RecordQuery row = where(*zorv::kUserBlock.find("username"), username, {});
-  int status = report_status(look(zorv::kUserBlock, ret->before, row), what);
+  int status = look_or_complain(zorv::kUserBlock, what, ret->before, row);
   if (status == kDone) {
     status = report_status(call(username), what);
   }
-  return status == kDone ? report_status(look(zorv::kUserBlock, ret->after, row), what) : status;
+  return status == kDone ? look_or_complain(zorv::kUserBlock, what, ret->after, row) : status;
 }
 
 int fail(const std::string& username) {

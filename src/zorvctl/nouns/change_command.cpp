@@ -63,30 +63,25 @@ int insert(const zorv::TableSchema& table, const void* record, std::string* ret_
 
 int add_record(const zorv::TableSchema& table, const std::vector<AddOption>& options) {
   std::vector<record_uint64> memory(table.record_size / sizeof(record_uint64) + 1);
-  if (const int status = fill_record(table, options, memory.data()); status != kDone) {
-    return status;
+  if (fill_record(table, options, memory.data()) != kDone) {
+    return kUsage;
   }
   const std::string what = fmt::format("add to {}", table.noun);
   const bool is_answered = answers_an_insert(table);
   TableLook before;
-  if (!is_answered) {
-    if (const int status = report_status(look(table, before), what.c_str()); status != kDone) {
-      return status;
-    }
-  }
+  TableLook after;
   std::string answer;
-  if (const int status = report_status(insert(table, memory.data(), &answer), what.c_str());
-      status != kDone) {
+  int status = is_answered ? kDone : look_or_complain(table, what, before);
+  if (status == kDone) {
+    status = report_status(insert(table, memory.data(), &answer), what);
+  }
+  if (status == kDone && !is_answered) {
+    status = look_or_complain(table, what, after);
+  }
+  if (status != kDone) {
     return status;
   }
-  bool kept = !answer.empty();
-  if (!is_answered) {
-    TableLook after;
-    if (const int status = report_status(look(table, after), what.c_str()); status != kDone) {
-      return status;
-    }
-    kept = after.id != before.id || keeps_nothing(table);
-  }
+  const bool kept = is_answered ? !answer.empty() : after.id != before.id || keeps_nothing(table);
   if (!kept) {
     complain("cannot {}: the daemon kept nothing, its log says why", what);
     return kFailed;
@@ -125,29 +120,25 @@ const char* caution(const zorv::TableSchema& table) {
 int clean_records(const zorv::TableSchema& table) {
   const std::string what = fmt::format("clean {}", table.noun);
   TableLook newest;
-  // A clean may mend a table that cannot be read.
-  if (const int status = look(table, newest); status != kTableNotRead) {
-    if (const int reported = report_status(status, what.c_str()); reported != kDone) {
-      return reported;
-    }
-  }
-  if (const int status = report_status(zorv_api::clean(table), what.c_str()); status != kDone) {
-    return status;
-  }
   TableLook oldest;
-  if (const int status = report_status(look(table, oldest, upwards()), what.c_str());
-      status != kDone) {
-    return status;
+  // One that cannot be read is cleaned, too.
+  int status = look(table, newest);
+  status = status == kTableNotRead ? kDone : report_status(status, what);
+  if (status == kDone) {
+    status = report_status(zorv_api::clean(table), what);
+  }
+  if (status == kDone) {
+    status = look_or_complain(table, what, oldest, upwards());
   }
   // Newer ones came after the clean.
-  if (oldest.id && newest.id && *oldest.id <= *newest.id) {
+  if (status == kDone && oldest.id && newest.id && *oldest.id <= *newest.id) {
     complain("cannot {}: {} are still there{}, the daemon's log says why", what, table.plural,
              deletes_are_linked(table)
                  ? ": after a delete, a clean does nothing until zorvd is restarted; without one"
                  : "");
     return kFailed;
   }
-  return kDone;
+  return status;
 }
 
 }  // namespace

@@ -125,7 +125,7 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   if (result.more && !options.quiet) {
     complain("there are more {} than these {}: -n 0 shows all", table.plural, options.limit);
   }
-  return report_status(status, fmt::format("list the {}", table.plural).c_str());
+  return report_status(status, fmt::format("list the {}", table.plural));
 }
 
 std::string list_footer(const zorv::TableSchema& table) {

@@ -57,7 +57,7 @@ const char* status_text(int status) {
   return answer_of(status).text;
 }
 
-int report_status(int status, const char* what) {
+int report_status(int status, const std::string& what) {
   if (status == KX_SUCCESS) {
     return kDone;
   }

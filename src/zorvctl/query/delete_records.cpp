@@ -18,7 +18,7 @@ class Deletion {
   explicit Deletion(const zorv::TableSchema& table) : table_(table) {}
 
   int run(const std::vector<record_int64>& ids, bool quiet) {
-    if (const int status = report(look(table_, before_)); status != kDone) {
+    if (const int status = look_or_complain(table_, what_, before_); status != kDone) {
       return status;
     }
     name(ids.front());
@@ -44,7 +44,7 @@ class Deletion {
 
  private:
   void name(record_int64 id) { what_ = fmt::format("delete {} of {}", id, table_.noun); }
-  int report(int status) const { return report_status(status, what_.c_str()); }
+  int report(int status) const { return report_status(status, what_); }
 
   int remove(record_int64 id) {
     name(id);
@@ -70,7 +70,7 @@ class Deletion {
       return left.empty() ? kDone : kFailed;
     }
     TableLook oldest;
-    if (const int status = report(look(table_, oldest, upwards())); status != kDone) {
+    if (const int status = look_or_complain(table_, what_, oldest, upwards()); status != kDone) {
       return status;
     }
     if (oldest.id && before_.id && *oldest.id <= *before_.id) {

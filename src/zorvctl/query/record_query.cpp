@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "daemon_answer.h"
-#include "table_facts.h"
 #include "value_text.h"
 #include "zorv_calls.h"
 
@@ -62,7 +61,7 @@ class Reading {
   int read_page(const db_query_cond& cond, zorv_api::Rows& ret_page) const {
     const int status = zorv_api::query(table_, cond, ret_page);
     const bool unread = status == KX_SUCCESS && ret_page.total == zorv_api::kTableUnread;
-    return unread && !keeps_nothing(table_) ? kTableNotRead : status;
+    return unread ? kTableNotRead : status;
   }
 
   // One row more than is wanted, to learn whether there is more.

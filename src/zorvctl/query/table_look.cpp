@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "daemon_answer.h"
+
 namespace zorvctl {
 
 int look(const zorv::TableSchema& table, TableLook& ret, RecordQuery query) {
@@ -22,6 +24,11 @@ int look(const zorv::TableSchema& table, TableLook& ret, RecordQuery query) {
     ret = std::move(seen);
   }
   return status;
+}
+
+int look_or_complain(const zorv::TableSchema& table, const std::string& what, TableLook& ret,
+                     RecordQuery query) {
+  return report_status(look(table, ret, std::move(query)), what);
 }
 
 RecordQuery where(const zorv::Field& field, std::string text, zorv::FieldValue number) {

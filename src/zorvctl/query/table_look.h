@@ -18,6 +18,10 @@ struct TableLook {
 // The status of run_query().
 int look(const zorv::TableSchema& table, TableLook& ret, RecordQuery query = {});
 
+// kDone, or the exit status after a complaint that names `what` was to be done.
+int look_or_complain(const zorv::TableSchema& table, const std::string& what, TableLook& ret,
+                     RecordQuery query = {});
+
 // The row with that value in that field.
 RecordQuery where(const zorv::Field& field, std::string text, zorv::FieldValue number);
 // From the oldest row on.
