@@ -63,6 +63,11 @@ TEST_F(Signal, OnesThatCameEarlyAreDeliveredAtTheStart) {
   EXPECT_EQ(delivered, 0);
   EXPECT_EQ(kx_start(server), KX_SUCCESS);
   EXPECT_EQ(delivered, SIGUSR1 + SIGTERM);
+  TearDown();
+  SetUp();
+  raise(SIGTERM);
+  EXPECT_EQ(kx_start(server), KX_SUCCESS);
+  EXPECT_EQ(delivered, SIGUSR1 + 2 * SIGTERM) << "none is delivered twice";
 }
 
 TEST_F(Signal, StopsTheServerFromAnyDirectionAndAfterTheReply) {
