@@ -159,22 +159,6 @@ TEST_P(EachCallFails, Once) {
 INSTANTIATE_TEST_SUITE_P(Faults, EachCallFails, testing::ValuesIn(kScenarios),
                          [](const auto& scenario) { return std::string(scenario.param.name); });
 
-TEST(FullDisk, LosesRecordsAndServesOnWhenThereIsRoomAgain) {
-  harness::Faults faults;
-  harness::WrappedDaemon daemon(faults.preload());
-  ASSERT_EQ(insert(), KX_SUCCESS);
-  faults.fail(daemon.pid(), Call::pwrite, 1, ENOSPC, true);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(insert(), KX_SUCCESS);
-    EXPECT_EQ(query(-1), KX_SUCCESS);
-  }
-  EXPECT_TRUE(faults.clear());
-  EXPECT_TRUE(harness::log_holds("database or disk is full"));
-  EXPECT_EQ(insert(), KX_SUCCESS);
-  EXPECT_EQ(harness::list(list_conn_server_log).rows.size(), 2U);
-  EXPECT_EQ(daemon.stop(), 0);
-}
-
 // What is there of memory is all that the daemon, or its caller, gets for a while.
 TEST(LittleMemory, RefusesWhatDoesNotFitAndServesOn) {
   if (harness::kSanitized) {

@@ -22,7 +22,6 @@ struct FaultPlan {
   std::atomic<pid_t> process;   // the others that have the shim loaded are left alone
   std::atomic<int> call;        // a Call
   std::atomic<int> calls_left;  // until the one that fails, that one included
-  std::atomic<bool> on;         // and all behind it
   std::atomic<int> error;       // errno of the failure
   std::atomic<int> failures;    // that have happened
 };

@@ -21,11 +21,8 @@ using harness::Call;
 harness::FaultPlan* plan = nullptr;
 
 bool fails(Call call) {
-  if (plan == nullptr || plan->call != static_cast<int>(call) || plan->process != getpid()) {
-    return false;
-  }
-  const int left = --plan->calls_left;
-  if (left > 0 || (left < 0 && !plan->on)) {
+  if (plan == nullptr || plan->call != static_cast<int>(call) || plan->process != getpid() ||
+      --plan->calls_left != 0) {
     return false;
   }
   ++plan->failures;

@@ -48,11 +48,10 @@ std::vector<std::string> Faults::preload(bool interval_timer) const {
   return words;
 }
 
-void Faults::fail(pid_t process, Call call, int number, int error, bool on) {
+void Faults::fail(pid_t process, Call call, int number, int error) {
   plan_->call = static_cast<int>(Call::none);
   plan_->process = process;
   plan_->calls_left = number;
-  plan_->on = on;
   plan_->error = error;
   plan_->failures = 0;
   plan_->call = static_cast<int>(call);

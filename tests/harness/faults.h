@@ -33,8 +33,8 @@ class Faults {
   // What stands before a program's name to load the shim into it.
   std::vector<std::string> preload(bool interval_timer = false) const;
 
-  // The call of that number from now on fails, or all from it on.
-  void fail(pid_t process, Call call, int number, int error, bool on = false);
+  // The call of that number from now on fails.
+  void fail(pid_t process, Call call, int number, int error);
   // Whether the call failed since the last fail().
   bool clear();
   FaultPlan* plan() { return plan_; }
