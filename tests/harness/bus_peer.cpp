@@ -21,13 +21,16 @@ namespace {
 
 std::atomic<int> mark_count{0};
 
-sockaddr_un abstract_name(const char* address, socklen_t& ret_length) {
+// A socket that is connected to, or bound to, an abstract address.
+RawSocket attached(decltype(connect)* attach, const char* address) {
   sockaddr_un name{};
   name.sun_family = AF_UNIX;
   const std::string text = test_root() + (address + 1);
   text.copy(name.sun_path + 1, sizeof name.sun_path - 1);
-  ret_length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
-  return name;
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());
+  RawSocket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  const bool done = attach(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0;
+  return done ? std::move(made) : RawSocket();
 }
 
 std::string proc_folder(pid_t pid) {
@@ -87,15 +90,14 @@ BusServer::~BusServer() {
 
 int bus_call(const std::string& method, const std::string& body, std::string* ret_reply,
              int timeout_s, int fd, const char* address) {
-  kx_io* io = kx_io_create();
-  kx_io_write(io, body.data(), body.size());
-  const int status = kx_call(address, method.c_str(), io, timeout_s, fd);
+  const kx_io_owner io(kx_io_create());
+  kx_io_write(io.get(), body.data(), body.size());
+  const int status = kx_call(address, method.c_str(), io.get(), timeout_s, fd);
   if (status == KX_SUCCESS && ret_reply != nullptr) {
     std::size_t length = 0;
-    const auto* bytes = static_cast<const char*>(kx_io_read(io, &length));
+    const auto* bytes = static_cast<const char*>(kx_io_read(io.get(), &length));
     ret_reply->assign(bytes != nullptr ? bytes : "", length);
   }
-  kx_io_free(io);
   return status;
 }
 
@@ -119,20 +121,12 @@ RawSocket::RawSocket(int socket) : socket_(socket) {
 }
 
 RawSocket RawSocket::connected(const char* address) {
-  socklen_t length = 0;
-  const sockaddr_un name = abstract_name(address, length);
-  RawSocket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const bool done = connect(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0;
-  return done ? std::move(made) : RawSocket();
+  return attached(connect, address);
 }
 
 RawSocket RawSocket::listening(const char* address) {
-  socklen_t length = 0;
-  const sockaddr_un name = abstract_name(address, length);
-  RawSocket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  const bool done = bind(made.get(), reinterpret_cast<const sockaddr*>(&name), length) == 0 &&
-                    listen(made.get(), 0) == 0;
-  return done ? std::move(made) : RawSocket();
+  RawSocket made = attached(bind, address);
+  return listen(made.get(), 0) == 0 ? std::move(made) : RawSocket();
 }
 
 RawSocket RawSocket::accept() const {
@@ -199,10 +193,8 @@ int lowest_free_descriptor(pid_t pid) {
 double cpu_seconds(pid_t pid) {
   clockid_t clock = 0;
   timespec time{};
-  if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &time) != 0) {
-    return -1;
-  }
-  return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+  const bool known = clock_getcpuclockid(pid, &clock) == 0 && clock_gettime(clock, &time) == 0;
+  return known ? static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9 : -1;
 }
 
 }  // namespace harness
