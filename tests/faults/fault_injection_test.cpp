@@ -106,7 +106,7 @@ const Scenario kScenarios[] = {
      true,
      [] {
        zorv_api::Rows rows;
-       const int status = zorv_api::query(zorv::kServerLog, harness::page(), rows);
+       const int status = zorv_api::query(zorv::kServerLog, harness::page(3), rows);
        EXPECT_EQ(rows.count != 0, status == KX_SUCCESS);
        return status;
      },
