@@ -2,12 +2,8 @@
 #include "default_gateway.h"
 
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <cerrno>
 
 #include "global_options.h"
 #include "harness/daemon.h"
@@ -122,24 +118,19 @@ TEST(DefaultGateway, ClientsThatGoAreTakenOut) {
   }
 }
 
-// The network service knows two profiles, and the tool writes down the message and its values.
 TEST(DefaultGateway, EverySaveOfAnEnabledOneAnnouncesAndAppliesIt) {
-  // The detached tools become this process's children; an emulator may not know how.
-  const bool inherits_tools = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
-  const std::string tool = "/usr/local/sbin/notify";
-  harness::write_file(tool,
-                      "#!/bin/sh\nline=$5/$7\nshift 13\nfor value in \"$@\"; do "
-                      "line=\"$line|$value\"; done\necho \"$line\" >> \"$ZORV_ROOT/notified\"\n");
-  chmod((harness::test_root() + tool).c_str(), 0755);
-  const char* const profiles = R"({"error":0,"data":{"tun2001":{"profile":"Office"},
-                                   "wgc3004":{"profile":"Home \"2\""}}})";
-  FakeService service("NetworkService",
-                      {{"external_dev.list", [=] { return profiles; }},
-                       {"external_dev.update_vpn_gw", [] { return R"({"error":0})"; }}});
+  harness::install_notify();
+  const FakeService service("NetworkService",
+                            {{"external_dev.list",
+                              [] {
+                                return R"({"error":0,"data":{"a":{"profile":"Office"},
+                                           "b":{"profile":"Home"}}})";
+                              }},
+                             {"external_dev.update_vpn_gw", [] { return R"({"error":0})"; }}});
   for (const char* section : {
-           R"("as_gw_en":1,"gw1":{"type":1024,"sname":"tun2001"},"gw2":{})",
-           R"("as_gw_en":-1,"failover_en":2,"gw1":{"type":256,"sname":"tun2001"},
-              "gw2":{"type":65536.9,"sname":"wgc3004"},"failover_interval":7)",
+           R"("as_gw_en":1,"gw1":{"type":1024,"sname":"a"},"gw2":{})",
+           R"("as_gw_en":-1,"failover_en":2,"gw1":{"type":256,"sname":"c"},
+              "gw2":{"type":65536.9,"sname":"b"},"failover_interval":7)",
            R"("as_gw_en":1,"gw1":{"type":1e99})",
            R"("as_gw_en":0,"gw1":{"type":512},"failover_en":1)",
            R"("as_gw_en":"1","gw1":{"type":4096})",
@@ -157,22 +148,18 @@ TEST(DefaultGateway, EverySaveOfAnEnabledOneAnnouncesAndAppliesIt) {
                             R"("gw1": {"type": 4096, "index": 4}, "failover_en": 0}})";
   EXPECT_EQ(harness::read_file(zorv::kOptionsFile), after);
   EXPECT_TRUE(harness::log_holds("disable_gateway:gw changed, root=" + after));
-  const Lines calls = service.calls();
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "external_dev.update_vpn_gw "), 1);
-
-  service.stop();
-  while (wait(nullptr) > 0 || errno == EINTR) {
+  const std::string list = "external_dev.list {\"key\": \"";
+  EXPECT_EQ(service.calls(), (Lines{list + "a\"}", list + "c\"}", list + "b\"}", list + "\"}",
+                                    list + "\"}", "external_dev.update_vpn_gw "}));
+  Lines told;
+  for (const std::string& line : harness::notifications(6)) {
+    const size_t values = line.find("\"ZORV Service\"") + 14;
+    told.push_back(line.substr(line.find("message_id") + 13, 4) +
+                   line.substr(values, line.find(']', values) - values));
   }
-  const Lines expected{
-      "C002/0011|Fenlo|", "C002/0011|OpenVPN|Office",       "C002/0011|PPTP|Office",
-      "C002/0011||",      "C002/0012|Wireguard|Home \"2\"", "C002/0013|"};
-  Lines lines;
-  harness::eventually([&] {
-    lines = harness::lines_of(harness::read_file("/notified"));
-    return inherits_tools || lines.size() >= expected.size();
-  });
-  std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(lines, expected);
+  std::sort(told.begin(), told.end());  // the tools run side by side
+  EXPECT_EQ(told, (Lines{R"(0011,"","")", R"(0011,"Fenlo","")", R"(0011,"OpenVPN","Office")",
+                         R"(0011,"PPTP","")", R"(0012,"Wireguard","Home")", R"(0013,"")"}));
   std::string intervals;
   for (const int interval : {-1, 0, 1, 5, 10, 2}) {
     intervals += zorv::interval_to_string(interval) + "|";

@@ -47,7 +47,8 @@ Lines new_errors() {
 
 TEST(GlobalConfigFile, SaveReplacesKnownSectionsOrEmptiesTheFile) {
   const std::string unmerged = "save:Update raw_t to root failed. ";
-  const std::string unwritten = "save:Write " + kDefaults + " to file failed";
+  const std::string unwritten =
+      R"(save:Write {"global": {"version": "1"}, "gw_setting": {"as_gw_en": 1}} to file failed)";
   const std::string merged = R"({"gw_setting": 5, "global": [1]})";
   const char* const patch = R"({"gw_setting": 5, "new": 1})";
   const struct {
@@ -64,11 +65,12 @@ TEST(GlobalConfigFile, SaveReplacesKnownSectionsOrEmptiesTheFile) {
       {kDefaults, "not JSON", "", {unmerged}},
       {kDefaults, "[1]", "", {unmerged + "[1]"}},
       {kDefaults, nullptr, "", {unmerged}},
-      {"/dev/full", "{}", "", {kNoObject, unwritten}},
+      {"/dev/full", R"({"gw_setting": {"as_gw_en": 1}})", "", {kNoObject, unwritten}},
       {"/etc", "{}", "", {kNoObject}},
   };
   for (const auto& one : cases) {
-    const FakeService service("NetworkService", kUpdate, R"({"error": 0})");
+    const auto answer = [] { return R"({"error": 0})"; };
+    const FakeService service("NetworkService", {{"external_dev.list", answer}, {kUpdate, answer}});
     fs::remove(real_path(kOptionsFile));
     const bool is_link = one.before.starts_with('/');
     if (is_link) {
@@ -96,6 +98,17 @@ TEST(GlobalConfigFile, IsReadWholeOrInSections) {
   EXPECT_EQ(config.load("absent", out), 0);
   out.toString(text);
   EXPECT_EQ(text, R"("before"{"absent":"{}","theirs":"[1]"})");
+
+  char get[] = "get";
+  char theirs[] = "theirs";
+  char* words[] = {get, get, theirs, get};
+  testing::internal::CaptureStdout();
+  for (const int count : {0, 1, 2, 3, 4}) {
+    EXPECT_EQ(zorv::cmd_global_opt(get, count, words), 0);
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "{\"error\": -1}\n{\"error\": -1}\n{\"data\": {\"theirs\": [1]}, \"error\": 0}\n"
+            "{\"data\": [1], \"error\": 0}\n{\"error\": -1}\n");
 
   // Without the lock it is neither read nor written.
   fs::remove_all(real_path(nas::kConfLockFolder));
