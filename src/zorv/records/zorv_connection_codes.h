@@ -102,21 +102,17 @@ constexpr std::array<CodeWord, count_logged()> logged_words(TYPE VpnKind::*code)
   return words;
 }
 
-// Codes are single bits that nobody else bears, and an interface belongs to the last kind whose
-// first number its own reaches.
+// No two kinds share a code, and an interface belongs to the last kind whose first number its own
+// reaches.
 constexpr bool are_in_order() {
   int codes = 0;
   int last_number = 0;
   for (const VpnKind& kind : kVpnKinds) {
-    for (const int code : {int{kind.server}, int{kind.client}}) {
-      if (code <= 0 || (code & (code - 1)) != 0 || (codes & code) != 0) {
-        return false;
-      }
-      codes |= code;
-    }
-    if (kind.first_number <= last_number) {
+    const int both = kind.server | kind.client;
+    if ((codes & both) != 0 || kind.first_number <= last_number) {
       return false;
     }
+    codes |= both;
     last_number = kind.first_number;
   }
   return true;
