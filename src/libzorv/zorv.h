@@ -69,10 +69,10 @@ int zorv_client_type(int server_type);
 /* How a call is made; null for the defaults. */
 struct zorv_call {
   size_t size;
-  uint32_t deadline_s; /* seconds for the whole call; 0 for ZORV_DEFAULT_DEADLINE */
-  uint32_t flags;      /* of enum zorv_call_flags */
+  uint32_t deadline_ms; /* milliseconds for the whole call; 0 for ZORV_DEFAULT_DEADLINE_MS */
+  uint32_t flags;       /* of enum zorv_call_flags */
 };
-#define ZORV_DEFAULT_DEADLINE 5
+#define ZORV_DEFAULT_DEADLINE_MS 5000
 
 enum zorv_call_flags {
   ZORV_LOG_LINES = 1 /* lines about the call go to the service's log, /var/log/network/ZORV.log */
@@ -141,8 +141,8 @@ struct zorv_block {
 
 /* An enum zorv_answer. `ret_block` may be null; it is filled whatever the answer is.
  *
- * A block that has run out ends with this call. The seconds left take two more questions within the
- * same deadline, and each needs a whole second of it: with one of 1 s they are never known. */
+ * A block that has run out ends with this call. The seconds left take two more questions, within
+ * the same deadline; they are unknown when one of them is not answered. */
 int zorv_check_block(const char* username, struct zorv_block* ret_block,
                      const struct zorv_call* call);
 
