@@ -22,13 +22,14 @@ using os::Descriptor;
 namespace {
 
 constexpr std::int64_t kNanoseconds = 1'000'000'000;
+constexpr std::int64_t kNanosecondsOfMs = 1'000'000;
 // How long a connect waits for room in the backlog before it asks again: the kernel's wake-up can
 // get lost when another waiter that received it was killed.
 constexpr std::int64_t kBacklogPause = 100'000'000;
 
 class Deadline {
  public:
-  explicit Deadline(int seconds) : end_(now() + seconds * kNanoseconds) {}
+  explicit Deadline(std::int64_t nanoseconds) : end_(now() + nanoseconds) {}
   std::int64_t remaining() const { return std::max<std::int64_t>(end_ - now(), 0); }
 
  private:
@@ -190,14 +191,15 @@ int receive_reply(int socket, Buffer& body, const Deadline& deadline) {
   return KX_SUCCESS;
 }
 
-int call(const char* address_text, const char* method, kx_io* io, int timeout_s, int passed) {
+int call(const char* address_text, const char* method, kx_io* io, std::int64_t timeout,
+         int passed) try {
   const std::string_view name = method != nullptr ? method : "";
   Address address;
-  if (io == nullptr || io->on_loan || name.empty() || name.size() > kLargestMethod ||
-      timeout_s < 0 || passed < -1 || resolve_address(address_text, address) != 0) {
+  if (io == nullptr || io->on_loan || name.empty() || name.size() > kLargestMethod || timeout < 0 ||
+      passed < -1 || resolve_address(address_text, address) != 0) {
     return KX_IS_INVALID;
   }
-  const Deadline deadline(timeout_s);
+  const Deadline deadline(timeout);
   Descriptor connection;
   if (const int status = open_connection(address, deadline, connection); status != KX_SUCCESS) {
     return status;
@@ -207,15 +209,17 @@ int call(const char* address_text, const char* method, kx_io* io, int timeout_s,
     return status;
   }
   return receive_reply(connection.get(), io->buffer, deadline);
+} catch (const std::bad_alloc&) {
+  return KX_IO_FAILURE;
 }
 
 }  // namespace
 }  // namespace kxbus
 
 int kx_call(const char* address, const char* method, kx_io* io, int timeout_s, int fd) {
-  try {
-    return kxbus::call(address, method, io, timeout_s, fd);
-  } catch (const std::bad_alloc&) {
-    return KX_IO_FAILURE;
-  }
+  return kxbus::call(address, method, io, timeout_s * kxbus::kNanoseconds, fd);
+}
+
+int kx_call_ms(const char* address, const char* method, kx_io* io, int timeout_ms, int fd) {
+  return kxbus::call(address, method, io, timeout_ms * kxbus::kNanosecondsOfMs, fd);
 }

@@ -106,6 +106,8 @@ void kx_set_log(kx_log_callback callback);
 // Everything together takes at most `timeout_s` seconds, waiting for room in the backlog included;
 // 0 takes only what is there at once. A method name has 1 to 255 bytes.
 int kx_call(const char* address, const char* method, kx_io* io, int timeout_s, int fd);
+// The same with its time in milliseconds, for a caller that has a part of a second left.
+int kx_call_ms(const char* address, const char* method, kx_io* io, int timeout_ms, int fd);
 
 // --- Buffers ---
 

@@ -29,7 +29,8 @@ std::string_view reply_text(const kx_io_owner& io) {
 
 }  // namespace
 
-int call(const kx_io_owner& io, const char* method, const void* request, size_t size) {
+int call(const kx_io_owner& io, const char* method, const void* request, size_t size,
+         int timeout_ms) {
   if (io == nullptr) {
     return KX_IO_FAILURE;
   }
@@ -37,16 +38,17 @@ int call(const kx_io_owner& io, const char* method, const void* request, size_t 
   constexpr int kNoDescriptor = -1;
   return written != KX_SUCCESS
              ? written
-             : kx_call(kZorvdAddress, method, io.get(), kTimeoutSeconds, kNoDescriptor);
+             : kx_call_ms(kZorvdAddress, method, io.get(), timeout_ms, kNoDescriptor);
 }
 
-int insert(const zorv::TableSchema& table, const void* record, kx_io_owner io) {
-  return call(io, table.methods.insert, record, table.record_size);
+int insert(const zorv::TableSchema& table, const void* record, kx_io_owner io, int timeout_ms) {
+  return call(io, table.methods.insert, record, table.record_size, timeout_ms);
 }
 
-int query(const zorv::TableSchema& table, const db_query_cond& cond, Rows& ret_rows,
-          kx_io_owner io) {
-  if (const int status = call(io, table.methods.query, &cond, sizeof cond); status != KX_SUCCESS) {
+int query(const zorv::TableSchema& table, const db_query_cond& cond, Rows& ret_rows, kx_io_owner io,
+          int timeout_ms) {
+  if (const int status = call(io, table.methods.query, &cond, sizeof cond, timeout_ms);
+      status != KX_SUCCESS) {
     return status;
   }
   size_t length = 0;
@@ -108,16 +110,18 @@ int make_uuid(const zorv_mobile_gen_uuid_data_set& request, zorv_mobile_gen_uuid
   return KX_SUCCESS;
 }
 
-int count_failure(std::string_view username, kx_io_owner io) {
-  return call(io, zorv::kUserBlock.methods.insert, username.data(), username.size());
+int count_failure(std::string_view username, kx_io_owner io, int timeout_ms) {
+  return call(io, zorv::kUserBlock.methods.insert, username.data(), username.size(), timeout_ms);
 }
 
-int forget_failures(std::string_view username, kx_io_owner io) {
-  return call(io, zorv::kUserBlock.methods.remove, username.data(), username.size());
+int forget_failures(std::string_view username, kx_io_owner io, int timeout_ms) {
+  return call(io, zorv::kUserBlock.methods.remove, username.data(), username.size(), timeout_ms);
 }
 
-int check_block(std::string_view username, BlockAnswer& ret_answer, kx_io_owner io) {
-  const int status = call(io, "db_privilege_user_block_check", username.data(), username.size());
+int check_block(std::string_view username, BlockAnswer& ret_answer, kx_io_owner io,
+                int timeout_ms) {
+  const int status =
+      call(io, "db_privilege_user_block_check", username.data(), username.size(), timeout_ms);
   if (status == KX_SUCCESS) {
     const std::string_view answer = reply_text(io);
     ret_answer = answer == "1"   ? BlockAnswer::blocked
