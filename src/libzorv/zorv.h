@@ -139,7 +139,8 @@ struct zorv_block {
   uint64_t seconds_left; /* of ZORV_BLOCKED, or ZORV_SECONDS_UNKNOWN; 0 of the other answers */
 };
 
-/* An enum zorv_answer. `ret_block` may be null; it is filled whatever the answer is.
+/* An enum zorv_answer. `ret_block` may be null; one that has its size is filled whatever the answer
+ * is.
  *
  * A block that has run out ends with this call. The seconds left take two more questions, within
  * the same deadline; they are unknown when one of them is not answered. */

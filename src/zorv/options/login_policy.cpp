@@ -12,17 +12,21 @@ bool read_login_policy(LoginPolicy& ret_policy) {
   const JsonRef request(json_object());
   json_object_set_new(request.get(), "path", json_string(kLoginPolicyFile));
   const JsonText request_text = dump_json(request.get());
-  const JsonRef reply(easy_kx_call("vpncaas", "read_json", request_text.get()));
+  const JsonRef reply(easy_kx_call(kLoginPolicyService, kLoginPolicyMethod, request_text.get()));
   if (reply == nullptr) {
     return false;
   }
-  const json_t* const policy = json_object_get(json_object_get(reply.get(), "data"), "global");
-  ret_policy.enabled = json_is_true(json_object_get(policy, "enable"));
-  using Limits = std::numeric_limits<int>;
-  ret_policy.limit = static_cast<int>(std::clamp<json_int_t>(
-      json_integer_value(json_object_get(policy, "limit")), Limits::min(), Limits::max()));
-  ret_policy.minutes = json_number_value(json_object_get(policy, "time"));
+  ret_policy = login_policy_of(reply.get());
   return true;
+}
+
+LoginPolicy login_policy_of(const json_t* reply) {
+  const json_t* const policy = json_object_get(json_object_get(reply, "data"), "global");
+  using Limits = std::numeric_limits<int>;
+  return {.enabled = json_is_true(json_object_get(policy, "enable")),
+          .limit = static_cast<int>(std::clamp<json_int_t>(
+              json_integer_value(json_object_get(policy, "limit")), Limits::min(), Limits::max())),
+          .minutes = json_number_value(json_object_get(policy, "time"))};
 }
 
 uint64_t block_seconds(double minutes) {

@@ -4,10 +4,14 @@
 // whenever it is needed: nobody announces a change.
 #pragma once
 
+#include <jansson.h>
+
 #include <cstdint>
 
 namespace zorv {
 
+inline constexpr const char* kLoginPolicyService = "vpncaas";
+inline constexpr const char* kLoginPolicyMethod = "read_json";  // with {"path": the file}
 inline constexpr const char* kLoginPolicyFile = "/etc/config/vpn_block.conf";
 
 struct LoginPolicy {
@@ -19,6 +23,9 @@ struct LoginPolicy {
 // False, with ret_policy untouched, when the policy could not be read. Blocks for as long as the
 // bus does, at most five seconds. Any thread may call.
 bool read_login_policy(LoginPolicy& ret_policy);
+
+// What the service's answer says, for whoever asks it in another way.
+LoginPolicy login_policy_of(const json_t* reply);
 
 // The block time in whole seconds; 0 for a negative one.
 uint64_t block_seconds(double minutes);
