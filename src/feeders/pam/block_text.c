@@ -1,0 +1,45 @@
+#include "block_text.h"
+
+#include <inttypes.h>
+#include <stdio.h>
+
+#include "zorv.h"
+
+void block_text(uint64_t seconds_left, char* ret_text, size_t size) {
+  static const struct {
+    uint64_t seconds;
+    uint64_t up_to; /* of this unit, before the next is used */
+    const char* word;
+  } units[] = {
+      {1, 59, "second"}, {60, 119, "minute"}, {3600, 47, "hour"}, {86400, UINT64_MAX, "day"}};
+  size_t unit = 0;
+  uint64_t count = 0;
+  if (seconds_left == ZORV_SECONDS_UNKNOWN) {
+    snprintf(ret_text, size, "blocked, try again later");
+    return;
+  }
+  if (seconds_left == 0) {
+    snprintf(ret_text, size, "blocked, try again now");
+    return;
+  }
+  for (;; ++unit) {
+    count = (seconds_left - 1) / units[unit].seconds + 1;
+    if (count <= units[unit].up_to) {
+      break;
+    }
+  }
+  snprintf(ret_text, size, "blocked, try again in %" PRIu64 " %s%s", count, units[unit].word,
+           count == 1 ? "" : "s");
+}
+
+void shown_text(const char* text, char* ret_text, size_t size) {
+  size_t length = 0;
+  for (; text != NULL && text[length] != '\0' && length + 1 < size; ++length) {
+    const unsigned char byte = (unsigned char)text[length];
+    ret_text[length] = text[length];
+    if (byte < 0x20 || byte == 0x7f) {
+      ret_text[length] = '_';
+    }
+  }
+  ret_text[length] = '\0';
+}

@@ -1,0 +1,186 @@
+/* A PAM module that has the record daemon count failed logins and refuses whom it has blocked.
+ *
+ *   auth     requisite                    pam_zorv.so preauth type=openvpn
+ *   auth     [success=1 default=bad]      pam_unix.so
+ *   auth     [default=die]                pam_zorv.so authfail type=openvpn
+ *   auth     sufficient                   pam_zorv.so authsucc
+ *
+ * preauth refuses the blocked and is PAM_IGNORE otherwise, so that it alone lets nobody in.
+ * authfail counts, records, and is always PAM_AUTH_ERR. authsucc forgets and is always PAM_SUCCESS.
+ * As an account module it forgets and is PAM_IGNORE.
+ *
+ * A daemon that cannot be asked changes none of these answers. All phases of one login together
+ * wait for one deadline at most.
+ */
+#include <security/pam_ext.h>
+#include <security/pam_modules.h>
+#include <string.h>
+#include <syslog.h>
+
+#include "block_text.h"
+#include "pam_options.h"
+#include "pam_time.h"
+#include "zorv.h"
+
+#define EXPORTED __attribute__((visibility("default")))
+
+struct login {
+  pam_handle_t* pamh;
+  struct pam_zorv_options options;
+  const char* user;
+  const char* host; /* null where the service does not tell */
+  char shown_user[256];
+  char shown_host[128];
+};
+
+static int read_login(pam_handle_t* pamh, int count, const char** words, struct login* ret_login) {
+  struct login login = {.pamh = pamh};
+  const void* host = NULL;
+  int status = PAM_SUCCESS;
+  if (pam_zorv_options_read(pamh, count, words, &login.options) != 0) {
+    return PAM_SYSTEM_ERR;
+  }
+  status = pam_get_user(pamh, &login.user, NULL);
+  if (status != PAM_SUCCESS) {
+    return status;
+  }
+  if (pam_get_item(pamh, PAM_RHOST, &host) == PAM_SUCCESS) {
+    login.host = host;
+  }
+  shown_text(login.user, login.shown_user, sizeof login.shown_user);
+  shown_text(login.host, login.shown_host, sizeof login.shown_host);
+  *ret_login = login;
+  return PAM_SUCCESS;
+}
+
+/* A call may begin: `ret_call` has the time that is left for it. */
+static int may_ask(const struct login* login, struct zorv_call* ret_call) {
+  struct zorv_call call = {.size = sizeof call};
+  call.deadline_ms = pam_zorv_time_left(login->pamh, login->options.deadline_ms);
+  *ret_call = call;
+  return call.deadline_ms != 0;
+}
+
+/* Syslog gets what went wrong, or everything. */
+static void tell(const struct login* login, const char* what, int status) {
+  if (status != ZORV_DONE) {
+    pam_syslog(login->pamh, LOG_WARNING, "%s of '%s' from '%s': %s", what, login->shown_user,
+               login->shown_host, zorv_status_text(status));
+  } else if (login->options.debug) {
+    pam_syslog(login->pamh, LOG_DEBUG, "%s of '%s' from '%s'", what, login->shown_user,
+               login->shown_host);
+  }
+}
+
+static void record_failure(const struct login* login) {
+  struct zorv_server_record record = {.size = sizeof record};
+  struct zorv_call call;
+  uint64_t start = pam_zorv_now();
+  int status = ZORV_TIMED_OUT;
+  if (login->options.vpn_type == 0) {
+    return;
+  }
+  record.vpn_type = login->options.vpn_type;
+  record.username = login->user;
+  record.source_ip = login->host;
+  if (may_ask(login, &call)) {
+    status = zorv_record_login_failure(&record, &call);
+    pam_zorv_time_spent(login->pamh, start);
+  }
+  tell(login, "recording the failed login", status);
+}
+
+static int refuse_blocked(const struct login* login) {
+  struct zorv_block block = {.size = sizeof block};
+  struct zorv_call call;
+  char text[80];
+  uint64_t start = 0;
+  int answer = ZORV_UNKNOWN;
+  pam_zorv_time_restart(login->pamh);
+  start = pam_zorv_now();
+  may_ask(login, &call);
+  answer = zorv_check_block(login->user, &block, &call);
+  pam_zorv_time_spent(login->pamh, start);
+  tell(login, "asking for a block", block.status);
+  if (answer != ZORV_BLOCKED) {
+    return PAM_IGNORE;
+  }
+  block_text(block.seconds_left, text, sizeof text);
+  pam_syslog(login->pamh, LOG_NOTICE, "'%s' from '%s' is refused: %s", login->shown_user,
+             login->shown_host, text);
+  if (!login->options.silent) {
+    pam_error(login->pamh, "%s", text);
+  }
+  record_failure(login);
+  return PAM_AUTH_ERR;
+}
+
+static int count_failure(const struct login* login) {
+  struct zorv_call call;
+  uint64_t start = pam_zorv_now();
+  int status = ZORV_TIMED_OUT;
+  if (may_ask(login, &call)) {
+    status = zorv_count_failure(login->user, &call);
+    pam_zorv_time_spent(login->pamh, start);
+  }
+  tell(login, "counting the failed login", status);
+  if (status == ZORV_DONE) {
+    record_failure(login);
+  }
+  pam_zorv_time_restart(login->pamh);
+  return PAM_AUTH_ERR;
+}
+
+static void forget_failures(const struct login* login) {
+  struct zorv_call call;
+  uint64_t start = pam_zorv_now();
+  int status = ZORV_TIMED_OUT;
+  if (may_ask(login, &call)) {
+    status = zorv_forget_failures(login->user, &call);
+    pam_zorv_time_spent(login->pamh, start);
+  }
+  tell(login, "forgetting the failed logins", status);
+}
+
+EXPORTED int pam_sm_authenticate(pam_handle_t* pamh, int flags, int argc, const char** argv) {
+  struct login login;
+  const int status = read_login(pamh, argc, argv, &login);
+  if (status != PAM_SUCCESS) {
+    return status;
+  }
+  if (((unsigned)flags & PAM_SILENT) != 0) {
+    login.options.silent = 1;
+  }
+  switch (login.options.phase) {
+    case PHASE_PREAUTH:
+      return refuse_blocked(&login);
+    case PHASE_AUTHFAIL:
+      return count_failure(&login);
+    case PHASE_AUTHSUCC:
+      forget_failures(&login);
+      return PAM_SUCCESS;
+    case PHASE_NONE:
+      break;
+  }
+  pam_syslog(pamh, LOG_ERR, "one of preauth, authfail and authsucc is missing");
+  return PAM_SYSTEM_ERR;
+}
+
+EXPORTED int pam_sm_setcred(pam_handle_t* pamh, int flags, int argc, const char** argv) {
+  (void)pamh;
+  (void)flags;
+  (void)argc;
+  (void)argv;
+  return PAM_SUCCESS;
+}
+
+EXPORTED int pam_sm_acct_mgmt(pam_handle_t* pamh, int flags, int argc, const char** argv) {
+  struct login login;
+  const int status = read_login(pamh, argc, argv, &login);
+  (void)flags;
+  if (status != PAM_SUCCESS) {
+    return status;
+  }
+  forget_failures(&login);
+  return PAM_IGNORE;
+}
