@@ -1,13 +1,14 @@
 /* A PAM module that has the record daemon count failed logins and refuses whom it has blocked.
  *
- *   auth     requisite                    pam_zorv.so preauth type=openvpn
- *   auth     [success=1 default=bad]      pam_unix.so
- *   auth     [default=die]                pam_zorv.so authfail type=openvpn
- *   auth     sufficient                   pam_zorv.so authsucc
+ *   auth  requisite                    pam_zorv.so preauth type=openvpn
+ *   auth  [success=1 default=bad]      pam_unix.so
+ *   auth  [default=die]                pam_zorv.so authfail type=openvpn
+ *   auth  sufficient                   pam_zorv.so authsucc
  *
  * preauth refuses the blocked and is PAM_IGNORE otherwise, so that it alone lets nobody in.
- * authfail counts, records, and is always PAM_AUTH_ERR. authsucc forgets and is always PAM_SUCCESS.
- * As an account module it forgets and is PAM_IGNORE.
+ * authfail counts, records, and is always PAM_AUTH_ERR. authsucc forgets and is PAM_SUCCESS. As an
+ * account module it forgets and is PAM_IGNORE. A login that preauth has refused is not counted
+ * besides, and no later phase forgets for it: even with the right password it is PAM_AUTH_ERR.
  *
  * A daemon that cannot be asked changes none of these answers. All phases of one login together
  * wait for one deadline at most.
@@ -18,8 +19,8 @@
 #include <syslog.h>
 
 #include "block_text.h"
+#include "login_state.h"
 #include "pam_options.h"
-#include "pam_time.h"
 #include "zorv.h"
 
 #define EXPORTED __attribute__((visibility("default")))
@@ -27,6 +28,7 @@
 struct login {
   pam_handle_t* pamh;
   struct pam_zorv_options options;
+  struct login_state* state;
   const char* user;
   const char* host; /* null where the service does not tell */
   char shown_user[256];
@@ -44,6 +46,10 @@ static int read_login(pam_handle_t* pamh, int count, const char** words, struct 
   if (status != PAM_SUCCESS) {
     return status;
   }
+  login.state = login_state(pamh);
+  if (login.state == NULL) {
+    return PAM_BUF_ERR;
+  }
   if (pam_get_item(pamh, PAM_RHOST, &host) == PAM_SUCCESS) {
     login.host = host;
   }
@@ -53,12 +59,22 @@ static int read_login(pam_handle_t* pamh, int count, const char** words, struct 
   return PAM_SUCCESS;
 }
 
-/* A call may begin: `ret_call` has the time that is left for it. */
-static int may_ask(const struct login* login, struct zorv_call* ret_call) {
-  struct zorv_call call = {.size = sizeof call};
-  call.deadline_ms = pam_zorv_time_left(login->pamh, login->options.deadline_ms);
-  *ret_call = call;
-  return call.deadline_ms != 0;
+/* A call to the daemon that takes what is left of the login's time; ended by end_call(). */
+struct daemon_call {
+  struct zorv_call call;
+  uint64_t start;
+};
+
+/* 0 when there is time for one. */
+static int begin_call(const struct login* login, struct daemon_call* ret_call) {
+  struct daemon_call begun = {.call = {.size = sizeof begun.call}, .start = clock_ms()};
+  begun.call.deadline_ms = login_time_left(login->state, login->options.deadline_ms);
+  *ret_call = begun;
+  return begun.call.deadline_ms != 0 ? 0 : -1;
+}
+
+static void end_call(const struct login* login, const struct daemon_call* call) {
+  login->state->spent_ms += clock_ms() - call->start;
 }
 
 /* Syslog gets what went wrong, or everything. */
@@ -74,8 +90,7 @@ static void tell(const struct login* login, const char* what, int status) {
 
 static void record_failure(const struct login* login) {
   struct zorv_server_record record = {.size = sizeof record};
-  struct zorv_call call;
-  uint64_t start = pam_zorv_now();
+  struct daemon_call call;
   int status = ZORV_TIMED_OUT;
   if (login->options.vpn_type == 0) {
     return;
@@ -83,28 +98,28 @@ static void record_failure(const struct login* login) {
   record.vpn_type = login->options.vpn_type;
   record.username = login->user;
   record.source_ip = login->host;
-  if (may_ask(login, &call)) {
-    status = zorv_record_login_failure(&record, &call);
-    pam_zorv_time_spent(login->pamh, start);
+  if (begin_call(login, &call) == 0) {
+    status = zorv_record_login_failure(&record, &call.call);
+    end_call(login, &call);
   }
   tell(login, "recording the failed login", status);
 }
 
 static int refuse_blocked(const struct login* login) {
+  static const struct login_state kNew = {0, 0};
   struct zorv_block block = {.size = sizeof block};
-  struct zorv_call call;
+  struct daemon_call call;
   char text[80];
-  uint64_t start = 0;
   int answer = ZORV_UNKNOWN;
-  pam_zorv_time_restart(login->pamh);
-  start = pam_zorv_now();
-  may_ask(login, &call);
-  answer = zorv_check_block(login->user, &block, &call);
-  pam_zorv_time_spent(login->pamh, start);
+  *login->state = kNew;
+  begin_call(login, &call);
+  answer = zorv_check_block(login->user, &block, &call.call);
+  end_call(login, &call);
   tell(login, "asking for a block", block.status);
   if (answer != ZORV_BLOCKED) {
     return PAM_IGNORE;
   }
+  login->state->refused = 1;
   block_text(block.seconds_left, text, sizeof text);
   pam_syslog(login->pamh, LOG_NOTICE, "'%s' from '%s' is refused: %s", login->shown_user,
              login->shown_host, text);
@@ -115,29 +130,27 @@ static int refuse_blocked(const struct login* login) {
   return PAM_AUTH_ERR;
 }
 
-static int count_failure(const struct login* login) {
-  struct zorv_call call;
-  uint64_t start = pam_zorv_now();
+static void count_failure(const struct login* login) {
+  struct daemon_call call;
   int status = ZORV_TIMED_OUT;
-  if (may_ask(login, &call)) {
-    status = zorv_count_failure(login->user, &call);
-    pam_zorv_time_spent(login->pamh, start);
+  if (begin_call(login, &call) == 0) {
+    status = zorv_count_failure(login->user, &call.call);
+    end_call(login, &call);
   }
   tell(login, "counting the failed login", status);
   if (status == ZORV_DONE) {
     record_failure(login);
   }
-  pam_zorv_time_restart(login->pamh);
-  return PAM_AUTH_ERR;
+  /* Without preauth in the stack the next try of this handle begins here. */
+  login->state->spent_ms = 0;
 }
 
 static void forget_failures(const struct login* login) {
-  struct zorv_call call;
-  uint64_t start = pam_zorv_now();
+  struct daemon_call call;
   int status = ZORV_TIMED_OUT;
-  if (may_ask(login, &call)) {
-    status = zorv_forget_failures(login->user, &call);
-    pam_zorv_time_spent(login->pamh, start);
+  if (begin_call(login, &call) == 0) {
+    status = zorv_forget_failures(login->user, &call.call);
+    end_call(login, &call);
   }
   tell(login, "forgetting the failed logins", status);
 }
@@ -155,8 +168,14 @@ EXPORTED int pam_sm_authenticate(pam_handle_t* pamh, int flags, int argc, const 
     case PHASE_PREAUTH:
       return refuse_blocked(&login);
     case PHASE_AUTHFAIL:
-      return count_failure(&login);
+      if (!login.state->refused) {
+        count_failure(&login);
+      }
+      return PAM_AUTH_ERR;
     case PHASE_AUTHSUCC:
+      if (login.state->refused) {
+        return PAM_AUTH_ERR;
+      }
       forget_failures(&login);
       return PAM_SUCCESS;
     case PHASE_NONE:
@@ -180,6 +199,9 @@ EXPORTED int pam_sm_acct_mgmt(pam_handle_t* pamh, int flags, int argc, const cha
   (void)flags;
   if (status != PAM_SUCCESS) {
     return status;
+  }
+  if (login.state->refused) {
+    return PAM_AUTH_ERR;
   }
   forget_failures(&login);
   return PAM_IGNORE;

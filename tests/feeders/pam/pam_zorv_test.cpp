@@ -139,6 +139,31 @@ TEST_F(PamZorv, CountsRecordsBlocksAndForgets) {
   EXPECT_EQ(records().size(), 5u);
 }
 
+// "required" asks for the password of a blocked user all the same, to tell him why he is refused.
+TEST_F(PamZorv, StaysWithItsRefusal) {
+  start();
+  for (const auto& [name, module] :
+       {std::pair{"right-required", "pam_permit.so"}, std::pair{"wrong-required", "pam_deny.so"}}) {
+    write_stack(name, module, "type=l2tp");
+    std::string stack = harness::read_file(std::string("/etc/pam.d/") + name);
+    harness::write_file(std::string("/etc/pam.d/") + name,
+                        stack.replace(stack.find("requisite"), 9, "required"));
+  }
+  EXPECT_EQ(login("wrong-required"), PAM_AUTH_ERR);
+  EXPECT_EQ(login("wrong-required"), PAM_AUTH_ERR);
+  for (const char* service : {"right-required", "wrong-required"}) {
+    EXPECT_EQ(login(service), PAM_AUTH_ERR) << service;
+    EXPECT_EQ(failures(), Texts{"eve|2"}) << service;
+  }
+  EXPECT_EQ(records().size(), 4u) << "one record a login";
+
+  // The refusal is this login's, not the handle's.
+  Handle handle("right-required", "eve", "h");
+  EXPECT_EQ(handle.authenticate(), PAM_AUTH_ERR);
+  sql("DELETE FROM privilege_user_block");
+  EXPECT_EQ(handle.authenticate(), PAM_SUCCESS);
+}
+
 // preauth alone, or before a module that is only sufficient, lets nobody in.
 TEST_F(PamZorv, LetsNobodyInByItself) {
   start();
