@@ -1,6 +1,7 @@
 # What is installed where, and the Debian packages made of it: script/package.
 #
-# zorvd is the daemon with everything around it; zorv-dev is for programs that call the daemon.
+# zorvd is the daemon with everything around it; libzorv1 is the C interface for VPN servers' plugins,
+# libpam-zorv the PAM module; zorv-dev is for programs that call the daemon.
 include(GNUInstallDirs)
 set(package ${CMAKE_SOURCE_DIR}/packaging)
 
@@ -16,14 +17,16 @@ if(TARGET platformd)
   list(APPEND units platformd)
 endif()
 
-foreach(manual ${manuals})
+foreach(manual ${manuals} pam_zorv.8)
   string(REGEX MATCH "[0-9]$" section ${manual})
   add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/man/${manual}.gz
                      COMMAND gzip -9nc ${package}/man/${manual} > ${CMAKE_BINARY_DIR}/man/${manual}.gz
                      DEPENDS ${package}/man/${manual})
   list(APPEND compressed ${CMAKE_BINARY_DIR}/man/${manual}.gz)
-  install(FILES ${CMAKE_BINARY_DIR}/man/${manual}.gz
-          DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT zorvd)
+  if(manual IN_LIST manuals)
+    install(FILES ${CMAKE_BINARY_DIR}/man/${manual}.gz
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT zorvd)
+  endif()
 endforeach()
 file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/man)
 add_custom_target(manuals ALL DEPENDS ${compressed})
@@ -60,13 +63,29 @@ if(ZORV_PLATFORM STREQUAL "bundled")
   endforeach()
 endif()
 
+install(TARGETS zorv LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT libzorv1
+        NAMELINK_COMPONENT zorv-dev)
+install(FILES src/libzorv/zorv.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT zorv-dev)
+configure_file(${package}/zorv.pc.in ${CMAKE_BINARY_DIR}/zorv.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/zorv.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT zorv-dev)
+
+if(TARGET pam_zorv)
+  install(TARGETS pam_zorv LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/security COMPONENT libpam-zorv)
+  install(FILES ${package}/pam/zorv-vpn
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libpam-zorv/examples COMPONENT libpam-zorv)
+  install(FILES ${CMAKE_BINARY_DIR}/man/pam_zorv.8.gz
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT libpam-zorv)
+  set(pam_package libpam-zorv)
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zorvd)
 set(CPACK_PACKAGE_VENDOR "zorvd")
 set(CPACK_PACKAGE_CONTACT "zorvd maintainers <zorvd@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL zorvd zorv-dev)
+set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 ${pam_package})
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -94,8 +113,31 @@ set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_NAME zorv-dev)
 set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_DEPENDS "libstdc++-12-dev, libjansson-dev")
+set(CPACK_DEBIAN_ZORV-DEV_PACKAGE_DEPENDS "libzorv1 (= ${PROJECT_VERSION}), libstdc++-12-dev, \
+libjansson-dev")
 set(CPACK_DEBIAN_ZORV-DEV_DESCRIPTION "Client interface of a NAS's VPN service's record daemon
- Headers and static libraries for programs that call zorvd, and for tools of
- the service that read its options.")
+ Headers and libraries for programs that call zorvd: zorv.h and libzorv for C,
+ static libraries for C++ and for tools that read the service's options.")
+
+set(CPACK_DEBIAN_LIBZORV1_PACKAGE_NAME libzorv1)
+set(CPACK_DEBIAN_LIBZORV1_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBZORV1_PACKAGE_DEPENDS "libc6 (>= 2.36), libjansson4 (>= 2.14)")
+set(CPACK_DEBIAN_LIBZORV1_PACKAGE_RECOMMENDS "zorvd")
+set(CPACK_DEBIAN_LIBZORV1_DESCRIPTION "C interface of a NAS's VPN service's record daemon
+ What VPN servers, their plugins and PAM modules call to record logins and
+ logouts and to count failed logins.")
+set(CPACK_DEBIAN_LIBZORV1_PACKAGE_CONTROL_EXTRA
+    "${package}/debian/libzorv1/triggers;${package}/debian/libzorv1/shlibs")
+set(CPACK_DEBIAN_LIBZORV1_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_NAME libpam-zorv)
+set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_DEPENDS
+    "libc6 (>= 2.36), libpam0g (>= 1.5), libzorv1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_RECOMMENDS "zorvd")
+set(CPACK_DEBIAN_LIBPAM-ZORV_DESCRIPTION "PAM module that blocks users after failed VPN logins
+ Counts and records the failed logins of VPN servers that check passwords
+ through PAM, and refuses whom the VPN service's record daemon has blocked.")
+set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_CONTROL_EXTRA "${package}/debian/libpam-zorv/prerm")
+set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

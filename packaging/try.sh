@@ -32,6 +32,14 @@ done
 cat /var/log/network/notifications.jsonl
 [ "$(readlink /usr/local/sbin/notify)" = /usr/lib/zorv/notify ]
 
+step "the libraries"
+ldconfig -p | grep 'libzorv.so.1 '
+module=$(ls /usr/lib/*/security/pam_zorv.so)
+! ldd "$module" | grep 'not found'
+echo 'auth required pam_zorv.so preauth' >/etc/pam.d/vpn
+dpkg --remove libpam-zorv 2>&1 | grep '/etc/pam.d/vpn'
+[ ! -e "$module" ]
+
 step "stopping"
 pid=$(cat /var/run/zorvd.pid)
 kill "$pid"

@@ -6,7 +6,7 @@
 # A script ends with 0, with 77 after saying why it cannot run here (skip), or with 1 after saying
 # what it saw (fail). Whatever it started and made is gone then: processes by their ids and those of
 # its own namespaces, the namespaces, the root.
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2034
 set -euo pipefail
 build=$(cd "$1" && pwd)
 bin=$build/bin

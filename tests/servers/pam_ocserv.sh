@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # ocserv with PAM and openconnect: failures are counted, a blocked user is refused. Nothing is recorded,
 # as the records have no code for this kind of VPN.
+# shellcheck disable=SC2154
 . "$(dirname "$0")/lib.sh" "$@"
 need ocserv openconnect openssl ip unshare python3 /dev/net/tun "$build/lib/security/pam_zorv.so"
 two_namespaces

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # OpenVPN's own PAM plugin with pam_zorv.so, and zorvctl's hook for logins and logouts.
+# shellcheck disable=SC2154
 . "$(dirname "$0")/lib.sh" "$@"
 plugin=$(find /usr/lib -name openvpn-plugin-auth-pam.so 2>/dev/null | head -n 1)
 need openvpn openssl ip unshare python3 /dev/net/tun "$build/lib/security/pam_zorv.so" "${plugin:-/usr/lib/openvpn}"
