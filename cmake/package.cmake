@@ -79,13 +79,19 @@ if(TARGET pam_zorv)
   set(pam_package libpam-zorv)
 endif()
 
+# For one pppd only: its folder of plugins bears its version.
+if(TARGET zorv_ppp)
+  install(TARGETS zorv_ppp LIBRARY DESTINATION lib/pppd/${ZORV_PPPD_VERSION} COMPONENT zorv-ppp)
+  set(ppp_package zorv-ppp)
+endif()
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zorvd)
 set(CPACK_PACKAGE_VENDOR "zorvd")
 set(CPACK_PACKAGE_CONTACT "zorvd maintainers <zorvd@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 ${pam_package})
+set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 ${pam_package} ${ppp_package})
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -140,4 +146,15 @@ set(CPACK_DEBIAN_LIBPAM-ZORV_DESCRIPTION "PAM module that blocks users after fai
  through PAM, and refuses whom the VPN service's record daemon has blocked.")
 set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_CONTROL_EXTRA "${package}/debian/libpam-zorv/prerm")
 set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_NAME zorv-ppp)
+set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_DEPENDS "libc6 (>= 2.36), libzorv1 (>= ${PROJECT_VERSION}), \
+ppp (>= ${ZORV_PPPD_VERSION}), ppp (<< ${ZORV_PPPD_VERSION}.0~)")
+set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_RECOMMENDS "zorvd")
+set(CPACK_DEBIAN_ZORV-PPP_DESCRIPTION "Plugin of pppd that records PPTP and L2TP logins
+ Records logins, logouts and failed logins of PPTP and L2TP servers that run
+ pppd, counts the failures and refuses whom the VPN service's record daemon has
+ blocked.")
+set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_CONTROL_EXTRA "${package}/debian/zorv-ppp/prerm")
+set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 include(CPack)

@@ -39,6 +39,10 @@ module=$(ls /usr/lib/*/security/pam_zorv.so)
 echo 'auth required pam_zorv.so preauth' >/etc/pam.d/vpn
 dpkg --remove libpam-zorv 2>&1 | grep '/etc/pam.d/vpn'
 [ ! -e "$module" ]
+# pppd gets as far as the plugin's options.
+pppd plugin zorv.so zorv-deadline 0 2>&1 | grep 'between 1 and 60'
+echo 'plugin zorv.so' >/etc/ppp/pptpd-options
+dpkg --remove zorv-ppp 2>&1 | grep '/etc/ppp/pptpd-options'
 
 step "stopping"
 pid=$(cat /var/run/zorvd.pid)

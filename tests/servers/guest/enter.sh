@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by tests of servers that need a kernel this machine does not have: PPP, L2TP, XFRM.
 #
 # enter_guest "$0" "$@" runs the calling script once more, in a user-mode Linux guest, as root and with
@@ -12,8 +13,9 @@ skip() {
 # require PROGRAM ...: skips where one is missing.
 require() {
   local program
+  PATH=$PATH:/usr/sbin:/sbin
   for program in linux.uml modprobe ip sqlite3 "$@"; do
-    PATH=$PATH:/usr/sbin:/sbin command -v "$program" >/dev/null || skip "$program is not installed"
+    command -v "$program" >/dev/null || skip "$program is not installed"
   done
   [ "$(id -u)" -eq 0 ] || skip "needs root rights: the guest's root has those of whoever starts it"
 }
@@ -24,7 +26,7 @@ enter_guest() {
   script=$(readlink -f "$1")
   work=$(mktemp -d "${TMPDIR:-/tmp}/zorv-guest.XXXXXX")
   printf '%q ' bash "$script" "${@:2}" >"$work/job"
-  timeout --kill-after=5 "${GUEST_SECONDS:-120}" linux.uml rootfstype=hostfs rootflags=/ rw mem=512M quiet panic=-1 \
+  timeout --kill-after=5 "200" linux.uml rootfstype=hostfs rootflags=/ rw mem=512M quiet panic=-1 \
     umid="${work##*/}" uml_dir="$work/" init="$(readlink -f "${BASH_SOURCE[0]%/*}/init.sh")" work="$work" \
     con=null con0=null,fd:1 </dev/null >"$work/console" 2>&1 &
   guest=$!

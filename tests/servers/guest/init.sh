@@ -18,6 +18,7 @@ mount -t proc proc proc
 mount -t sysfs sysfs sys
 mount -t devtmpfs devtmpfs dev
 mkdir -p dev/pts dev/shm
+ln -s /proc/self/fd dev/fd
 mount -t devpts -o ptmxmode=666 devpts dev/pts
 mount -t tmpfs memory dev/shm
 mount -t tmpfs memory run
@@ -25,6 +26,11 @@ mkdir -p run/lock run/netns lib/modules
 mount --bind /usr/lib/uml/modules lib/modules
 mount -t hostfs -o "$work" hostfs ".$work"
 ip link set lo up
+
+# What the kernel itself asks for is looked for where it starts, outside the layer.
+printf '#!/bin/sh\nexec chroot %s /sbin/modprobe "$@"\n' "$PWD" >"$work/modprobe"
+chmod +x "$work/modprobe"
+echo "$work/modprobe" >proc/sys/kernel/modprobe
 
 job="IN_GUEST=1 $(cat "$work/job")"
 chroot . bash -c "cd / && $job" >"$work/output" 2>&1 && status=0 || status=$?
