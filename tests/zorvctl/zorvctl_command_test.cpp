@@ -329,6 +329,7 @@ TEST_F(WithDaemon, BlockListsUsersWhoseStateIsUnknownAndThePolicy) {
   EXPECT_TRUE(list.out.ends_with("  -  unknown  -\n")) << list.out;
   EXPECT_NE(list.err.find("vpn_block.conf"), std::string::npos) << list.err;
   EXPECT_EQ(zorvctl({"block", "policy"}).status, 1);
+  EXPECT_EQ(done({"block", "check", "bob"}), "bob: not blocked\n");
   done({"block", "clean", "--all"});
   EXPECT_TRUE(sql("SELECT * FROM privilege_user_block").empty());
   const harness::PlatformDaemon platform;
