@@ -204,7 +204,7 @@ TEST_F(HostileClient, ACrowdOfMuteOnesIsRefusedAndEverybodyElseServed) {
     char answer[16];
     told += recv(client.get(), answer, sizeof answer, MSG_DONTWAIT) == sizeof answer ? 1 : 0;
   }
-  EXPECT_GE(told, 400 - 256) << "those who were silent for longest";
+  EXPECT_GE(told, 399 - 256) << "those who were silent for longest";
   EXPECT_EQ(mute[mute.size() - 2].status(), KX_IS_BUSY) << "its time has passed";
 }
 

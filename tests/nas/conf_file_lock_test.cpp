@@ -81,7 +81,7 @@ TEST(ConfFileLock, OnlyReadersOfOnePathShare) {
       {ConfLock::write, ConfLock::write, "/etc/config/vpn_block.conf", true},
       {ConfLock::write, ConfLock::write, "/etc/config%2Fvpn_options.conf", true},
   };
-  const int free_descriptor = dup(STDIN_FILENO);
+  const int free_descriptor = dup(STDERR_FILENO);
   close(free_descriptor);
   for (const auto& c : kCases) {
     const nas::ConfFileLock held(try_lock(kFile, c.held));
@@ -92,7 +92,7 @@ TEST(ConfFileLock, OnlyReadersOfOnePathShare) {
     EXPECT_TRUE(asked.held() || reason == ETIMEDOUT) << reason;
   }
   EXPECT_TRUE(is_free(kFile));
-  EXPECT_EQ(dup(STDIN_FILENO), free_descriptor) << "all are closed again";
+  EXPECT_EQ(dup(STDERR_FILENO), free_descriptor) << "all are closed again";
 }
 
 TEST(ConfFileLock, WrongPathsFoldersAndFilesAreRefused) {

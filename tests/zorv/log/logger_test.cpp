@@ -83,7 +83,7 @@ TEST(Logger, ThresholdDropsLowerLevelsWithoutEvaluatingThem) {
 
 TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   const std::string lock = harness::test_root() + kLogLockFile;
-  const int free_descriptor = dup(STDIN_FILENO);
+  const int free_descriptor = dup(STDERR_FILENO);
   close(free_descriptor);
   alarm(30);  // where a FIFO is waited for
   testing::internal::CaptureStdout();
@@ -103,11 +103,11 @@ TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   ZORV_LOG(info, "no folder for the lock\n");
   std::filesystem::create_directories(harness::test_root() + "/var/lock");
   ASSERT_EQ(mkfifo(lock.c_str(), 0666), 0);
-  ZORV_LOG(info, "a FIFO that nobody reads\n");
-  std::filesystem::remove(lock);
   errno = ENOTTY;
-  ZORV_LOG(info, "a lock file is made\n");
+  ZORV_LOG(info, "a FIFO that nobody reads\n");
   EXPECT_EQ(errno, ENOTTY);
+  std::filesystem::remove(lock);
+  ZORV_LOG(info, "a lock file is made\n");
   EXPECT_TRUE(std::filesystem::is_regular_file(lock));
   const std::string three = log_content();
   EXPECT_EQ(std::count(three.begin(), three.end(), '\n'), 3);
@@ -118,7 +118,7 @@ TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   std::filesystem::remove(log_path());
   ASSERT_EQ(mkfifo(log_path().c_str(), 0666), 0);
   ZORV_LOG(info, "lost\n");
-  EXPECT_EQ(dup(STDIN_FILENO), free_descriptor) << "all are closed again";
+  EXPECT_EQ(dup(STDERR_FILENO), free_descriptor) << "all are closed again";
 }
 
 TEST(Logger, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
