@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "harness/daemon.h"
+#include "harness/fake_service.h"
 #include "harness/test_root.h"
 
 extern "C" {
@@ -205,17 +206,38 @@ TEST_F(PamZorv, RefusesNobodyForTheDaemonsSake) {
   EXPECT_EQ(records().size(), 1u);
 }
 
-// A server that tries again with the same handle: each login has a deadline of its own.
+// The phases of a login share one deadline: a slow answer leaves the next call too little time for
+// another one, and the record behind it is not tried at all.
+TEST_F(PamZorv, WaitsForOneDeadlineALogin) {
+  const auto slowly = [](const char* answer) {
+    return [=] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+      return answer;
+    };
+  };
+  const harness::FakeService fake("@/var/run/zorvd.sock",
+                                  {{"db_privilege_user_block_check", slowly("0")},
+                                   {"db_privilege_user_block_insert", slowly("")},
+                                   {"db_conn_insert", [] { return ""; }}});
+  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
+  EXPECT_EQ(fake.calls(),
+            (Texts{"db_privilege_user_block_check eve", "db_privilege_user_block_insert eve"}));
+}
+
+// A server that tries again with the same handle: each login has a deadline of its own, also where
+// no preauth begins it.
 TEST_F(PamZorv, CountsEveryTryOfOneHandle) {
   start();
   set_policy(9);
-  Handle handle("wrong", "eve", "h");
-  daemon_->process().send(SIGSTOP);
-  EXPECT_EQ(handle.authenticate(), PAM_AUTH_ERR);
-  daemon_->process().send(SIGCONT);
-  EXPECT_EQ(handle.authenticate(), PAM_AUTH_ERR);
-  EXPECT_EQ(handle.authenticate(), PAM_AUTH_ERR);
-  EXPECT_EQ(failures(), Texts{"eve|2"});
+  write_service("authfail", "auth required pam_zorv.so authfail deadline=1\n");
+  Handle whole("wrong", "eve", "h");
+  Handle part("authfail", "adam", "h");
+  for (const int signal_number : {SIGSTOP, SIGCONT, SIGCONT}) {
+    daemon_->process().send(signal_number);
+    EXPECT_EQ(whole.authenticate(), PAM_AUTH_ERR);
+    EXPECT_EQ(part.authenticate(), PAM_AUTH_ERR);
+  }
+  EXPECT_EQ(failures(), (Texts{"eve|2", "adam|2"}));
 }
 
 TEST_F(PamZorv, IsMendedRatherThanGuessedAt) {

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 
 #include "harness/bus_peer.h"
 #include "harness/daemon.h"
 #include "harness/records.h"
+#include "zorvd_db.h"
 
 namespace {
 
@@ -231,7 +233,12 @@ TEST_F(Methods, WrongRequestsAreAnsweredAtOnceAndChangeNothing) {
       {"db_conn_insert", "12345678a", KX_SUCCESS},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(call(c.method, c.payload), c.status) << c.method << " " << c.payload.size();
+    std::string reply;
+    EXPECT_EQ(call(c.method, c.payload, &reply), c.status) << c.method << " " << c.payload.size();
+    const auto row = std::find_if(methods().begin(), methods().end(), [&c](const Method& method) {
+      return method.name == std::string_view(c.method);
+    });
+    EXPECT_EQ(reply.size(), c.status == KX_SUCCESS ? row->reply : 0) << c.method;
   }
   const auto rows = list(list_conn_server_log).rows;
   ASSERT_EQ(rows.size(), 3U);
