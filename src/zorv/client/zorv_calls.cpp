@@ -35,9 +35,13 @@ int call(const kx_io_owner& io, const char* method, const void* request, size_t 
     return KX_IO_FAILURE;
   }
   const int written = size != 0 ? kx_io_write(io.get(), request, size) : KX_SUCCESS;
+  if (written != KX_SUCCESS) {
+    return written;
+  }
   constexpr int kNoDescriptor = -1;
-  return written != KX_SUCCESS
-             ? written
+  // The platform's bus knows whole seconds only.
+  return timeout_ms % 1000 == 0
+             ? kx_call(kZorvdAddress, method, io.get(), timeout_ms / 1000, kNoDescriptor)
              : kx_call_ms(kZorvdAddress, method, io.get(), timeout_ms, kNoDescriptor);
 }
 
