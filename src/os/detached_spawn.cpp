@@ -14,6 +14,14 @@ namespace {
 
 constexpr unsigned kFirstClosed = 3;  // standard input, output and error stay
 
+// A sanitizer keeps one return address for all vforks of a thread: one within the other would
+// return to the wrong place.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kVforkNests = false;
+#else
+constexpr bool kVforkNests = true;
+#endif
+
 // What follows runs in a process that shares its parent's memory: system calls only, no allocation,
 // no locks.
 
@@ -50,7 +58,7 @@ void reopen(int stream, int flags) {
 [[noreturn]] void run_intermediate(const char* file, const char* const* arguments,
                                    const sigset_t& mask) {
   close_from(kFirstClosed);
-  const pid_t program = vfork();
+  const pid_t program = kVforkNests ? vfork() : fork();
   if (program == 0) {
     run_program(file, arguments, mask);  // NOLINT(clang-analyzer-unix.Vfork)
   }
