@@ -199,7 +199,8 @@ TEST(Client, APageIsWhatCameAndNotWhatIsAnnounced) {
     EXPECT_EQ(rows.count, c.count) << c.reply.size();
     EXPECT_EQ(rows.total, c.total) << c.reply.size();
     if (c.count != 0) {
-      EXPECT_EQ(memcmp(rows.record(0), c.reply.data() + kQueryHeaderSize, c.count * record.size()),
+      EXPECT_EQ(memcmp(rows.record(0), c.reply.data() + kQueryHeaderSize,
+                       static_cast<size_t>(c.count) * record.size()),
                 0);
     }
     const auto listed = harness::list(list_privilege_user_block);

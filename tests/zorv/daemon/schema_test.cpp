@@ -39,7 +39,8 @@ std::ifstream documentation() {
 
 // The number that ends a text, or 0.
 size_t number_at_end(const std::string& text) {
-  return std::strtoull(text.c_str() + text.find_last_not_of("0123456789") + 1, nullptr, 10);
+  const char* const digits = text.c_str() + text.find_last_not_of("0123456789") + 1;
+  return static_cast<size_t>(std::strtoull(digits, nullptr, 10));
 }
 
 TEST(Documentation, NamesEveryMethodWithWhatItTakesAndGives) {
