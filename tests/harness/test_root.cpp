@@ -1,7 +1,5 @@
 #include "harness/test_root.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -18,6 +16,21 @@ constexpr const char* kFolders[] = {"/etc/config/zorv", "/var/log/network", "/va
                                     "/usr/local/sbin"};
 
 }  // namespace
+
+TestRoot::TestRoot() {
+  if (mkdtemp(root_path.data()) == nullptr) {
+    abort();
+  }
+  for (const char* folder : kFolders) {
+    std::filesystem::create_directories(root_path + folder);
+  }
+  setenv("ZORV_ROOT", root_path.c_str(), 1);
+}
+
+TestRoot::~TestRoot() {
+  std::error_code ignored;
+  std::filesystem::remove_all(root_path, ignored);
+}
 
 const std::string& test_root() {
   return root_path;
@@ -43,20 +56,3 @@ std::vector<std::string> lines_of(const std::string& text) {
 }
 
 }  // namespace harness
-
-// The root is there before anything reads the environment.
-int main(int argc, char** argv) {
-  std::string& root = harness::root_path;
-  if (mkdtemp(root.data()) == nullptr) {
-    return 1;
-  }
-  for (const char* folder : harness::kFolders) {
-    std::filesystem::create_directories(root + folder);
-  }
-  setenv("ZORV_ROOT", root.c_str(), 1);
-  testing::InitGoogleTest(&argc, argv);
-  const int status = RUN_ALL_TESTS();
-  std::error_code ignored;
-  std::filesystem::remove_all(root, ignored);
-  return status;
-}

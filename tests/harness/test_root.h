@@ -1,5 +1,5 @@
 // The private root of a test process: a folder that stands in for "/" through ZORV_ROOT, with the
-// folders that an installed system has. Made before the first test and removed after the last.
+// folders that an installed system has.
 #pragma once
 
 #include <string>
@@ -7,6 +7,12 @@
 #include <vector>
 
 namespace harness {
+
+// Made by main before anything reads the environment.
+struct TestRoot {
+  TestRoot();
+  ~TestRoot();
+};
 
 const std::string& test_root();
 
