@@ -1,68 +1,42 @@
 #include "dbus_peer.h"
 
-#include <unistd.h>
-
-#include <filesystem>
-#include <stdexcept>
-
 #include "harness/test_root.h"
+#include "measure.h"
 
 namespace bench {
 namespace {
 
-constexpr const char* kDaemon = "/usr/bin/dbus-daemon";
 constexpr const char* kService = "bench.Echo";
 constexpr const char* kObject = "/bench";
-constexpr const char* kInterface = "bench.Echo";
 
-std::string configuration(const std::string& address) {
-  return R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>)" +
-         address + R"(</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-}
+struct DropMessage {
+  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using Message = std::unique_ptr<sd_bus_message, DropMessage>;
 
-void require(int result, const char* what) {
-  if (result < 0) {
-    throw std::runtime_error(std::string("D-Bus: ") + what);
-  }
-}
-
+// Null where nobody listens.
 Bus open_bus(const std::string& address) {
   sd_bus* raw = nullptr;
-  require(sd_bus_new(&raw), "no bus object");
+  require(sd_bus_new(&raw) >= 0, "D-Bus: no memory");
   Bus bus(raw);
-  require(sd_bus_set_address(raw, address.c_str()), "bad address");
-  require(sd_bus_set_bus_client(raw, 1), "no bus client");
-  require(sd_bus_start(raw), "no connection");
-  return bus;
+  sd_bus_set_address(raw, address.c_str());
+  sd_bus_set_bus_client(raw, 1);
+  return sd_bus_start(raw) >= 0 ? std::move(bus) : nullptr;
 }
 
 int on_call(sd_bus_message* message, void* user, sd_bus_error* /*error*/) {
   const void* body = nullptr;
   size_t length = 0;
-  if (const int result = sd_bus_message_read_array(message, 'y', &body, &length); result < 0) {
+  sd_bus_message_read_array(message, 'y', &body, &length);
+  const auto& handle = *static_cast<DbusPeer::Answer*>(user);
+  const std::string answer = handle({static_cast<const char*>(body), length});
+  sd_bus_message* raw = nullptr;
+  if (const int result = sd_bus_message_new_method_return(message, &raw); result < 0) {
     return result;
   }
-  const std::string answer = (*static_cast<DbusPeer::Answer*>(user))(body, length);
-  sd_bus_message* reply = nullptr;
-  if (const int result = sd_bus_message_new_method_return(message, &reply); result < 0) {
-    return result;
-  }
-  sd_bus_message_append_array(reply, 'y', answer.data(), answer.size());
-  const int result = sd_bus_send(nullptr, reply, nullptr);
-  sd_bus_message_unref(reply);
-  return result;
+  const Message reply(raw);
+  sd_bus_message_append_array(raw, 'y', answer.data(), answer.size());
+  return sd_bus_send(nullptr, raw, nullptr);
 }
 
 constexpr sd_bus_vtable kMethods[] = {
@@ -71,15 +45,14 @@ constexpr sd_bus_vtable kMethods[] = {
     SD_BUS_VTABLE_END,
 };
 
-void serve(const std::string& address, DbusPeer::Answer answer, const Child::Ready& ready) {
-  const Bus bus = open_bus(address);
-  require(sd_bus_add_object_vtable(bus.get(), nullptr, kObject, kInterface, kMethods, &answer),
-          "no object");
-  require(sd_bus_request_name(bus.get(), kService, 0), "no name");
-  ready();
+int serve(const std::string& address, DbusPeer::Answer answer) {
+  Bus bus;
+  harness::eventually([&] { return (bus = open_bus(address)) != nullptr; });
+  sd_bus_add_object_vtable(bus.get(), nullptr, kObject, kService, kMethods, &answer);
+  require(sd_bus_request_name(bus.get(), kService, 0) >= 0, "D-Bus: no name");
   for (;;) {
     const int processed = sd_bus_process(bus.get(), nullptr);
-    require(processed, "the connection ended");
+    require(processed >= 0, "D-Bus: the connection ended");
     if (processed == 0) {
       sd_bus_wait(bus.get(), UINT64_MAX);
     }
@@ -88,44 +61,31 @@ void serve(const std::string& address, DbusPeer::Answer answer, const Child::Rea
 
 }  // namespace
 
-DbusPeer::DbusPeer(const std::function<Answer()>& prepare) {
-  if (access(kDaemon, X_OK) != 0) {
-    throw std::runtime_error("D-Bus: no dbus-daemon");
-  }
-  const std::string socket = harness::test_root() + "/dbus";
-  std::filesystem::remove(socket);
-  address_ = "unix:path=" + socket;
-  harness::write_file("/dbus.conf", configuration(address_));
-  daemon_ = std::make_unique<harness::Process>(std::vector<std::string>{
-      kDaemon, "--config-file=" + harness::test_root() + "/dbus.conf", "--nofork"});
-  while (!std::filesystem::exists(socket)) {
-    if (!daemon_->running()) {
-      throw std::runtime_error("D-Bus: dbus-daemon ended");
-    }
-    usleep(1000);
-  }
-  service_ = std::make_unique<Child>(
-      [&](const Child::Ready& ready) { serve(address_, prepare(), ready); });
+DbusPeer::DbusPeer(const Answer& answer)
+    : address_("unix:abstract=" + harness::test_root() + "/dbus"),
+      daemon_({"/usr/bin/dbus-daemon", "--session", "--address=" + address_, "--nofork"}),
+      service_([&]() noexcept { return serve(address_, answer); }) {
+  require(harness::eventually([this] {
+            const Bus bus = connect();
+            return bus && sd_bus_get_name_creds(bus.get(), kService, 0, nullptr) >= 0;
+          }),
+          "D-Bus: no service");
 }
 
 Bus DbusPeer::connect() const {
   return open_bus(address_);
 }
 
-size_t DbusPeer::call(sd_bus* bus, const void* body, size_t length) {
-  sd_bus_message* request = nullptr;
-  require(sd_bus_message_new_method_call(bus, &request, kService, kObject, kInterface, "Call"),
-          "no request");
-  sd_bus_message_append_array(request, 'y', body, length);
-  sd_bus_message* reply = nullptr;
-  const int status = sd_bus_call(bus, request, 0, nullptr, &reply);
-  sd_bus_message_unref(request);
-  require(status, "no reply");
+void DbusPeer::call(const Bus& bus, std::string_view body) {
+  sd_bus_message* raw = nullptr;
+  sd_bus_message_new_method_call(bus.get(), &raw, kService, kObject, kService, "Call");
+  const Message request(raw);
+  sd_bus_message_append_array(raw, 'y', body.data(), body.size());
+  require(sd_bus_call(bus.get(), raw, 0, nullptr, &raw) >= 0, "D-Bus: no reply");
+  const Message reply(raw);
   const void* answer = nullptr;
   size_t size = 0;
-  sd_bus_message_read_array(reply, 'y', &answer, &size);
-  sd_bus_message_unref(reply);
-  return size;
+  require(sd_bus_message_read_array(raw, 'y', &answer, &size) >= 0, "D-Bus: another reply");
 }
 
 }  // namespace bench

@@ -6,8 +6,8 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
-#include "child.h"
 #include "harness/process.h"
 
 namespace bench {
@@ -20,20 +20,18 @@ using Bus = std::unique_ptr<sd_bus, CloseBus>;
 class DbusPeer {
  public:
   // Answers the body of a request.
-  using Answer = std::function<std::string(const void* body, size_t length)>;
+  using Answer = std::function<std::string(std::string_view body)>;
 
-  // `prepare` runs in the service's process and makes what answers there. Throws when there is no
-  // dbus-daemon.
-  explicit DbusPeer(const std::function<Answer()>& prepare);
+  explicit DbusPeer(const Answer& answer);
 
   Bus connect() const;
-  // One call on a connection; the length of the reply's body.
-  static size_t call(sd_bus* bus, const void* body, size_t length);
+  // One call on a connection.
+  static void call(const Bus& bus, std::string_view body);
 
  private:
   std::string address_;
-  std::unique_ptr<harness::Process> daemon_;
-  std::unique_ptr<Child> service_;
+  harness::Process daemon_;
+  harness::Child service_;
 };
 
 }  // namespace bench

@@ -14,78 +14,18 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace bench {
 
-enum class Unit { seconds, bytes, per_second };
+// Throws where something did not go as it must.
+void require(bool held, std::string_view what);
 
-// part: a piece of the floor shown for what it is worth, in the column of the peers.
-enum class Role { ours, floor, peer, part };
-
-struct Contender {
-  Role role;
-  std::string what;
-  std::function<double()> operation;  // one operation; the seconds that count
-};
-
-struct Result {
-  Role role;
-  std::string what;
-  std::vector<double> rounds;
-};
-
-struct Limits {
-  double of_floor = 0;   // at most this many times the floor; 0 for no such limit
-  double of_peer = 0;    // the first peer takes at least this many times as much
-  double of_itself = 0;  // at most this much
-};
-
-struct Figure {
-  std::string family;
-  std::string work;
-  Unit unit = Unit::seconds;
-  Limits limits;
-  std::vector<Result> results;  // ours is the first
-};
-
-struct Effort {
-  int rounds;
-  int batch;
-};
-
-// The figures of a run, and how much effort it may take.
-class Report {
- public:
-  explicit Report(bool quick) : quick_(quick) {}
-
-  bool quick() const { return quick_; }
-  void start_family(const std::string& name) { family_ = name; }
-
-  void compare(const std::string& work, Effort effort, Limits limits,
-               std::vector<Contender> contenders);
-  // A figure that was had otherwise.
-  void add(const std::string& work, Unit unit, Limits limits, std::vector<Result> results);
-  // Something that could not be measured here, and why.
-  void miss(const std::string& what);
-
-  std::string table() const;
-  std::string json() const;
-
- private:
-  void announce(const Figure& figure) const;
-
-  bool quick_;
-  std::string family_;
-  std::vector<Figure> figures_;
-  std::vector<std::string> missed_;
-};
-
-// The value below which `part` of the values lie; 0.5 gives the median.
+// The value below which `part` of the values lie.
 double quantile(std::vector<double> values, double part);
-// The value below which `part` of the values lie; 0.5 gives the median.
-double quantile(std::vector<double> values, double part);
-double median(std::vector<double> values);
 
 // Runs `work` and tells its seconds.
 template <class Work>
@@ -95,9 +35,82 @@ double seconds_of(Work&& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-template <class Work>
-std::function<double()> timed(Work work) {
-  return [work]() mutable { return seconds_of(work); };
-}
+struct Contender {
+  // `operation` tells the seconds that count, or it counts as a whole.
+  template <class Operation>
+  Contender(std::string name, Operation one) : what(std::move(name)) {
+    if constexpr (std::is_same_v<std::invoke_result_t<Operation&>, double>) {
+      operation = one;
+    } else {
+      operation = [one] { return seconds_of(one); };
+    }
+  }
+
+  std::string what;
+  std::function<double()> operation;
+};
+
+struct Result {
+  std::string what;
+  std::vector<double> rounds;
+};
+
+enum class Unit { seconds, bytes, per_second };
+
+// 0 for no such limit.
+struct Limits {
+  double of_floor = 0;   // at most this many times the floor
+  double of_peer = 0;    // the first peer takes at least this many times as much
+  double of_itself = 0;  // at most this much
+};
+
+struct Figure {
+  std::string family;
+  std::string work;
+  Unit unit;
+  Limits limits;
+  std::vector<Result> results;
+};
+
+// The figures of a run, and how much effort it may take. Of contenders and results the first is
+// "ours"; a second one called "floor" is the floor; the others are peers.
+class Report {
+ public:
+  explicit Report(bool quick) : quick_(quick) {}
+
+  bool quick() const { return quick_; }
+  void start_family(const std::string& name) { family_ = name; }
+
+  void compare(const std::string& work, int rounds, int batch, Limits limits,
+               const std::vector<Contender>& contenders);
+  // A figure that was had otherwise.
+  void add(const std::string& work, Unit unit, Limits limits, std::vector<Result> results);
+  // Something that could not be measured here, and why.
+  void miss(const std::string& what);
+
+  std::string table() const;
+  std::string json() const;
+
+ private:
+  bool quick_;
+  std::string family_;
+  std::vector<Figure> figures_;
+  std::vector<std::string> missed_;
+};
+
+// The families of measures. Each starts what it needs in the root of the process, and leaves
+// nothing running.
+void measure_bus(Report& report);
+void measure_bus_reply(Report& report);
+void measure_insert(Report& report);
+void measure_page(Report& report);
+void measure_all_rows(Report& report);
+void measure_block_check(Report& report);
+void measure_log(Report& report);
+void measure_notification(Report& report);
+void measure_json(Report& report);
+void measure_process(Report& report);
+void measure_inserts(Report& report);
+void measure_clients(Report& report);
 
 }  // namespace bench

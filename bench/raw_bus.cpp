@@ -8,29 +8,29 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <stdexcept>
 
 #include "descriptor.h"
+#include "harness/test_root.h"
+#include "measure.h"
 
 namespace bench {
 namespace {
 
-struct Address {
-  explicit Address(const std::string& name) {
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path + 1, name.data(), name.size());
-    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  }
-  const sockaddr* get() const { return reinterpret_cast<const sockaddr*>(&address); }
+constexpr size_t kHead = 16;
 
-  sockaddr_un address{};
-  socklen_t length;
+struct alignas(8) Packet {
+  char bytes[64 * 1024];
 };
 
-void require(bool held, const char* what) {
-  if (!held) {
-    throw std::runtime_error(what);
-  }
+// bind() or connect().
+template <class Attach>
+bool attach(Attach function, const os::Descriptor& socket, const std::string& name) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+  const size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+  return function(socket.get(), reinterpret_cast<const sockaddr*>(&address),
+                  static_cast<socklen_t>(length)) == 0;
 }
 
 void check_peer(int connection) {
@@ -41,133 +41,68 @@ void check_peer(int connection) {
           "a peer of another user");
 }
 
-// Receives what fits and, when asked for, one descriptor.
-ssize_t receive(int connection, char* packet, int* ret_descriptor) {
-  if (ret_descriptor == nullptr) {
-    return recv(connection, packet, kRawPacket, 0);
+// False when the request is not there yet.
+bool serve_one(int connection, const RawAnswer& answer) {
+  static Packet packet;
+  const ssize_t received = recv(connection, packet.bytes, sizeof packet, 0);
+  if (received > 0) {
+    const size_t length = answer(packet.bytes + kHead, static_cast<size_t>(received) - kHead);
+    send(connection, packet.bytes, kHead + length, MSG_NOSIGNAL);
   }
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
-  iovec part{packet, kRawPacket};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  const ssize_t received = recvmsg(connection, &message, MSG_CMSG_CLOEXEC);
-  const cmsghdr* rights = CMSG_FIRSTHDR(&message);
-  require(rights != nullptr, "no descriptor came");
-  memcpy(ret_descriptor, CMSG_DATA(rights), sizeof(int));
-  return received;
+  return received >= 0 || errno != EAGAIN;
 }
 
-void send_descriptor(int connection, char* packet, int descriptor) {
-  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-  iovec part{packet, kRawHead};
-  msghdr message{};
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control;
-  message.msg_controllen = sizeof control;
-  cmsghdr* rights = CMSG_FIRSTHDR(&message);
-  rights->cmsg_level = SOL_SOCKET;
-  rights->cmsg_type = SCM_RIGHTS;
-  rights->cmsg_len = CMSG_LEN(sizeof(int));
-  memcpy(CMSG_DATA(rights), &descriptor, sizeof(int));
-  require(sendmsg(connection, &message, MSG_NOSIGNAL) > 0, "no descriptor was sent");
-}
-
-size_t exchange(const std::string& name, char* packet, size_t length, int* ret_descriptor) {
-  const Address address(name);
-  const os::Descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  require(connect(connection.get(), address.get(), address.length) == 0, "no raw server");
-  check_peer(connection.get());
-  require(send(connection.get(), packet, length, MSG_NOSIGNAL) > 0, "no request was sent");
-  const ssize_t received = receive(connection.get(), packet, ret_descriptor);
-  require(received > 0, "no reply came");
-  return static_cast<size_t>(received);
-}
-
-// The server's loop. `serve` reads a request and answers it; false when it is not there yet.
-template <class Serve>
-void serve_with(const std::string& name, const std::function<void()>& ready, Serve serve) {
-  const Address address(name);
-  const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  require(bind(listener, address.get(), address.length) == 0 && listen(listener, 128) == 0,
-          "no raw listener");
-  const int epoll = epoll_create1(EPOLL_CLOEXEC);
-  const auto watch = [epoll](int descriptor) {
+int serve(const os::Descriptor& listener, const RawAnswer& answer) {
+  const os::Descriptor epoll(epoll_create1(EPOLL_CLOEXEC));
+  const auto watch = [&epoll](int descriptor) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.fd = descriptor;
-    epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event);
+    epoll_ctl(epoll.get(), EPOLL_CTL_ADD, descriptor, &event);
   };
-  watch(listener);
-  ready();
+  watch(listener.get());
   for (;;) {
     epoll_event event{};
-    if (epoll_wait(epoll, &event, 1, -1) != 1) {
+    if (epoll_wait(epoll.get(), &event, 1, -1) != 1) {
       continue;
     }
     int connection = event.data.fd;
-    if (connection == listener) {
-      connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-      if (connection < 0) {
-        continue;
-      }
+    if (connection == listener.get()) {
+      connection = accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       check_peer(connection);
-      if (!serve(connection)) {
-        watch(connection);
-        continue;
-      }
-    } else {
-      serve(connection);
     }
-    close(connection);
+    if (serve_one(connection, answer)) {
+      close(connection);
+    } else {
+      watch(connection);
+    }
   }
+}
+
+// The listener is there when this returns, and then the child's alone.
+harness::Child start(const std::string& name, const RawAnswer& answer) {
+  const os::Descriptor listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  require(attach(bind, listener, name) && listen(listener.get(), 128) == 0, "no raw listener");
+  return harness::Child([&]() noexcept { return serve(listener, answer); });
 }
 
 }  // namespace
 
-void serve_raw(const std::string& name, const std::function<void()>& ready,
-               const RawAnswer& answer) {
-  alignas(8) static char packet[kRawPacket];
-  serve_with(name, ready, [&](int connection) {
-    const ssize_t received = recv(connection, packet, sizeof packet, 0);
-    if (received < 0 && errno == EAGAIN) {
-      return false;
-    }
-    if (received > 0) {
-      send(connection, packet, answer(packet, static_cast<size_t>(received)), MSG_NOSIGNAL);
-    }
-    return true;
-  });
+std::string_view raw_call(const std::string& name, std::string_view body) {
+  static Packet packet;
+  const os::Descriptor connection(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  require(attach(connect, connection, name), "no raw server");
+  check_peer(connection.get());
+  memcpy(packet.bytes + kHead, body.data(), body.size());
+  require(send(connection.get(), packet.bytes, kHead + body.size(), MSG_NOSIGNAL) > 0,
+          "no request was sent");
+  const ssize_t received = recv(connection.get(), packet.bytes, sizeof packet, 0);
+  require(received > 0, "no reply came");
+  return {packet.bytes + kHead, static_cast<size_t>(received) - kHead};
 }
 
-void serve_raw_descriptors(const std::string& name, const std::function<void()>& ready,
-                           const RawDescriptorAnswer& answer) {
-  alignas(8) static char packet[kRawPacket];
-  serve_with(name, ready, [&](int connection) {
-    const ssize_t received = recv(connection, packet, sizeof packet, 0);
-    if (received < 0 && errno == EAGAIN) {
-      return false;
-    }
-    if (received > 0) {
-      const int descriptor = answer(packet, static_cast<size_t>(received));
-      send_descriptor(connection, packet, descriptor);
-      close(descriptor);
-    }
-    return true;
-  });
-}
-
-size_t raw_call(const std::string& name, char* packet, size_t length) {
-  return exchange(name, packet, length, nullptr);
-}
-
-int raw_call_for_descriptor(const std::string& name, char* packet, size_t length) {
-  int descriptor = -1;
-  exchange(name, packet, length, &descriptor);
-  return descriptor;
-}
+RawServer::RawServer(const RawAnswer& answer)
+    : name_(harness::test_root() + "/raw." + std::to_string(++count_)),
+      child_(start(name_, answer)) {}
 
 }  // namespace bench

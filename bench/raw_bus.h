@@ -7,29 +7,32 @@
 // time limit, no check of the frame, no limit of connections, no error but the end of the program.
 #pragma once
 
-#include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
+
+#include "harness/process.h"
 
 namespace bench {
 
-inline constexpr size_t kRawHead = 16;
-inline constexpr size_t kRawPacket = 64 * 1024;
+// Looks at a request's body and writes the reply's over it; the reply's length.
+using RawAnswer = std::function<size_t(char* body, size_t length)>;
 
-// Looks at a request and writes the reply over it; the length of the reply.
-using RawAnswer = std::function<size_t(char* packet, size_t length)>;
-// The same where the reply is a descriptor, sent along with the head; the caller closes it.
-using RawDescriptorAnswer = std::function<int(const char* packet, size_t length)>;
+// One call to an abstract address: the reply's body, which stays until the next call.
+std::string_view raw_call(const std::string& name, std::string_view body);
 
-// Serve for ever at an abstract address; `ready` is called when callers can connect.
-void serve_raw(const std::string& name, const std::function<void()>& ready,
-               const RawAnswer& answer);
-void serve_raw_descriptors(const std::string& name, const std::function<void()>& ready,
-                           const RawDescriptorAnswer& answer);
+// A child process that serves for ever.
+class RawServer {
+ public:
+  explicit RawServer(const RawAnswer& answer);
 
-// One call: the request stands in `packet`, and the reply replaces it. The length of the reply.
-size_t raw_call(const std::string& name, char* packet, size_t length);
-// The descriptor that came as the reply.
-int raw_call_for_descriptor(const std::string& name, char* packet, size_t length);
+  std::string_view call(std::string_view body) const { return raw_call(name_, body); }
+  pid_t pid() const { return child_.pid(); }
+
+ private:
+  static inline int count_ = 0;
+  std::string name_;
+  harness::Child child_;
+};
 
 }  // namespace bench

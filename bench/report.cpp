@@ -1,183 +1,158 @@
-// The figures as a Markdown table and as JSON.
-#include <jansson.h>
+// The figures: had, and shown as a Markdown table and, result by result, as JSON.
+#include <fmt/format.h>
 
-#include <cmath>
+#include <algorithm>
 #include <cstdio>
-#include <memory>
+#include <stdexcept>
 
-#include "json_ref.h"
 #include "measure.h"
 
 namespace bench {
 namespace {
 
+constexpr const char* kUnitNames[] = {"s", "B", "1/s"};
+
 struct Scale {
-  double from;
-  double divisor;
+  Unit unit;
+  double one;
   const char* name;
 };
 
-constexpr Scale kSeconds[] = {{1, 1, "s"}, {1e-3, 1e-3, "ms"}, {0, 1e-6, "µs"}};
-constexpr Scale kBytes[] = {{1e6, 1e6, "MB"}, {1e3, 1e3, "kB"}, {0, 1, "B"}};
-constexpr Scale kRates[] = {{0, 1, "/s"}};
-
-template <size_t Count>
-std::string scaled(double value, const Scale (&scales)[Count]) {
-  const Scale* scale = scales;
-  while (value < scale->from) {
-    ++scale;
-  }
-  const double shown = value / scale->divisor;
-  const int decimals = shown >= 99.95 ? 0 : shown >= 9.995 ? 1 : 2;
-  char text[64];
-  snprintf(text, sizeof text, "%.*f %s", decimals, shown, scale->name);
-  return text;
-}
+// The largest first; the last takes whatever is smaller, too.
+constexpr Scale kScales[] = {
+    {Unit::seconds, 1, "s"},     {Unit::seconds, 1e-3, "ms"}, {Unit::seconds, 1e-6, "µs"},
+    {Unit::bytes, 1e6, "MB"},    {Unit::bytes, 1e3, "kB"},    {Unit::bytes, 1, "B"},
+    {Unit::per_second, 1, "/s"},
+};
 
 std::string value_text(double value, Unit unit) {
-  switch (unit) {
-    case Unit::seconds:
-      return scaled(value, kSeconds);
-    case Unit::bytes:
-      return scaled(value, kBytes);
-    case Unit::per_second:
-      return scaled(value, kRates);
-  }
-  return "";
-}
-
-std::string ratio_text(double value) {
-  char text[64];
-  snprintf(text, sizeof text, "%.2f", value);
-  return text;
-}
-
-const Result* first_of(const Figure& figure, Role role) {
-  for (const Result& result : figure.results) {
-    if (result.role == role) {
-      return &result;
+  const Scale* scale = nullptr;
+  for (const Scale& candidate : kScales) {
+    if (candidate.unit == unit && (scale == nullptr || value < scale->one)) {
+      scale = &candidate;
     }
   }
-  return nullptr;
+  const double shown = value / scale->one;
+  return fmt::format("{:.{}f} {}", shown, shown >= 99.95 ? 0 : shown >= 9.995 ? 1 : 2, scale->name);
 }
 
-// How many times as much `result` is as `other`, from round to round.
-double ratio(const Result& result, const Result& other) {
+double median(const std::vector<double>& values) {
+  return quantile(values, 0.5);
+}
+
+double run_batch(const Contender& contender, int batch) {
+  contender.operation();
+  std::vector<double> seconds;
+  for (int i = 0; i < batch; ++i) {
+    seconds.push_back(contender.operation());
+  }
+  return median(seconds);
+}
+
+// How many times as much it is as ours, from round to round.
+double times_ours(const Figure& figure, const Result& result) {
   std::vector<double> ratios;
   for (size_t i = 0; i < result.rounds.size(); ++i) {
-    ratios.push_back(result.rounds[i] / other.rounds[i]);
+    ratios.push_back(result.rounds[i] / figure.results[0].rounds[i]);
   }
-  return median(std::move(ratios));
+  return median(ratios);
 }
 
+bool has_floor(const Figure& figure) {
+  return figure.results.size() > 1 && figure.results[1].what == "floor";
+}
+
+// How many times as much ours is as the floor; 0 without one.
 double of_floor(const Figure& figure) {
-  const Result* floor = first_of(figure, Role::floor);
-  return floor != nullptr ? ratio(figure.results[0], *floor) : 0;
+  return has_floor(figure) ? 1 / times_ours(figure, figure.results[1]) : 0;
 }
 
-double of_peer(const Figure& figure) {
-  const Result* peer = first_of(figure, Role::peer);
-  return peer != nullptr ? ratio(*peer, figure.results[0]) : 0;
-}
-
-// Ratios count as they are shown: with two decimals.
-double shown(double value) {
-  return std::round(value * 100) / 100;
-}
-
-bool has_limit(const Limits& limits) {
-  return limits.of_floor > 0 || limits.of_peer > 0 || limits.of_itself > 0;
-}
-
-bool within(const Figure& figure) {
+std::string target_text(const Figure& figure) {
+  constexpr double kUnseen = 0.005;  // ratios count as they are shown: with two decimals
   const Limits& limits = figure.limits;
-  const bool no_peer = first_of(figure, Role::peer) == nullptr;
-  return (limits.of_floor == 0 || shown(of_floor(figure)) <= limits.of_floor) &&
-         (limits.of_peer == 0 || no_peer || shown(of_peer(figure)) >= limits.of_peer) &&
-         (limits.of_itself == 0 || median(figure.results[0].rounds) <= limits.of_itself);
-}
-
-std::string limit_text(const Figure& figure) {
   std::string text;
-  const auto add = [&text](const std::string& part) { text += (text.empty() ? "" : ", ") + part; };
-  if (figure.limits.of_floor > 0) {
-    add("≤ " + ratio_text(figure.limits.of_floor) + " × floor");
+  bool met = true;
+  const auto add = [&](const std::string& limit, bool holds) {
+    text += (text.empty() ? "" : ", ") + limit;
+    met = met && holds;
+  };
+  if (limits.of_floor > 0) {
+    add(fmt::format("≤ {:.2f} × floor", limits.of_floor),
+        of_floor(figure) < limits.of_floor + kUnseen);
   }
-  if (figure.limits.of_peer > 0 && first_of(figure, Role::peer) != nullptr) {
-    add("peer ≥ " + ratio_text(figure.limits.of_peer) + " ×");
+  if (const size_t peer = has_floor(figure) ? 2 : 1;
+      limits.of_peer > 0 && peer < figure.results.size()) {
+    add(fmt::format("peer ≥ {:.2f} ×", limits.of_peer),
+        times_ours(figure, figure.results[peer]) >= limits.of_peer - kUnseen);
   }
-  if (figure.limits.of_itself > 0) {
-    add("≤ " + value_text(figure.limits.of_itself, figure.unit));
+  if (limits.of_itself > 0) {
+    add("≤ " + value_text(limits.of_itself, figure.unit),
+        median(figure.results[0].rounds) <= limits.of_itself);
   }
-  if (!text.empty()) {
-    text += within(figure) ? ": met" : ": **missed**";
-  }
-  return text;
+  return text.empty() ? text : text + (met ? ": met" : ": **missed**");
 }
 
 std::string row_of(const Figure& figure) {
-  const Result& ours = figure.results[0];
-  const Result* floor = first_of(figure, Role::floor);
-  std::string others;
+  std::string ours_and_floor;
+  std::string peers;
   for (const Result& result : figure.results) {
-    if (result.role == Role::peer || result.role == Role::part) {
-      others += (others.empty() ? "" : "; ") + result.what + " " +
-                value_text(median(result.rounds), figure.unit) + " (" +
-                ratio_text(ratio(result, ours)) + " ×)";
+    const std::string value = value_text(median(result.rounds), figure.unit);
+    if (result.what == "ours" || result.what == "floor") {
+      ours_and_floor += " | " + value;
+    } else {
+      peers += fmt::format("{}{} {} ({:.2f} ×)", peers.empty() ? "" : "; ", result.what, value,
+                           times_ours(figure, result));
     }
   }
-  return "| " + figure.work + " | " + value_text(median(ours.rounds), figure.unit) + " | " +
-         (floor != nullptr ? value_text(median(floor->rounds), figure.unit) : "") + " | " +
-         (floor != nullptr ? ratio_text(of_floor(figure)) : "") + " | " + limit_text(figure) +
-         " | " + others + " |\n";
-}
-
-const char* role_name(Role role) {
-  switch (role) {
-    case Role::ours:
-      return "ours";
-    case Role::floor:
-      return "floor";
-    case Role::peer:
-      return "peer";
-    case Role::part:
-      return "part";
-  }
-  return "";
-}
-
-const char* unit_name(Unit unit) {
-  return unit == Unit::seconds ? "s" : unit == Unit::bytes ? "B" : "1/s";
-}
-
-json_t* json_of(const Figure& figure) {
-  json_t* results = json_array();
-  for (const Result& result : figure.results) {
-    json_array_append_new(
-        results,
-        json_pack("{s:s, s:s, s:f, s:f, s:f}", "role", role_name(result.role), "what",
-                  result.what.c_str(), "median", median(result.rounds), "lower_quartile",
-                  quantile(result.rounds, 0.25), "upper_quartile", quantile(result.rounds, 0.75)));
-  }
-  json_t* object =
-      json_pack("{s:s, s:s, s:s, s:o}", "family", figure.family.c_str(), "work",
-                figure.work.c_str(), "unit", unit_name(figure.unit), "results", results);
-  if (of_floor(figure) > 0) {
-    json_object_set_new(object, "of_floor", json_real(of_floor(figure)));
-  }
-  if (of_peer(figure) > 0) {
-    json_object_set_new(object, "peer_of_ours", json_real(of_peer(figure)));
-  }
-  if (has_limit(figure.limits)) {
-    json_object_set_new(object, "target_met", json_boolean(within(figure)));
-  }
-  return object;
+  ours_and_floor +=
+      has_floor(figure) ? fmt::format(" | {:.2f}", of_floor(figure)) : std::string(" |  | ");
+  return fmt::format("| {}{} | {} | {} |\n", figure.work, ours_and_floor, target_text(figure),
+                     peers);
 }
 
 }  // namespace
 
-void Report::announce(const Figure& figure) const {
-  fprintf(stderr, "%s", row_of(figure).c_str());
+void require(bool held, std::string_view what) {
+  if (!held) {
+    throw std::runtime_error(std::string(what));
+  }
+}
+
+double quantile(std::vector<double> values, double part) {
+  std::sort(values.begin(), values.end());
+  const double place = part * static_cast<double>(values.size() - 1);
+  const auto below = static_cast<size_t>(place);
+  const size_t above = std::min(below + 1, values.size() - 1);
+  return values[below] + (values[above] - values[below]) * (place - static_cast<double>(below));
+}
+
+void Report::compare(const std::string& work, int rounds, int batch, Limits limits,
+                     const std::vector<Contender>& contenders) {
+  if (quick_) {
+    rounds = std::min(rounds, 5);
+    batch = (batch + 3) / 4;
+  }
+  std::vector<Result> results;
+  for (const Contender& contender : contenders) {
+    results.push_back({contender.what, {}});
+  }
+  for (int round = 0; round < rounds; ++round) {
+    for (size_t turn = 0; turn < contenders.size(); ++turn) {
+      const size_t which = (turn + static_cast<size_t>(round)) % contenders.size();
+      results[which].rounds.push_back(run_batch(contenders[which], batch));
+    }
+  }
+  add(work, Unit::seconds, limits, std::move(results));
+}
+
+void Report::add(const std::string& work, Unit unit, Limits limits, std::vector<Result> results) {
+  figures_.push_back({family_, work, unit, limits, std::move(results)});
+  fmt::print(stderr, "{}", row_of(figures_.back()));
+}
+
+void Report::miss(const std::string& what) {
+  missed_.push_back(what);
+  fmt::print(stderr, "bench: {}\n", what);
 }
 
 std::string Report::table() const {
@@ -187,7 +162,8 @@ std::string Report::table() const {
     if (figure.family != family) {
       family = figure.family;
       text += "\n### " + family +
-              "\n\n| work | ours | floor | ours / floor | target | peers (× ours) |\n"
+              "\n\n"
+              "| work | ours | floor | ours / floor | target | peers (× ours) |\n"
               "|---|---|---|---|---|---|\n";
     }
     text += row_of(figure);
@@ -199,14 +175,18 @@ std::string Report::table() const {
 }
 
 std::string Report::json() const {
-  const JsonRef root(json_pack("{s:[], s:[]}", "figures", "not_run"));
+  std::string text;
   for (const Figure& figure : figures_) {
-    json_array_append_new(json_object_get(root.get(), "figures"), json_of(figure));
+    for (const Result& result : figure.results) {
+      text += fmt::format(
+          R"({}{{"family": "{}", "work": "{}", "what": "{}", "unit": "{}", "median": {}, )"
+          R"("lower_quartile": {}, "upper_quartile": {}, "times_ours": {}}})",
+          text.empty() ? "[" : ",\n ", figure.family, figure.work, result.what,
+          kUnitNames[static_cast<int>(figure.unit)], median(result.rounds),
+          quantile(result.rounds, 0.25), quantile(result.rounds, 0.75), times_ours(figure, result));
+    }
   }
-  for (const std::string& what : missed_) {
-    json_array_append_new(json_object_get(root.get(), "not_run"), json_string(what.c_str()));
-  }
-  return std::string(text_or_empty(dump_json(root.get(), JSON_INDENT(2)))) + "\n";
+  return text + "]\n";
 }
 
 }  // namespace bench

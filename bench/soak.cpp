@@ -2,22 +2,26 @@
 // CALLS_PER_SECOND]
 //
 // Starts the daemon, the notification tool and the platform's services in a root of their own, and
-// has several clients call all 24 methods in a random mix at a given rate. Once a minute and at the
+// has several clients call all methods in a random mix at a given rate. Once a minute and at the
 // end it prints what the daemon holds (resident memory, descriptors, rows of the server log), and
 // at the end the calls, failures and latencies of each method. Exit status 0 when nothing failed.
 //
 // The log and the notifications are removed from time to time, as log rotation does.
+#include <fmt/format.h>
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdint>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <fstream>
+#include <functional>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -25,363 +29,217 @@
 
 #include "harness/daemon.h"
 #include "harness/test_root.h"
-#include "kxbus.h"
-#include "zorv_api_db.h"
-#include "zorv_api_mobile.h"
+#include "measure.h"
+#include "processes.h"
+#include "zorv_calls.h"
+#include "zorv_schema.h"
 
 namespace {
 
-using std::chrono::steady_clock;
-
+using Seconds = std::chrono::duration<double>;
 using Random = std::minstd_rand;
 
-constexpr unsigned kUsers = 50;
-constexpr unsigned kDevices = 200;
-constexpr long long kPage = 100;
+constexpr unsigned kDifferentTexts = 100;
 constexpr unsigned kPagesPerFullList = 2000;
-constexpr auto kClientTimeout = std::chrono::seconds(5);
+constexpr int kUnknownCode = 9;
+constexpr int kStepsPerMinute = 12;
 
-std::atomic<bool> stopping{false};
+std::atomic<bool> over{false};
 
 unsigned any_of(Random& random, unsigned count) {
   return static_cast<unsigned>(random()) % count;
 }
 
-template <size_t Size>
-void put(char (&field)[Size], const std::string& text) {
-  memcpy(field, text.c_str(), std::min(text.size() + 1, Size));
+std::string any_text(Random& random, const std::string& field = "username") {
+  return field + std::to_string(any_of(random, kDifferentTexts));
 }
 
-std::string any_user(Random& random) {
-  return "user" + std::to_string(any_of(random, kUsers));
-}
-
-std::string any_mac(Random& random) {
-  return "02:00:00:00:00:" + std::to_string(any_of(random, kDevices));
-}
-
-bool add_server(Random& random) {
-  db_conn_server_log record{};
-  put(record.username, any_user(random));
-  put(record.device_info, "linux 6.1, OpenVPN 2.6.3");
-  put(record.source_ip, "10.99.0.2");
-  put(record.vpn_ip, "10.8.0.2");
-  record.vpn_type = 4;
-  record.time = static_cast<record_uint64>(time(nullptr));
-  record.tx_total = any_of(random, 1U << 30);
-  // One in eight is announced; the others are of a kind that is stored and not announced.
-  record.action = any_of(random, 8) == 0 ? 2 : 9;
-  return add_conn_server_log(&record) == KX_SUCCESS;
-}
-
-bool add_client(Random& random) {
-  db_conn_client_log_data record{};
-  put(record.username, any_user(random));
-  record.vpn_type = 0x400;
-  record.time = static_cast<record_uint64>(time(nullptr));
-  put(record.country_code, "DE");
-  record.action = any_of(random, 8) == 0 ? 3 : 9;
-  return add_conn_client_log(&record) == KX_SUCCESS;
-}
-
-bool add_event(Random& /*random*/) {
-  db_event_data record;
-  return add_event_data(&record) == KX_SUCCESS;
-}
-
-bool add_session(Random& random) {
-  db_server_list_data record{};
-  put(record.uuid, std::to_string(random()));
-  put(record.username, any_user(random));
-  return add_server_list(&record) == KX_SUCCESS;
-}
-
-bool add_device(Random& random) {
-  db_device_info_data record{};
-  put(record.mac, any_mac(random));
-  zorv_mobile_gen_uuid_data_get uuid{};
-  return add_device_info(&record, &uuid) == KX_SUCCESS && uuid.zorv_uuid[0] != '\0';
-}
-
-// A filter by a column that the table has: any other would cost a temporary table its rows.
-template <class Record>
-void filter(db_query_cond& cond, Random& random) {
-  if constexpr (requires(Record record) { record.username; }) {
-    put(cond.field, "username");
-    put(cond.value, any_user(random));
-  } else if constexpr (requires(Record record) { record.mac; }) {
-    put(cond.field, "mac");
-    put(cond.value, any_mac(random));
+record_int64 any_number(Random& random, const zorv::Field& field) {
+  switch (field.meaning) {
+    case zorv::Meaning::time:
+      return time(nullptr);
+    case zorv::Meaning::code:
+      // One in eight is known; a connection with an unknown action is stored and not announced.
+      return any_of(random, 8) == 0 ? field.words[1].code : kUnknownCode;
+    default:
+      return any_of(random, 1U << 30);
   }
 }
 
-template <class Query, int (*List)(db_query_cond*, Query**)>
-bool list(Random& random) {
-  constexpr record_uint64 kUntouched = ~record_uint64{0};
+int insert(const zorv::TableSchema& table, Random& random) {
+  if (&table == &zorv::kUserBlock) {
+    return zorv_api::count_failure(any_text(random));
+  }
+  std::vector<record_int64> record(table.record_size / sizeof(record_int64) + 1);
+  for (const zorv::Field& field : table.fields) {
+    if (field.is_text()) {
+      zorv::set(field, record.data(), any_text(random, field.name));
+    } else {
+      const record_int64 number = any_number(random, field);
+      memcpy(field.member(record.data()), &number, field.size);
+    }
+  }
+  return zorv_api::insert(table, record.data());
+}
+
+int query(const zorv::TableSchema& table, Random& random) {
   db_query_cond cond{};
-  cond.count = any_of(random, kPagesPerFullList) == 0 ? -1 : kPage;
+  cond.count = any_of(random, kPagesPerFullList) == 0 ? -1 : 100;
   cond.start = any_of(random, 1000);
   cond.order_style = any_of(random, 2);
-  if (any_of(random, 4) == 0) {
-    filter<typename Query::record_type>(cond, random);
+  // The second column is a text in every table. A filter by a column that a table does not have
+  // would cost a temporary table its rows.
+  if (!table.fields.empty() && any_of(random, 4) == 0) {
+    zorv::copy_text(cond.field, table.fields[1].name);
+    zorv::copy_text(cond.value, any_text(random, table.fields[1].name));
   }
-  Query query{};
-  query.count = kUntouched;
-  Query* result = &query;
-  List(&cond, &result);
-  free(static_cast<void*>(query.data));
-  return query.count != kUntouched;
+  zorv_api::Rows rows;
+  return zorv_api::query(table, cond, rows);
 }
 
-template <int (*Delete)(db_delete_cond*)>
-bool remove_one(Random& random) {
-  db_delete_cond which{any_of(random, 100000) + 1};
-  return Delete(&which) == KX_SUCCESS;
+int remove(const zorv::TableSchema& table, Random& random) {
+  return &table == &zorv::kUserBlock ? zorv_api::forget_failures(any_text(random))
+                                     : zorv_api::remove(table, any_of(random, 100000) + 1);
 }
 
-template <int (*Clean)()>
-bool clean(Random& /*random*/) {
-  return Clean() == KX_SUCCESS;
-}
-
-bool fail_login(Random& random) {
-  return add_privilege_user_block(any_user(random).data()) == KX_SUCCESS;
-}
-
-bool unblock(Random& random) {
-  return delete_privilege_user_block(any_user(random).data()) == KX_SUCCESS;
-}
-
-// 1 is both "blocked" and the status of a time-out.
-bool check(Random& random) {
-  const auto start = steady_clock::now();
-  const int answer = check_privilege_user_block(any_user(random).data());
-  return answer == 0 || (answer == 1 && steady_clock::now() - start < kClientTimeout);
-}
-
-bool make_uuid(Random& /*random*/) {
-  zorv_mobile_gen_uuid_data_set kind{1};
+int make_uuid(Random& /*random*/) {
   zorv_mobile_gen_uuid_data_get uuid{};
-  zorv_mobile_gen_uuid_data_get* get = &uuid;
-  zorv_mobile_gen_zorv_uuid(&kind, &get);
-  return uuid.zorv_uuid[0] != '\0';
+  return zorv_api::make_uuid({1}, uuid);
+}
+
+int check_block(Random& random) {
+  zorv_api::BlockAnswer answer{};
+  const int status = zorv_api::check_block(any_text(random), answer);
+  return answer == zorv_api::BlockAnswer::unknown ? KX_IO_FAILURE : status;
 }
 
 struct Method {
   const char* name;
   unsigned weight;
-  bool (*call)(Random& random);  // true when it was answered
+  std::function<int(Random& random)> call;  // its status
+  unsigned failures = 0;
+  std::vector<double> seconds{};
 };
 
-constexpr Method kMethods[] = {
-    {"db_conn_insert", 240, add_server},
-    {"db_conn_server_log_query", 100, list<db_conn_server_log_query, list_conn_server_log>},
-    {"db_conn_server_log_del", 1, remove_one<delete_conn_server_log>},
-    {"db_conn_server_log_clean", 1, clean<clean_conn_server_log>},
-    {"db_conn_client_log_insert", 80, add_client},
-    {"db_conn_client_log_query", 60, list<db_conn_client_log_query, list_conn_client_log>},
-    {"db_conn_client_log_del", 1, remove_one<delete_conn_client_log>},
-    {"db_conn_client_log_clean", 1, clean<clean_conn_client_log>},
-    {"db_event_insert", 20, add_event},
-    {"db_event_query", 20, list<db_event_query, list_event_data>},
-    {"db_server_list_insert", 40, add_session},
-    {"db_server_list_query", 40, list<db_server_list_query, list_server_list>},
-    {"db_server_list_del", 1, remove_one<delete_server_list>},
-    {"db_server_list_clean", 1, clean<clean_server_list>},
-    {"db_device_info_insert", 60, add_device},
-    {"db_device_info_query", 40, list<db_device_info_query, list_device_info>},
-    {"db_device_info_del", 20, remove_one<delete_device_info>},
-    {"db_device_info_clean", 1, clean<clean_device_info>},
-    {"zorv_mobile_gen_zorv_uuid", 60, make_uuid},
-    {"db_privilege_user_block_insert", 60, fail_login},
-    {"db_privilege_user_block_query", 40,
-     list<db_privilege_user_block_query, list_privilege_user_block>},
-    {"db_privilege_user_block_del", 20, unblock},
-    {"db_privilege_user_block_clean", 1, clean<clean_privilege_user_block>},
-    {"db_privilege_user_block_check", 100, check},
-};
-static_assert(std::size(kMethods) == 24);
-
-struct Tally {
-  std::vector<uint32_t> microseconds;
-  unsigned long long failures = 0;
-};
-using Tallies = std::vector<Tally>;
-
-size_t any_method(Random& random) {
-  static const unsigned total = [] {
-    unsigned sum = 0;
-    for (const Method& method : kMethods) {
-      sum += method.weight;
-    }
-    return sum;
-  }();
-  unsigned ticket = any_of(random, total);
-  size_t index = 0;
-  while (ticket >= kMethods[index].weight) {
-    ticket -= kMethods[index++].weight;
+std::vector<Method> all_methods() {
+  std::vector<Method> methods{{"zorv_mobile_gen_zorv_uuid", 60, make_uuid},
+                              {"db_privilege_user_block_check", 100, check_block}};
+  for (const zorv::TableSchema* table : zorv::kTables) {
+    // Most of what is added are connections to the servers.
+    const unsigned inserts = table == &zorv::kServerLog ? 240 : 60;
+    const unsigned removals = table->delete_text == zorv::DeleteText::restored ? 20 : 1;
+    const Method of_table[] = {
+        {table->methods.insert, inserts, [=](Random& random) { return insert(*table, random); }},
+        {table->methods.query, 50, [=](Random& random) { return query(*table, random); }},
+        {table->methods.remove, removals, [=](Random& random) { return remove(*table, random); }},
+        {table->methods.clean, 1, [=](Random&) { return zorv_api::clean(*table); }}};
+    std::copy_if(std::begin(of_table), std::end(of_table), std::back_inserter(methods),
+                 [](const Method& method) { return method.name != nullptr; });
   }
-  return index;
+  return methods;
 }
 
-void run_client(unsigned seed, steady_clock::duration interval, steady_clock::time_point end,
-                Tallies& ret_tallies) {
+// A call in each interval until the run is over.
+void run_client(unsigned seed, Seconds interval, std::vector<Method>& ret_methods) {
+  static std::mutex counting;
   Random random(seed);
-  for (auto next = steady_clock::now(); next < end && !stopping;
-       next = std::max(next + interval, steady_clock::now())) {
-    std::this_thread::sleep_until(next);
-    const size_t index = any_method(random);
-    const auto start = steady_clock::now();
-    const bool answered = kMethods[index].call(random);
-    const auto spent = steady_clock::now() - start;
-    Tally& tally = ret_tallies[index];
-    tally.failures += answered ? 0 : 1;
-    tally.microseconds.push_back(static_cast<uint32_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(spent).count()));
+  std::vector<unsigned> weights;
+  for (const Method& method : ret_methods) {
+    weights.push_back(method.weight);
   }
-}
-
-unsigned long long resident_kilobytes(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmRSS:")) {
-      return strtoull(line.c_str() + strlen("VmRSS:"), nullptr, 10);
+  std::discrete_distribution<size_t> any_method(weights.begin(), weights.end());
+  while (!over) {
+    Method& method = ret_methods[any_method(random)];
+    int status = KX_SUCCESS;
+    const double seconds = bench::seconds_of([&] { status = method.call(random); });
+    {
+      const std::lock_guard lock(counting);
+      method.failures += status == KX_SUCCESS ? 0 : 1;
+      method.seconds.push_back(seconds);
     }
+    std::this_thread::sleep_for(interval - Seconds(seconds));
   }
-  return 0;
 }
 
-long descriptors(pid_t pid) {
-  std::error_code ignored;
-  const std::filesystem::directory_iterator open("/proc/" + std::to_string(pid) + "/fd", ignored);
-  return std::distance(begin(open), end(open));
-}
-
-void print_state(const char* when, pid_t pid) {
-  const auto rows = harness::sql("SELECT Count(*) FROM conn_server_log;");
-  printf("%-12s resident %7llu kB   descriptors %3ld   server log rows %s\n", when,
-         resident_kilobytes(pid), descriptors(pid), rows.empty() ? "?" : rows[0].c_str());
+void print_state(const std::string& when, pid_t pid) {
+  const std::filesystem::directory_iterator open(fmt::format("/proc/{}/fd", pid));
+  fmt::print("{:<12} resident {:7.0f} kB   descriptors {:3}   server log rows {}\n", when,
+             bench::resident_bytes(pid) / 1024, std::distance(begin(open), end(open)),
+             harness::sql("SELECT Count(*) FROM conn_server_log;").at(0));
   fflush(stdout);
 }
 
-uint32_t percentile(const std::vector<uint32_t>& sorted, unsigned percent) {
-  return sorted.empty() ? 0 : sorted[(sorted.size() - 1) * percent / 100];
-}
-
-void print_line(const char* name, Tally& tally) {
-  std::sort(tally.microseconds.begin(), tally.microseconds.end());
-  printf("%-32s %9zu %9llu %9u %9u %9u\n", name, tally.microseconds.size(), tally.failures,
-         percentile(tally.microseconds, 50), percentile(tally.microseconds, 99),
-         percentile(tally.microseconds, 100));
-}
-
-// All clients' figures, by method and in sum. True when nothing failed.
-bool print_figures(const std::vector<Tallies>& clients) {
-  printf("%-32s %9s %9s %9s %9s %9s\n", "method", "calls", "failures", "p50 us", "p99 us",
-         "max us");
-  Tally all;
-  for (size_t method = 0; method < std::size(kMethods); ++method) {
-    Tally sum;
-    for (const Tallies& tallies : clients) {
-      const Tally& part = tallies[method];
-      sum.microseconds.insert(sum.microseconds.end(), part.microseconds.begin(),
-                              part.microseconds.end());
-      sum.failures += part.failures;
-    }
-    all.microseconds.insert(all.microseconds.end(), sum.microseconds.begin(),
-                            sum.microseconds.end());
-    all.failures += sum.failures;
-    print_line(kMethods[method].name, sum);
+// True when nothing failed.
+bool print_figures(const std::vector<Method>& methods) {
+  fmt::print("{:<32} {:>9} {:>9} {:>9} {:>9} {:>9}\n", "method", "calls", "failures", "p50 us",
+             "p99 us", "max us");
+  unsigned failures = 0;
+  for (const Method& method : methods) {
+    const auto microseconds = [&method](double part) {
+      return method.seconds.empty() ? 0 : bench::quantile(method.seconds, part) * 1e6;
+    };
+    fmt::print("{:<32} {:>9} {:>9} {:>9.0f} {:>9.0f} {:>9.0f}\n", method.name,
+               method.seconds.size(), method.failures, microseconds(0.5), microseconds(0.99),
+               microseconds(1));
+    failures += method.failures;
   }
-  print_line("all", all);
-  return all.failures == 0;
+  return failures == 0;
 }
 
-struct Options {
-  double minutes = 1;
-  unsigned clients = 4;
-  unsigned rate = 400;
-};
-
-bool parse(int argc, char** argv, Options& ret_options) {
-  for (int i = 1; i + 1 < argc; i += 2) {
-    const std::string_view name = argv[i];
-    const double value = atof(argv[i + 1]);
-    if (name == "--minutes") {
-      ret_options.minutes = value;
-    } else if (name == "--clients") {
-      ret_options.clients = static_cast<unsigned>(value);
-    } else if (name == "--rate") {
-      ret_options.rate = static_cast<unsigned>(value);
-    } else {
-      return false;
-    }
-  }
-  return argc % 2 == 1 && ret_options.minutes > 0 && ret_options.clients > 0 &&
-         ret_options.rate > 0;
-}
-
-int soak(const Options& options) {
+int soak(double minutes, unsigned client_count, double rate) {
   harness::install_notify();
   harness::write_file("/etc/config/vpn_block.conf",
                       R"({"global": {"enable": true, "limit": 3, "time": 0.1}})");
-  harness::PlatformDaemon platform;
+  const harness::PlatformDaemon platform;
   harness::Daemon daemon;
-  const pid_t pid = daemon.process().pid();
   // A clean that follows a delete no longer empties the log, which so grows to its bound.
-  db_delete_cond none{0};
-  delete_conn_server_log(&none);
-  print_state("start", pid);
+  zorv_api::remove(zorv::kServerLog, 0);
+  print_state("start", daemon.process().pid());
 
-  const auto start = steady_clock::now();
-  const auto end = start + std::chrono::duration_cast<steady_clock::duration>(
-                               std::chrono::duration<double, std::ratio<60>>(options.minutes));
-  const auto interval = std::chrono::duration_cast<steady_clock::duration>(
-      std::chrono::duration<double>(static_cast<double>(options.clients) / options.rate));
-  std::vector<Tallies> tallies(options.clients, Tallies(std::size(kMethods)));
+  std::vector<Method> methods = all_methods();
   std::vector<std::thread> clients;
-  for (unsigned i = 0; i < options.clients; ++i) {
-    clients.emplace_back(run_client, i + 1, interval, end, std::ref(tallies[i]));
+  for (unsigned i = 0; i < client_count; ++i) {
+    clients.emplace_back(run_client, i + 1, Seconds(client_count / rate), std::ref(methods));
   }
-  int minute = 0;
-  for (auto next = start; next < end && !stopping;) {
-    next = std::min(next + std::chrono::seconds(5), end);
-    std::this_thread::sleep_until(next);
-    std::error_code ignored;
-    std::filesystem::remove(harness::test_root() + harness::kLogFile, ignored);
-    std::filesystem::remove(harness::test_root() + harness::kNotifications, ignored);
-    if (next - start >= std::chrono::minutes(minute + 1) && next < end) {
-      print_state(("minute " + std::to_string(++minute)).c_str(), pid);
+  for (int step = 1; step <= std::ceil(minutes * kStepsPerMinute) && !over; ++step) {
+    std::this_thread::sleep_for(Seconds(60.0 / kStepsPerMinute));
+    for (const char* file : {harness::kLogFile, harness::kNotifications}) {
+      std::filesystem::remove(harness::test_root() + file);
+    }
+    if (step % kStepsPerMinute == 0) {
+      print_state(fmt::format("minute {}", step / kStepsPerMinute), daemon.process().pid());
     }
   }
+  over = true;
   for (std::thread& client : clients) {
     client.join();
   }
-  print_state("end", pid);
-  const bool clean = print_figures(tallies);
+  print_state("end", daemon.process().pid());
+  const bool clean = print_figures(methods);
   const int status = daemon.stop();
-  printf("the daemon stopped with status %d\n", status);
+  fmt::print("the daemon stopped with status {}\n", status);
   return clean && status == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options options;
-  if (!parse(argc, argv, options)) {
-    fprintf(stderr, "usage: soak [--minutes N] [--clients N] [--rate CALLS_PER_SECOND]\n");
-    return 2;
-  }
+  double minutes = 1;
+  unsigned clients = 4;
+  double rate = 400;
+  CLI::App app("The whole system in use for a long time.");
+  app.add_option("--minutes", minutes)->check(CLI::PositiveNumber);
+  app.add_option("--clients", clients)->check(CLI::PositiveNumber);
+  app.add_option("--rate", rate, "Calls per second")->check(CLI::PositiveNumber);
+  CLI11_PARSE(app, argc, argv);
   for (const int number : {SIGINT, SIGTERM}) {
-    signal(number, [](int) { stopping = true; });
+    signal(number, [](int) { over = true; });
   }
-  harness::make_test_root();
-  int status = EXIT_FAILURE;
+  const harness::TestRoot root;
   try {
-    status = soak(options);
+    return soak(minutes, clients, rate);
   } catch (const std::exception& failure) {
-    fprintf(stderr, "soak: %s\n", failure.what());
+    fmt::print(stderr, "soak: {}\n", failure.what());
+    return EXIT_FAILURE;
   }
-  harness::remove_test_root();
-  return status;
 }
