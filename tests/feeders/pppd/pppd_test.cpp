@@ -3,21 +3,18 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <optional>
 
 #include "harness/bus_peer.h"
 #include "harness/daemon.h"
-#include "harness/test_root.h"
-#include "pppd_host.h"
+#include "pppd_standin.h"
 
 namespace {
 
 using namespace harness;
-using namespace pppd_host;
+using namespace standin;
 using Lines = std::vector<std::string>;
 
 // As "ACTION|TYPE|USER|CALLER|ADDRESS|INTERFACE|UPTIME|TX|RX".
@@ -33,7 +30,7 @@ std::string failed_row(const std::string& user) {
 Lines failures() {
   return sql("SELECT username, limit_count FROM privilege_user_block ORDER BY id");
 }
-void count_failures(const std::string& user, int count) {
+void set_failures(const std::string& user, int count) {
   sql("INSERT INTO privilege_user_block (username, limit_count, timestamp) VALUES ('" + user +
       "', " + std::to_string(count) + ", strftime('%s', 'now'))");
 }
@@ -45,17 +42,16 @@ class Pppd : public ::testing::Test {
                R"({"global": {"enable": true, "limit": 3, "time": 4.5}})");
     platform.emplace();
     daemon.emplace();
-    ASSERT_TRUE(load(ZORV_PPP_PLUGIN, {"zorv-deadline 1"}))
-        << testing::PrintToString(pppd_host::log());
+    put(remote_number, "192.0.2.9");
+    ASSERT_TRUE(load(ZORV_PPP_PLUGIN, {"zorv-deadline 60"})) << new_log_lines().back();
   }
   std::optional<PlatformDaemon> platform;
   std::optional<Daemon> daemon;
-  const Caller stranger{.remote_number = "192.0.2.9"};
 };
 
-// What real servers told of a session: variables of its ip-down script.
-std::map<std::string, std::string> sample(const std::string& name) {
-  std::ifstream file(ZORV_SOURCE "/tests/data/pppd/" + name + "-ip-down.env");
+// What a real server told the script at a session's end.
+std::map<std::string, std::string> sample(const std::string& server) {
+  std::ifstream file(ZORV_SOURCE "/tests/data/pppd/" + server + "-ip-down.env");
   std::map<std::string, std::string> values;
   for (std::string line; std::getline(file, line);) {
     values[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
@@ -66,50 +62,51 @@ std::map<std::string, std::string> sample(const std::string& name) {
 TEST_F(Pppd, KeepsSessionsAsServersTellThem) {
   const struct {
     const char* server;
-    Caller caller;
-    const char* type;
-    const char* source;
+    const char* starter;
+    const char* remote_number;
+    std::string ipparam;
+    const char* kernel_l2tp;
+    const char* kept;  // type and caller
   } cases[] = {
-      {"pptpd", {.ipparam = "10.9.0.2"}, "1", "10.9.0.2"},
-      {"pptpd", {.remote_number = "2001:db8::7", .ipparam = "10.9.0.2"}, "1", "2001:db8::7"},
-      {"pptpd", {.remote_number = "030 1234", .ipparam = "10.9.0.2"}, "1", "10.9.0.2"},
-      {"pptpd", {.remote_number = "030 1234", .ipparam = "office"}, "1", "030 1234"},
-      {"pptpd", {.ipparam = "office"}, "1", ""},
-      {"xl2tpd", {.starter = "xl2tpd"}, "2", ""},
-      {"xl2tpd",
-       {.starter = "xl2tpd", .ipparam = "10.9.0.3", .kernel_l2tp = "10.9.0.2"},
-       "2",
-       "10.9.0.2"},
-      {"pppd", {.starter = "openl2tpd", .kernel_l2tp = "10.9.0.2"}, "2", "10.9.0.2"},
+      {"pptpd", "pptpctrl", "", "10.9.0.2", "", "|1|lea|10.9.0.2|"},
+      {"pptpd", "pptpctrl", "2001:db8::7", "10.9.0.2", "", "|1|lea|2001:db8::7|"},
+      {"pptpd", "pptpctrl", "030 1234", "10.9.0.2", "", "|1|lea|10.9.0.2|"},
+      {"pptpd", "pptpctrl", "030 1234", "office", "", "|1|lea|030 1234|"},
+      {"pptpd", "pptpctrl", "", "office", "", "|1|lea||"},
+      {"xl2tpd", "xl2tpd", "", "", "", "|2|lea||"},
+      {"xl2tpd", "xl2tpd", "10.9.0.4", "10.9.0.3", "10.9.0.2", "|2|lea|10.9.0.2|"},
+      {"pppd", "openl2tpd", "", "", "10.9.0.2", "|2|lea|10.9.0.2|"},
   };
   // Named by the common options, too.
   ASSERT_TRUE(load(ZORV_PPP_PLUGIN));
   Lines wanted;
-  for (const auto& each : cases) {
+  for (auto each : cases) {
+    starter = each.starter;
+    put(remote_number, each.remote_number);
+    ipparam = each.ipparam.empty() ? nullptr : each.ipparam.data();
+    kernel_l2tp = each.kernel_l2tp;
+    begin();
     auto told = sample(each.server);
-    ASSERT_EQ(told["PEERNAME"], "lea");
-    begin(each.caller);
-    ASSERT_TRUE(give_name(Method::mschap2, told["PEERNAME"]));
+    ASSERT_TRUE(give_name(kMschap2, told["PEERNAME"]));
     up(told["IFNAME"], told["IPLOCAL"], told["IPREMOTE"], {48, 52});
-    const unsigned long long sent = std::stoull(told["BYTES_SENT"]);
-    const unsigned long long received = (1ULL << 32) + std::stoull(told["BYTES_RCVD"]);
+    const auto sent = std::stoull(told["BYTES_SENT"]);
+    const auto received = (1ULL << 32) + std::stoull(told["BYTES_RCVD"]);
     down(static_cast<unsigned>(std::stoul(told["CONNECT_TIME"])), {received + 48, sent + 52});
-    const std::string session = std::string("|") + each.type + "|lea|" + each.source + "|" +
-                                told["IPREMOTE"] + "|" + told["IFNAME"] + "|";
+    const std::string session = each.kept + told["IPREMOTE"] + "|" + told["IFNAME"] + "|";
     wanted.push_back("2" + session + "0|0|0");
     wanted.push_back("3" + session + told["CONNECT_TIME"] + "|" + std::to_string(sent) + "|" +
                      std::to_string(received));
   }
   EXPECT_EQ(rows(), wanted);
 
-  begin(stranger);
-  prove_by_eap("eve");
+  begin();
+  let_in("eve", EAP_PEER);
   up("ppp1", "10.0.0.1", "10.0.0.2", {1000, 1000});
   std::filesystem::remove_all(test_root() + "/sys");
   down(3, {700, 80});
   down(3, {700, 80});
   EXPECT_EQ(rows().size(), wanted.size() + 2);
-  EXPECT_EQ(rows().back(), "3|1|eve|192.0.2.9|10.0.0.2|ppp1|3|80|700") << "counters of pppd's own";
+  EXPECT_EQ(rows().back(), "3|2|eve|10.9.0.2|10.0.0.2|ppp1|3|80|700") << "counters of pppd's own";
 }
 
 struct Login {
@@ -122,21 +119,20 @@ struct Login {
 };
 
 // Goes through the logins and compares what is kept of them all.
-void try_logins(const std::vector<Login>& logins, const Caller& caller) {
+void try_logins(const std::vector<Login>& logins) {
   Lines wanted_rows;
   Lines wanted_failures;
   for (const Login& login : logins) {
     if (login.failures_before != 0) {
-      count_failures(login.name, login.failures_before);
+      set_failures(login.name, login.failures_before);
     }
-    begin(caller);
+    begin();
     EXPECT_EQ(give_name(login.method, login.name, login.password), login.is_let_in) << login.name;
     if (!login.is_let_in) {
       wanted_rows.push_back(failed_row(login.name));
     }
     if (login.failures_after != 0) {
-      wanted_failures.push_back(std::string(login.name) + "|" +
-                                std::to_string(login.failures_after));
+      wanted_failures.push_back(login.name + ("|" + std::to_string(login.failures_after)));
     }
   }
   EXPECT_EQ(rows(), wanted_rows);
@@ -144,141 +140,141 @@ void try_logins(const std::vector<Login>& logins, const Caller& caller) {
 }
 
 TEST_F(Pppd, LooksAtPasswordsAsPppdDoes) {
-  try_logins({{Method::chap_md5, "amy", "right", 0, true, 0},
-              {Method::chap_md5, "ben", "wrong", 0, false, 1},
-              {Method::mschap, "nobody", "right", 0, false, 1},
-              {Method::mschap2, "cal", "wrong", 1, false, 2},
-              {Method::mschap2, "dan", "right", 2, true, 0},
-              {Method::mschap2, "eve", "right", 3, false, 3},
-              {Method::pap, "fay", "right", 2, true, 0},
-              {Method::pap, "gil", "wrong", 2, false, 3},
-              {Method::pap, "hal", "right", 4, false, 4},
-              {Method::mschap2, "", "wrong", 0, false, 0}},
-             stranger);
+  try_logins({{kMd5, "amy", "right", 0, true, 0},
+              {kMd5, "ben", "wrong", 0, false, 1},
+              {kMschap, "nobody", "right", 0, false, 1},
+              {kMschap2, "cal", "wrong", 1, false, 2},
+              {kMschap2, "dan", "right", 2, true, 0},
+              {kMschap2, "eve", "right", 3, false, 3},
+              {kPap, "fay", "right", 2, true, 0},
+              {kPap, "gil", "wrong", 2, false, 3},
+              {kPap, "hal", "right", 4, false, 4},
+              {kMschap2, "", "wrong", 0, false, 0}});
+}
+
+int other_verdict;
+int other_calls;
+int other_chap(char*, char*, int, chap_digest_type*, unsigned char*, unsigned char*, char*, int) {
+  ++other_calls;
+  return other_verdict;
+}
+int other_pap(char*, char*, char**, wordlist**, wordlist**) {
+  ++other_calls;
+  return other_verdict;
 }
 
 TEST_F(Pppd, AsksAnotherPluginWhoIsNotBlocked) {
-  load_other_plugin();
+  chap_verify_hook = other_chap;  // by a plugin that was loaded later
+  pap_auth_hook = other_pap;
   other_verdict = 1;
-  try_logins(
-      {{Method::mschap2, "amy", "wrong", 2, true, 0}, {Method::pap, "ben", "wrong", 0, true, 0}},
-      stranger);
+  try_logins({{kMschap2, "amy", "wrong", 2, true, 0}, {kPap, "ben", "wrong", 0, true, 0}});
   EXPECT_EQ(other_calls, 2);
-  try_logins(
-      {{Method::mschap2, "cal", "right", 3, false, 3}, {Method::pap, "dan", "right", 3, false, 3}},
-      stranger);
+  try_logins({{kMschap2, "cal", "right", 3, false, 3}, {kPap, "dan", "right", 3, false, 3}});
   EXPECT_EQ(other_calls, 2) << "the blocked are refused before their password is looked at";
   other_verdict = 0;
-  begin(stranger);
-  EXPECT_FALSE(give_name(Method::mschap2, "eve"));
-  begin(stranger);
-  EXPECT_FALSE(give_name(Method::pap, "fay"));
+  for (const Method method : {kMschap2, kPap}) {
+    begin();
+    EXPECT_FALSE(give_name(method, "eve"));
+  }
   other_verdict = -1;
-  begin(stranger);
-  EXPECT_TRUE(give_name(Method::pap, "gil")) << "left to pppd";
-  EXPECT_EQ(failures(), (Lines{"cal|3", "dan|3", "eve|1", "fay|1"}));
+  begin();
+  EXPECT_TRUE(give_name(kPap, "gil")) << "left to pppd";
+  EXPECT_EQ(failures(), (Lines{"cal|3", "dan|3", "eve|2"}));
 }
 
 TEST_F(Pppd, CountsWhomPppdGivesUp) {
-  begin(stranger);
-  lose_answer();
+  begin();
+  give_up();  // on a caller who has said nothing
   after_right_password = After::hung_up;
-  begin(stranger);
-  EXPECT_FALSE(give_name(Method::mschap2, "amy"));
-  begin(stranger);
-  lose_answer();
+  begin();
+  EXPECT_FALSE(give_name(kMschap2, "amy"));
+  begin();
+  give_up();
   after_right_password = After::number_refused;
-  try_logins({{Method::mschap2, "ben", "right", 1, false, 2}}, stranger);
+  try_logins({{kMschap2, "ben", "right", 1, false, 2}});
 }
 
 TEST_F(Pppd, TellsTheBlockedHowLong) {
-  count_failures("eve", 3);
-  const struct {
-    Method method;
-    const char* text;
-  } cases[] = {{Method::chap_md5, "Blocked, try again in 5 minutes"},
-               {Method::pap, "Blocked, try again in 5 minutes"},
-               {Method::mschap2, "E=691 R=0 C=0AFF00 V=0 M=Blocked, try again in 5 minutes"}};
-  for (const auto& each : cases) {
-    begin(stranger);
-    EXPECT_FALSE(give_name(each.method, "eve"));
-    EXPECT_EQ(answer(), each.text);
-    EXPECT_EQ(pppd_host::log(),
+  set_failures("eve", 3);
+  const std::string text = "Blocked, try again in 5 minutes";
+  const std::pair<Method, std::string> cases[] = {
+      {kMd5, text}, {kPap, text}, {kMschap2, "E=691 R=0 C=0AFF00 V=0 M=" + text}};
+  for (const auto& [method, wanted] : cases) {
+    begin();
+    EXPECT_FALSE(give_name(method, "eve"));
+    EXPECT_EQ(answer, wanted);
+    EXPECT_EQ(new_log_lines(),
               Lines{"zorv: \"eve\" is refused: blocked after too many failed logins"});
   }
-  // Nor is it a way in to ask the server for its own proof first.
-  begin(stranger);
-  prove_ourselves("server");
-  EXPECT_FALSE(give_name(Method::mschap2, "eve"));
+  begin();
+  auth_done[0] = CHAP_WITHPEER;
+  EXPECT_FALSE(give_name(kMschap2, "eve")) << "who had the server prove itself first";
 }
 
 TEST_F(Pppd, JudgesRechallengesApart) {
-  begin(stranger);
-  ASSERT_TRUE(give_name(Method::mschap2, "amy"));
-  up("ppp0", "10.0.0.1", "10.0.0.2", {0, 0});
-  count_failures("amy", 3);
-  EXPECT_TRUE(give_name(Method::mschap2, "amy")) << "a block ends no session";
-  EXPECT_TRUE(give_name(Method::mschap2, "ben")) << "a session keeps its user";
-  lose_answer();
+  begin();
+  ASSERT_TRUE(give_name(kMschap2, "amy"));
+  up("ppp0", "10.0.0.1", "10.0.0.2");
+  set_failures("amy", 3);
+  EXPECT_TRUE(give_name(kMschap2, "amy")) << "a block ends no session";
+  EXPECT_TRUE(give_name(kMschap2, "ben")) << "a session keeps its user";
+  give_up();
   EXPECT_EQ(failures(), Lines{"amy|3"}) << "silence is no wrong password";
-  EXPECT_FALSE(give_name(Method::mschap2, "amy", "wrong"));
+  EXPECT_FALSE(give_name(kMschap2, "amy", "wrong"));
   down(5, {10, 20});
   EXPECT_EQ(rows(), (Lines{"2|1|amy|192.0.2.9|10.0.0.2|ppp0|0|0|0", failed_row("amy"),
                            "3|1|amy|192.0.2.9|10.0.0.2|ppp0|5|20|10"}));
   EXPECT_EQ(failures(), Lines{"amy|4"});
 
-  begin(stranger);
-  ASSERT_TRUE(give_name(Method::mschap2, "ben"));
-  EXPECT_FALSE(give_name(Method::mschap2, "amy")) << "a session is no way round another's block";
+  begin();
+  ASSERT_TRUE(give_name(kMschap2, "ben"));
+  EXPECT_FALSE(give_name(kMschap2, "amy")) << "a session is no way round another's block";
 }
 
 TEST_F(Pppd, KnowsOneNameHoweverStrange) {
   const std::string longest(256, 'x');
-  const struct {
-    std::string given;
-    std::string kept;
-  } names[] = {{"o'neil\"; --", "o'neil\"; --"},
-               {"%s%n%llu%q", "%s%n%llu%q"},
-               {"a\x1b[2Jb\n\x7f", "a^[[2Jb^J^?"},
-               {"zo\xc3\xab", "zoM-CM-+"},
-               {longest, longest}};
+  const std::pair<std::string, std::string> names[] = {{"o'neil\"; --", "o'neil\"; --"},
+                                                       {"%s%n%llu%q", "%s%n%llu%q"},
+                                                       {"a\x1b[2Jb\n\x7f", "a^[[2Jb^J^?"},
+                                                       {"zo\xc3\xab", "zoM-CM-+"},
+                                                       {longest + "yz", longest}};
   Lines wanted;
-  for (const auto& name : names) {
+  for (const auto& [given, kept] : names) {
     for (int i = 0; i < 4; ++i) {
-      begin(stranger);
-      EXPECT_FALSE(give_name(i % 2 == 0 ? Method::mschap2 : Method::pap, name.given,
-                             i < 3 ? "wrong" : "right"));
-      wanted.push_back(failed_row(name.kept));
+      begin();
+      EXPECT_FALSE(give_name(i % 2 == 0 ? kMschap2 : kPap, given, i < 3 ? "wrong" : "right"));
+      wanted.push_back(failed_row(kept));
     }
-    EXPECT_EQ(failures(), Lines{name.kept + "|3"});
+    EXPECT_EQ(failures(), Lines{kept + "|3"});
     sql("UPDATE privilege_user_block SET limit_count = 2");
-    begin(stranger);
-    EXPECT_TRUE(give_name(Method::pap, name.given));
+    begin();
+    EXPECT_TRUE(give_name(kPap, given));
     EXPECT_EQ(failures(), Lines{});
   }
   EXPECT_EQ(rows(), wanted);
 }
 
 TEST_F(Pppd, KeepsTheSideThatDials) {
-  begin({.starter = "xl2tpd"});
-  prove_ourselves("nas");
-  up("ppp0", "10.0.0.2", "10.0.0.1", {5, 6});
-  down(7, {15, 26});
-  begin({});  // nobody proves anything
-  up("ppp0", "10.0.0.2", "10.0.0.1", {0, 0});
-  down(7, {1, 1});
-  begin({});
+  put(user, "nas");
+  starter = "xl2tpd";
+  for (const int proof : {int{CHAP_WITHPEER}, 0}) {  // and where nobody proves anything
+    begin();
+    auth_done[0] = proof;
+    up("ppp0", "10.0.0.2", "10.0.0.1", {5, 6});
+    down(7, {15, 26});
+  }
   EXPECT_EQ(rows(), Lines{});
-  prove_ourselves("nas");
-  ASSERT_TRUE(give_name(Method::mschap2, "amy"));
-  up("ppp0", "10.0.0.2", "10.0.0.1", {0, 0});
-  EXPECT_EQ(rows(), Lines{"2|1|amy||10.0.0.1|ppp0|0|0|0"}) << "who asks for a name is a server";
+  begin();
+  auth_done[0] = CHAP_WITHPEER;
+  ASSERT_TRUE(give_name(kMschap2, "amy"));
+  up("ppp0", "10.0.0.2", "10.0.0.1");
+  EXPECT_EQ(rows(), Lines{"2|2|amy|192.0.2.9|10.0.0.1|ppp0|0|0|0"}) << "who asks is a server";
   EXPECT_EQ(sql("SELECT action, vpn_type, username, vpn_ip, uptime, tx_total, rx_total "
                 "FROM conn_client_log ORDER BY id"),
             (Lines{"2|512|nas|10.0.0.2|0|0|0", "3|512|nas|10.0.0.2|7|20|10"}));
 }
 
-// How many callers wait at a service that takes none.
+// How many callers wait at a service that answers none.
 int waiting_callers(const RawSocket& service) {
   int count = 0;
   for (pollfd ready{service.get(), POLLIN, 0}; poll(&ready, 1, 0) == 1; ++count) {
@@ -288,32 +284,32 @@ int waiting_callers(const RawSocket& service) {
 }
 
 TEST_F(Pppd, RefusesNobodyForADaemonThatIsAwayOrMute) {
-  count_failures("amy", 3);
+  const std::string unasked =
+      "zorv: the login of \"amy\" goes on without asking whether it is blocked: the daemon ";
+  ASSERT_TRUE(take_option("zorv-deadline 1"));
+  set_failures("amy", 3);
   daemon.reset();
-  begin(stranger);
-  EXPECT_TRUE(give_name(Method::mschap2, "amy"));
-  EXPECT_EQ(pppd_host::log(),
-            Lines{"zorv: the login of \"amy\" goes on without asking whether it is "
-                  "blocked: the daemon does not run"});
+  begin();
+  EXPECT_TRUE(give_name(kMschap2, "amy"));
+  EXPECT_EQ(new_log_lines(), Lines{unasked + "does not run"});
   {
     const RawSocket mute = RawSocket::listening("@/var/run/zorvd.sock");
-    begin(stranger);
-    EXPECT_TRUE(give_name(Method::mschap2, "amy"));
-    up("ppp0", "10.0.0.1", "10.0.0.2", {0, 0});
+    begin();
+    EXPECT_TRUE(give_name(kMschap2, "amy"));
+    up("ppp0", "10.0.0.1", "10.0.0.2");
     EXPECT_EQ(waiting_callers(mute), 1) << "a login waits once";
-    EXPECT_EQ(
-        pppd_host::log(),
-        (Lines{"zorv: the login of \"amy\" goes on without asking whether it is blocked: the "
-               "daemon did not answer in time",
-               "zorv: the login of \"amy\" is not recorded: the daemon did not answer in time"}));
-    EXPECT_FALSE(give_name(Method::mschap2, "amy", "wrong"));
+    EXPECT_EQ(new_log_lines(),
+              (Lines{unasked + "did not answer in time",
+                     "zorv: the login of \"amy\" is not recorded: the daemon did not answer in "
+                     "time"}));
+    EXPECT_FALSE(give_name(kMschap2, "amy", "wrong"));
     down(5, {10, 20});
     EXPECT_EQ(waiting_callers(mute), 1) << "its end waits once more";
-    EXPECT_EQ(pppd_host::log().size(), 3U) << "neither counted nor recorded, and no logout";
+    EXPECT_EQ(new_log_lines().size(), 3U) << "not counted, not recorded, no logout";
   }
-  begin(stranger);
-  EXPECT_TRUE(give_name(Method::mschap2, "amy"));
-  up("ppp0", "10.0.0.1", "10.0.0.2", {0, 0});
+  begin();
+  EXPECT_TRUE(give_name(kMschap2, "amy"));
+  up("ppp0", "10.0.0.1", "10.0.0.2");
   daemon.emplace();
   down(5, {10, 20});
   EXPECT_EQ(rows(), Lines{"3|1|amy|192.0.2.9|10.0.0.2|ppp0|5|20|10"});
@@ -321,27 +317,25 @@ TEST_F(Pppd, RefusesNobodyForADaemonThatIsAwayOrMute) {
 }
 
 TEST_F(Pppd, LetsPppdAskForWhatCanBeJudged) {
-  for (const bool pap : {false, true}) {
-    allow_proofs(true, !pap, pap);
-    begin(stranger);
-    EXPECT_FALSE(allows_eap()) << pap;
+  lcp_options& wanted = lcp_wantoptions[0];
+  for (auto* other : {&wanted.neg_chap, &wanted.neg_upap, &wanted.neg_eap}) {
+    wanted = {};
+    wanted.neg_eap = *other = 1;
+    begin();
+    EXPECT_EQ(wanted.neg_eap != 0, other == &wanted.neg_eap);
   }
-  EXPECT_EQ(pppd_host::log(), Lines{});
-  allow_proofs(true, false, false);
-  begin(stranger);
-  EXPECT_TRUE(allows_eap());
-  EXPECT_EQ(pppd_host::log(),
+  EXPECT_EQ(new_log_lines(),
             Lines{"zorv: with EAP only, no block holds and no failed login is seen"});
 }
 
 TEST_F(Pppd, TakesItsOptions) {
   for (const char* wrong :
        {"zorv-type openvpn", "zorv-type x", "zorv-deadline 0", "zorv-deadline 61"}) {
-    EXPECT_FALSE(load(ZORV_PPP_PLUGIN, {wrong})) << wrong;
+    EXPECT_FALSE(take_option(wrong)) << wrong;
   }
-  ASSERT_TRUE(load(ZORV_PPP_PLUGIN, {"zorv-deadline 1", "zorv-type l2tp"}));
-  begin(stranger);
-  EXPECT_FALSE(give_name(Method::mschap2, "amy", "wrong"));
+  ASSERT_TRUE(take_option("zorv-deadline 60") && take_option("zorv-type l2tp"));
+  begin();
+  EXPECT_FALSE(give_name(kMschap2, "amy", "wrong"));
   EXPECT_EQ(rows(), Lines{"1|2|amy|192.0.2.9|||0|0|0"});
 }
 
