@@ -58,7 +58,7 @@ void reopen(int stream, int flags) {
 [[noreturn]] void run_intermediate(const char* file, const char* const* arguments,
                                    const sigset_t& mask) {
   close_from(kFirstClosed);
-  const pid_t program = kVforkNests ? vfork() : fork();
+  const pid_t program = kVforkNests ? vfork() : fork();  // NOLINT(clang-analyzer-unix.Vfork)
   if (program == 0) {
     run_program(file, arguments, mask);  // NOLINT(clang-analyzer-unix.Vfork)
   }
