@@ -2,10 +2,9 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <iomanip>
 #include <iterator>
-#include <sstream>
 
 #include "descriptor.h"
 #include "rooted.h"
@@ -14,8 +13,18 @@ namespace nas {
 namespace {
 
 // The index is stored in users' settings: add at the end, never reorder.
-constexpr const char* kDateFormats[] = {"%Y-%m-%d", "%Y/%m/%d", "%Y.%m.%d", "%d-%m-%Y", "%d/%m/%Y",
-                                        "%d.%m.%Y", "%m-%d-%Y", "%m/%d/%Y", "%m.%d.%Y"};
+using WriteDate = size_t (*)(char* text, size_t size, const tm* day);
+constexpr WriteDate kDateFormats[] = {
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%Y-%m-%d", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%Y/%m/%d", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%Y.%m.%d", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%d-%m-%Y", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%d/%m/%Y", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%d.%m.%Y", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%m-%d-%Y", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%m/%d/%Y", day); },
+    [](char* text, size_t size, const tm* day) { return strftime(text, size, "%m.%d.%Y", day); },
+};
 
 // A longer file is not a regional-settings file.
 constexpr size_t kLargestFile = 4096;
@@ -47,26 +56,33 @@ Setting read_setting(const std::string& line) {
 }  // namespace
 
 std::string date_and_time(time_t when) {
-  std::string format = kDateFormats[0];
+  WriteDate write_date = kDateFormats[0];
   bool twelve_hours = false;
-  std::istringstream settings(read_settings());
-  for (std::string line; std::getline(settings, line);) {
-    const Setting setting = read_setting(line);
+  const std::string settings = read_settings();
+  size_t end = 0;
+  for (size_t line = 0; line < settings.size(); line = end + 1) {
+    end = std::min(settings.find('\n', line), settings.size());
+    const Setting setting = read_setting(settings.substr(line, end - line));
     if (setting.key == "date_format") {
       const bool known = setting.value >= 0 && setting.value < std::ssize(kDateFormats);
-      format = kDateFormats[known ? setting.value : 0];
+      write_date = kDateFormats[known ? setting.value : 0];
     } else if (setting.key == "time_format") {
       twelve_hours = setting.value == 12;
     }
   }
-  format += twelve_hours ? " %I:%M:%S %p" : " %H:%M:%S";
   tm local{};
-  std::ostringstream text;
   if (localtime_r(&when, &local) == nullptr) {
     return " ";
   }
-  text << std::put_time(&local, format.c_str());
-  return text.str();
+  char date[32] = "";  // a year has at most ten digits
+  char time_of_day[32] = "";
+  write_date(date, sizeof date, &local);
+  if (twelve_hours) {
+    strftime(time_of_day, sizeof time_of_day, "%I:%M:%S %p", &local);
+  } else {
+    strftime(time_of_day, sizeof time_of_day, "%H:%M:%S", &local);
+  }
+  return std::string(date) + " " + time_of_day;
 }
 
 }  // namespace nas
