@@ -88,10 +88,6 @@ TEST_F(NotifySend, ToolIsDetachedAndInheritsNothing) {
 }
 
 TEST_F(NotifySend, MissingToolIgnoredChildrenAndLittleStackAreNoTrouble) {
-  unlink(tool_.c_str());
-  notify_send(nc_msg("C001", "0021"), "alice", nullptr);
-  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-  SetUp();
   signal(SIGCHLD, SIG_IGN);
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
@@ -104,6 +100,10 @@ TEST_F(NotifySend, MissingToolIgnoredChildrenAndLittleStackAreNoTrouble) {
   ASSERT_EQ(pthread_create(&thread, &attributes, send, nullptr), 0);
   pthread_join(thread, nullptr);
   EXPECT_NE(what_the_tool_saw().find("<bob>"), std::string::npos);
+  signal(SIGCHLD, SIG_DFL);
+  unlink(tool_.c_str());
+  notify_send(nc_msg("C001", "0021"), "alice", nullptr);
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
 }  // namespace
