@@ -43,18 +43,6 @@ constexpr const char* kStatusTexts[] = {
 };
 static_assert(std::size(kStatusTexts) == ZORV_NO_MEMORY + 1);
 
-struct Kind {
-  int server;
-  int client;
-  const char* word;
-};
-constexpr Kind kKinds[] = {
-    {zorv::PPTP_SERVER_TYPE, zorv::PPTP_CLIENT_TYPE, "pptp"},
-    {zorv::L2TP_SERVER_TYPE, zorv::L2TP_CLIENT_TYPE, "l2tp"},
-    {zorv::OVPN_SERVER_TYPE, zorv::OVPN_CLIENT_TYPE, "openvpn"},
-    {zorv::FENLO_SERVER_TYPE, zorv::FENLO_CLIENT_TYPE, "fenlo"},
-    {zorv::WIREGUARD_SERVER_TYPE, zorv::WIREGUARD_CLIENT_TYPE, "wireguard"},
-};
 static_assert(int{ZORV_PPTP_SERVER} == zorv::PPTP_SERVER_TYPE &&
               int{ZORV_L2TP_SERVER} == zorv::L2TP_SERVER_TYPE &&
               int{ZORV_OPENVPN_SERVER} == zorv::OVPN_SERVER_TYPE &&
@@ -66,9 +54,12 @@ static_assert(int{ZORV_PPTP_SERVER} == zorv::PPTP_SERVER_TYPE &&
               int{ZORV_FENLO_CLIENT} == zorv::FENLO_CLIENT_TYPE &&
               int{ZORV_WIREGUARD_CLIENT} == zorv::WIREGUARD_CLIENT_TYPE);
 
-bool is_kind(int Kind::*side, int type) {
-  return std::any_of(std::begin(kKinds), std::end(kKinds),
-                     [=](const Kind& kind) { return kind.*side == type; });
+using zorv::kVpnKinds;
+using zorv::VpnKind;
+
+bool is_kind(zorv::TYPE VpnKind::*side, int type) {
+  return std::any_of(std::begin(kVpnKinds), std::end(kVpnKinds),
+                     [=](const VpnKind& kind) { return kind.*side == type; });
 }
 
 // Its lines would go to standard error.
@@ -144,7 +135,7 @@ int insert(const zorv::TableSchema& table, const void* record, const CallDeadlin
 int record_server(const LogSite& site, const zorv_server_record* record, const zorv_call* call,
                   int action) {
   zorv_server_record given;
-  if (!take(record, given) || !is_kind(&Kind::server, given.vpn_type)) {
+  if (!take(record, given) || !is_kind(&VpnKind::server, given.vpn_type)) {
     return ZORV_INVALID;
   }
   return perform(site, call, given.username, [&](const CallDeadline& deadline) {
@@ -160,7 +151,7 @@ int record_server(const LogSite& site, const zorv_server_record* record, const z
 int record_client(const LogSite& site, const zorv_client_record* record, const zorv_call* call,
                   int action) {
   zorv_client_record given;
-  if (!take(record, given) || !is_kind(&Kind::client, given.vpn_type)) {
+  if (!take(record, given) || !is_kind(&VpnKind::client, given.vpn_type)) {
     return ZORV_INVALID;
   }
   return perform(site, call, given.username, [&](const CallDeadline& deadline) {
@@ -193,8 +184,8 @@ const char* zorv_status_text(int status) {
 }
 
 int zorv_server_type(const char* word) {
-  for (const Kind& kind : kKinds) {
-    if (word != nullptr && strcasecmp(kind.word, word) == 0) {
+  for (const VpnKind& kind : kVpnKinds) {
+    if (word != nullptr && strcasecmp(kind.name, word) == 0) {
       return kind.server;
     }
   }
@@ -202,7 +193,7 @@ int zorv_server_type(const char* word) {
 }
 
 int zorv_client_type(int server_type) {
-  for (const Kind& kind : kKinds) {
+  for (const VpnKind& kind : kVpnKinds) {
     if (kind.server == server_type) {
       return kind.client;
     }

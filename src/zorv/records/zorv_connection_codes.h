@@ -36,6 +36,7 @@ enum Action : int32_t {
 struct VpnKind {
   TYPE server;
   TYPE client;
+  const char* name;  // as it is typed
   const char* word;
   const char* client_tag;  // "OPENVPN_CLIENT", which the client's number follows
   int first_number;        // up to the next kind's; the ranges are of unequal length
@@ -43,11 +44,12 @@ struct VpnKind {
 };
 
 inline constexpr VpnKind kVpnKinds[] = {
-    {PPTP_SERVER_TYPE, PPTP_CLIENT_TYPE, "PPTP", "PPTP_CLIENT", 1000, true},
-    {L2TP_SERVER_TYPE, L2TP_CLIENT_TYPE, "L2TP/IPSec", "L2TP_CLIENT", 1250, true},
-    {OVPN_SERVER_TYPE, OVPN_CLIENT_TYPE, "OpenVPN", "OPENVPN_CLIENT", 2000, true},
-    {FENLO_SERVER_TYPE, FENLO_CLIENT_TYPE, "Fenlo", "FENLO_CLIENT", 2500, true},
-    {WIREGUARD_SERVER_TYPE, WIREGUARD_CLIENT_TYPE, "WireGuard", "WG_CLIENT", 3000, false},
+    {PPTP_SERVER_TYPE, PPTP_CLIENT_TYPE, "pptp", "PPTP", "PPTP_CLIENT", 1000, true},
+    {L2TP_SERVER_TYPE, L2TP_CLIENT_TYPE, "l2tp", "L2TP/IPSec", "L2TP_CLIENT", 1250, true},
+    {OVPN_SERVER_TYPE, OVPN_CLIENT_TYPE, "openvpn", "OpenVPN", "OPENVPN_CLIENT", 2000, true},
+    {FENLO_SERVER_TYPE, FENLO_CLIENT_TYPE, "fenlo", "Fenlo", "FENLO_CLIENT", 2500, true},
+    {WIREGUARD_SERVER_TYPE, WIREGUARD_CLIENT_TYPE, "wireguard", "WireGuard", "WG_CLIENT", 3000,
+     false},
 };
 
 // The kind whose clients bear `code`, or null.

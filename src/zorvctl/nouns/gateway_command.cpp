@@ -28,17 +28,11 @@ std::string lower_case(std::string_view text) {
   return lower;
 }
 
-// As it is typed: "L2TP/IPSec" as l2tp.
-std::string typed(const zorv::VpnKind& kind) {
-  const std::string_view word = kind.word;
-  return lower_case(word.substr(0, word.find('/')));
-}
-
 // "pptp, l2tp, ..., none".
 std::string known_types() {
   std::string words;
   for (const zorv::VpnKind& kind : zorv::kVpnKinds) {
-    words += typed(kind) + ", ";
+    words += kind.name + std::string(", ");
   }
   return words + kNone;
 }
@@ -46,7 +40,7 @@ std::string known_types() {
 std::optional<zorv::TYPE> type_of(const std::string& text) {
   const std::string word = lower_case(text);
   for (const zorv::VpnKind& kind : zorv::kVpnKinds) {
-    if (word == typed(kind) || text == fmt::to_string(int{kind.client})) {
+    if (word == kind.name || text == fmt::to_string(int{kind.client})) {
       return kind.client;
     }
   }
