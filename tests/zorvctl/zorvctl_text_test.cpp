@@ -7,6 +7,7 @@
 #include "display_text.h"
 #include "duration.h"
 #include "time_argument.h"
+#include "utf8.h"
 #include "value_text.h"
 #include "zorv_schema.h"
 
@@ -136,7 +137,7 @@ TEST(Texts, AreHarmlessOnATerminal) {
   const size_t bytes[] = {0, 1, 1, 1, 4, 5};
   for (size_t most = 0; most < std::size(columns); ++most) {
     EXPECT_EQ(front_of_columns(wide, most), wide.substr(0, columns[most]));
-    EXPECT_EQ(front_of_bytes(wide, most), wide.substr(0, bytes[most]));
+    EXPECT_EQ(zorv::front_of_bytes(wide, most), wide.substr(0, bytes[most]));
   }
 }
 

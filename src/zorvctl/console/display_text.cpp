@@ -5,14 +5,13 @@
 #include <clocale>
 #include <cwchar>
 
+#include "utf8.h"
+
 namespace zorvctl {
 namespace {
 
-constexpr Character kStray{0, 1, false};
-
-unsigned byte_at(std::string_view text, size_t index) {
-  return static_cast<unsigned char>(text[index]);
-}
+using zorv::Character;
+using zorv::first_character;
 
 // Widths of characters are those of a UTF-8 locale, whatever the user's is.
 unsigned width_of(char32_t code) {
@@ -56,62 +55,7 @@ std::string escaped(std::string_view text, const Escapes& escapes) {
   return result;
 }
 
-template <class Measure>
-std::string_view front(std::string_view text, size_t most, Measure measure) {
-  size_t length = 0;
-  size_t taken = 0;
-  while (length < text.size()) {
-    const Character character = first_character(text.substr(length));
-    taken += measure(character);
-    if (taken > most) {
-      break;
-    }
-    length += character.length;
-  }
-  return text.substr(0, length);
-}
-
 }  // namespace
-
-Character first_character(std::string_view text) {
-  const unsigned lead = byte_at(text, 0);
-  if (lead < 0x80) {
-    return {lead, 1, true};
-  }
-  unsigned length = 0;
-  char32_t code = 0;
-  char32_t smallest = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    length = 2;
-    code = lead & 0x1F;
-    smallest = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    length = 3;
-    code = lead & 0x0F;
-    smallest = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    length = 4;
-    code = lead & 0x07;
-    smallest = 0x10000;
-  } else {
-    return kStray;
-  }
-  if (text.size() < length) {
-    return kStray;
-  }
-  for (unsigned index = 1; index < length; ++index) {
-    const unsigned next = byte_at(text, index);
-    if ((next & 0xC0) != 0x80) {
-      return kStray;
-    }
-    code = (code << 6) | (next & 0x3F);
-  }
-  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-  if (code < smallest || code > 0x10FFFF || surrogate) {
-    return kStray;
-  }
-  return {code, length, true};
-}
 
 bool is_control(char32_t code) {
   return code < 0x20 || (code >= 0x7F && code < 0xA0) ||        // C0, DEL, C1
@@ -139,11 +83,17 @@ unsigned display_width(std::string_view text) {
 }
 
 std::string_view front_of_columns(std::string_view text, size_t columns) {
-  return front(text, columns, [](const Character& character) { return width_of(character.code); });
-}
-
-std::string_view front_of_bytes(std::string_view text, size_t bytes) {
-  return front(text, bytes, [](const Character& character) { return character.length; });
+  size_t length = 0;
+  size_t taken = 0;
+  while (length < text.size()) {
+    const Character character = first_character(text.substr(length));
+    taken += width_of(character.code);
+    if (taken > columns) {
+      break;
+    }
+    length += character.length;
+  }
+  return text.substr(0, length);
 }
 
 }  // namespace zorvctl
