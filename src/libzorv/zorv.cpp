@@ -54,13 +54,8 @@ static_assert(int{ZORV_PPTP_SERVER} == zorv::PPTP_SERVER_TYPE &&
               int{ZORV_FENLO_CLIENT} == zorv::FENLO_CLIENT_TYPE &&
               int{ZORV_WIREGUARD_CLIENT} == zorv::WIREGUARD_CLIENT_TYPE);
 
-using zorv::kVpnKinds;
+using zorv::kind_of;
 using zorv::VpnKind;
-
-bool is_kind(zorv::TYPE VpnKind::*side, int type) {
-  return std::any_of(std::begin(kVpnKinds), std::end(kVpnKinds),
-                     [=](const VpnKind& kind) { return kind.*side == type; });
-}
 
 // Its lines would go to standard error.
 [[maybe_unused]] const bool bus_is_silent = (kx_set_log([](const char*) {}), true);
@@ -135,7 +130,7 @@ int insert(const zorv::TableSchema& table, const void* record, const CallDeadlin
 int record_server(const LogSite& site, const zorv_server_record* record, const zorv_call* call,
                   int action) {
   zorv_server_record given;
-  if (!take(record, given) || !is_kind(&VpnKind::server, given.vpn_type)) {
+  if (!take(record, given) || kind_of(&VpnKind::server, given.vpn_type) == nullptr) {
     return ZORV_INVALID;
   }
   return perform(site, call, given.username, [&](const CallDeadline& deadline) {
@@ -151,7 +146,7 @@ int record_server(const LogSite& site, const zorv_server_record* record, const z
 int record_client(const LogSite& site, const zorv_client_record* record, const zorv_call* call,
                   int action) {
   zorv_client_record given;
-  if (!take(record, given) || !is_kind(&VpnKind::client, given.vpn_type)) {
+  if (!take(record, given) || kind_of(&VpnKind::client, given.vpn_type) == nullptr) {
     return ZORV_INVALID;
   }
   return perform(site, call, given.username, [&](const CallDeadline& deadline) {
@@ -184,7 +179,7 @@ const char* zorv_status_text(int status) {
 }
 
 int zorv_server_type(const char* word) {
-  for (const VpnKind& kind : kVpnKinds) {
+  for (const VpnKind& kind : zorv::kVpnKinds) {
     if (word != nullptr && strcasecmp(kind.name, word) == 0) {
       return kind.server;
     }
@@ -193,12 +188,8 @@ int zorv_server_type(const char* word) {
 }
 
 int zorv_client_type(int server_type) {
-  for (const VpnKind& kind : kVpnKinds) {
-    if (kind.server == server_type) {
-      return kind.client;
-    }
-  }
-  return 0;
+  const VpnKind* kind = kind_of(&VpnKind::server, server_type);
+  return kind != nullptr ? int{kind->client} : 0;
 }
 
 int zorv_record_login(const zorv_server_record* record, const zorv_call* call) {

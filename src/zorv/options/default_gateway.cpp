@@ -93,7 +93,7 @@ void ifname_to_typeindex(std::string ifname, TYPE& ret_type, int& ret_index) {
 }
 
 std::string typeindex_to_sname(TYPE type, int index) {
-  const VpnKind* const kind = client_kind(type);
+  const VpnKind* const kind = kind_of(&VpnKind::client, type);
   return kind != nullptr ? kind->client_tag + std::to_string(index) : "";
 }
 
@@ -101,7 +101,7 @@ std::string type_to_string(TYPE type) {
   if (type == WIREGUARD_CLIENT_TYPE) {
     return "Wireguard";  // as notifications have always spelt it
   }
-  const VpnKind* const kind = client_kind(type);
+  const VpnKind* const kind = kind_of(&VpnKind::client, type);
   return kind != nullptr ? kind->word : "";
 }
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 namespace zorv {
 
@@ -40,7 +41,7 @@ struct VpnKind {
   const char* word;
   const char* client_tag;  // "OPENVPN_CLIENT", which the client's number follows
   int first_number;        // up to the next kind's; the ranges are of unequal length
-  bool is_logged;          // the connection logs know it as a protocol
+  bool is_notified;        // notifications of its connections are sent
 };
 
 inline constexpr VpnKind kVpnKinds[] = {
@@ -52,10 +53,10 @@ inline constexpr VpnKind kVpnKinds[] = {
      false},
 };
 
-// The kind whose clients bear `code`, or null.
-constexpr const VpnKind* client_kind(long long code) {
+// The kind whose servers, or clients, bear `code`, or null.
+constexpr const VpnKind* kind_of(TYPE VpnKind::*side, long long code) {
   for (const VpnKind& kind : kVpnKinds) {
-    if (kind.client == code) {
+    if (kind.*side == code) {
       return &kind;
     }
   }
@@ -85,21 +86,11 @@ constexpr const char* word_of(const Words& words, long long code) {
 
 namespace vpn_kinds {
 
-constexpr std::size_t count_logged() {
+constexpr auto words(TYPE VpnKind::*side) {
+  std::array<CodeWord, std::size(kVpnKinds)> words{};
   std::size_t count = 0;
   for (const VpnKind& kind : kVpnKinds) {
-    count += kind.is_logged ? 1 : 0;
-  }
-  return count;
-}
-
-constexpr std::array<CodeWord, count_logged()> logged_words(TYPE VpnKind::*code) {
-  std::array<CodeWord, count_logged()> words{};
-  std::size_t count = 0;
-  for (const VpnKind& kind : kVpnKinds) {
-    if (kind.is_logged) {
-      words[count++] = {kind.*code, kind.word};
-    }
+    words[count++] = {kind.*side, kind.word};
   }
   return words;
 }
@@ -123,7 +114,7 @@ static_assert(are_in_order());
 
 }  // namespace vpn_kinds
 
-inline constexpr auto kServerProtocols = vpn_kinds::logged_words(&VpnKind::server);
-inline constexpr auto kClientProtocols = vpn_kinds::logged_words(&VpnKind::client);
+inline constexpr auto kServerProtocols = vpn_kinds::words(&VpnKind::server);
+inline constexpr auto kClientProtocols = vpn_kinds::words(&VpnKind::client);
 
 }  // namespace zorv

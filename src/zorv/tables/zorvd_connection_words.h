@@ -18,13 +18,15 @@ struct ConnectionWords {
 };
 
 // The words of a record's two codes. Nothing, and a line that names the wrong one, when there are
-// none: such a record is kept and nobody is told of it.
+// none: such a record is kept and nobody is told of it. So are WireGuard's.
 inline std::optional<ConnectionWords> connection_words(const LogSite& site,
-                                                       std::span<const zorv::CodeWord> protocols,
+                                                       zorv::TYPE zorv::VpnKind::*side,
                                                        int vpn_type,
                                                        std::span<const zorv::CodeWord> statuses,
                                                        int action) {
-  const ConnectionWords words{zorv::word_of(protocols, vpn_type), zorv::word_of(statuses, action)};
+  const zorv::VpnKind* kind = zorv::kind_of(side, vpn_type);
+  const ConnectionWords words{kind != nullptr && kind->is_notified ? kind->word : nullptr,
+                              zorv::word_of(statuses, action)};
   if (words.protocol == nullptr) {
     ZORV_LOG_AT(site, error, "%s: db_con->vpn_type is incorrect: %d, ", site.function, vpn_type);
     return std::nullopt;

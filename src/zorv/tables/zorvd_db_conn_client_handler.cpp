@@ -14,7 +14,7 @@ LogModule& log_module = table.log;
 constexpr const zorv::nc_msg_struct* kConnectionLogged = zorv::nc_msg("C002", "0018");
 
 void notify(const LogSite& site, const Record& record) {
-  const auto words = connection_words(site, zorv::kClientProtocols, record.vpn_type,
+  const auto words = connection_words(site, &zorv::VpnKind::client, record.vpn_type,
                                       zorv::kClientActions, record.action);
   if (!words) {
     return;

@@ -18,7 +18,7 @@ void notify(const LogSite& site, const Record& record) {
   std::string received;
   bytesToStr(record.tx_total, sent);
   bytesToStr(record.rx_total, received);
-  const auto words = connection_words(site, zorv::kServerProtocols, record.vpn_type,
+  const auto words = connection_words(site, &zorv::VpnKind::server, record.vpn_type,
                                       zorv::kServerActions, record.action);
   if (!words) {
     return;

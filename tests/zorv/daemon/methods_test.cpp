@@ -85,7 +85,7 @@ std::multiset<std::string> notified(size_t count) {
 }
 
 TEST_F(Methods, ServerLogIsNotifiedInItsWords) {
-  for (const auto& [type, action] : {std::pair{4, 2}, {4, 3}, {1, 1}, {8, 2}, {16, 4}}) {
+  for (const auto& [type, action] : {std::pair{4, 2}, {4, 3}, {1, 1}, {32, 2}, {16, 4}}) {
     db_conn_server_log record = server_record(type, action);
     EXPECT_EQ(add_conn_server_log(&record), 0);
   }
@@ -101,7 +101,7 @@ TEST_F(Methods, ServerLogIsNotifiedInItsWords) {
       date + "Uptime:  , " + who + " , " + rates + "Protocol: PPTP, Connection status: Login Fail.",
   };
   EXPECT_EQ(notified(3), expected);
-  EXPECT_TRUE(harness::log_holds("insert_conn_server_log: db_con->vpn_type is incorrect: 8, "));
+  EXPECT_TRUE(harness::log_holds("insert_conn_server_log: db_con->vpn_type is incorrect: 32, "));
   EXPECT_TRUE(harness::log_holds("insert_conn_server_log: db_con->action is incorrect: 4, "));
 }
 

@@ -52,9 +52,6 @@ TEST(DefaultGateway, InterfaceNamesTellKindAndNumber) {
     told += zorv::typeindex_to_sname(type, index) + " " + zorv::type_to_string(type);
     EXPECT_EQ(told, one.told) << one.ifname;
   }
-  // The connection logs know no WireGuard.
-  EXPECT_EQ(zorv::word_of(zorv::kServerProtocols, zorv::WIREGUARD_SERVER_TYPE), nullptr);
-  EXPECT_EQ(zorv::word_of(zorv::kClientProtocols, zorv::WIREGUARD_CLIENT_TYPE), nullptr);
 }
 
 TEST(DefaultGateway, CurrentOneIsTheFirstVpnOfTheList) {
