@@ -1,7 +1,7 @@
 # What is installed where, and the Debian packages made of it: script/package.
 #
 # zorvd is the daemon with everything around it; libzorv1 is the C interface for VPN servers' plugins,
-# libpam-zorv the PAM module; zorv-dev is for programs that call the daemon.
+# libpam-zorv the PAM module, zorv-wireguard the watcher of WireGuard interfaces; zorv-dev is for programs that call the daemon.
 include(GNUInstallDirs)
 set(package ${CMAKE_SOURCE_DIR}/packaging)
 
@@ -17,7 +17,7 @@ if(TARGET platformd)
   list(APPEND units platformd)
 endif()
 
-foreach(manual ${manuals} pam_zorv.8)
+foreach(manual ${manuals} pam_zorv.8 zorv-wireguard.8)
   string(REGEX MATCH "[0-9]$" section ${manual})
   add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/man/${manual}.gz
                      COMMAND gzip -9nc ${package}/man/${manual} > ${CMAKE_BINARY_DIR}/man/${manual}.gz
@@ -79,6 +79,11 @@ if(TARGET pam_zorv)
   set(pam_package libpam-zorv)
 endif()
 
+install(TARGETS zorv-wireguard RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorv-wireguard)
+install(FILES ${package}/systemd/zorv-wireguard@.service DESTINATION /lib/systemd/system COMPONENT zorv-wireguard)
+install(FILES ${CMAKE_BINARY_DIR}/man/zorv-wireguard.8.gz
+        DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT zorv-wireguard)
+
 # For one pppd only: its folder of plugins bears its version.
 if(TARGET zorv_ppp)
   install(TARGETS zorv_ppp LIBRARY DESTINATION lib/pppd/${ZORV_PPPD_VERSION} COMPONENT zorv-ppp)
@@ -91,7 +96,7 @@ set(CPACK_PACKAGE_VENDOR "zorvd")
 set(CPACK_PACKAGE_CONTACT "zorvd maintainers <zorvd@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 ${pam_package} ${ppp_package})
+set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 zorv-wireguard ${pam_package} ${ppp_package})
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -146,6 +151,19 @@ set(CPACK_DEBIAN_LIBPAM-ZORV_DESCRIPTION "PAM module that blocks users after fai
  through PAM, and refuses whom the VPN service's record daemon has blocked.")
 set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_CONTROL_EXTRA "${package}/debian/libpam-zorv/prerm")
 set(CPACK_DEBIAN_LIBPAM-ZORV_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_NAME zorv-wireguard)
+set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_DEPENDS "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), \
+libjansson4 (>= 2.14), libfmt9 (>= 9.1), libzorv1 (>= ${PROJECT_VERSION}), wireguard-tools")
+set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_RECOMMENDS "zorvd")
+set(CPACK_DEBIAN_ZORV-WIREGUARD_DESCRIPTION "Recorder of the sessions of WireGuard interfaces
+ Watches the peers of a WireGuard server's interfaces and has the VPN service's
+ record daemon keep who was there, from when to when, and what was transferred.")
+set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_CONTROL_EXTRA
+    "${package}/debian/zorv-wireguard/postinst;${package}/debian/zorv-wireguard/prerm")
+set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
 set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_NAME zorv-ppp)
 set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_DEPENDS "libc6 (>= 2.36), libzorv1 (>= ${PROJECT_VERSION}), \

@@ -44,6 +44,11 @@ pppd plugin zorv.so zorv-deadline 0 2>&1 | grep 'between 1 and 60'
 echo 'plugin zorv.so' >/etc/ppp/pptpd-options
 dpkg --remove zorv-ppp 2>&1 | grep '/etc/ppp/pptpd-options'
 
+step "the watcher"
+mkdir -p /var/lib/zorv-wireguard
+zorv-wireguard --once wg0
+[ -s /var/lib/zorv-wireguard/wg0.json ]
+
 step "stopping"
 pid=$(cat /var/run/zorvd.pid)
 kill "$pid"
