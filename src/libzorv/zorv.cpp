@@ -18,8 +18,8 @@
 
 namespace {
 
-using libzorv::CallDeadline;
 using libzorv::record_text;
+using zorv_api::CallDeadline;
 
 LogModule log_module{"libzorv"};
 
@@ -234,7 +234,7 @@ int zorv_check_block(const char* username, zorv_block* ret_block, const zorv_cal
                    if (told == zorv_api::BlockAnswer::blocked) {
                      answer = ZORV_BLOCKED;
                      block.seconds_left = ZORV_SECONDS_UNKNOWN;
-                     libzorv::ask_seconds_left(name, deadline, block.seconds_left);
+                     zorv_api::ask_seconds_left(name, deadline, block.seconds_left);
                    }
                    return ZORV_DONE;
                  });

@@ -7,7 +7,7 @@
 #include "login_policy.h"
 #include "zorv_calls.h"
 
-namespace libzorv {
+namespace zorv_api {
 namespace {
 
 using BlockRow = db_privilege_user_block_data;
@@ -17,9 +17,9 @@ bool ask_row(const std::string& username, const CallDeadline& deadline, BlockRow
   cond.count = 1;
   zorv::copy_text(cond.field, "username");
   zorv::copy_text(cond.value, username);
-  zorv_api::Rows rows;
-  const int status = zorv_api::query(zorv::kUserBlock, cond, rows, zorv_api::new_buffer(),
-                                     deadline.milliseconds_left());
+  Rows rows;
+  const int status =
+      query(zorv::kUserBlock, cond, rows, new_buffer(), deadline.milliseconds_left());
   if (status != KX_SUCCESS || rows.count == 0) {
     return false;
   }
@@ -28,7 +28,7 @@ bool ask_row(const std::string& username, const CallDeadline& deadline, BlockRow
 }
 
 bool ask_policy(const CallDeadline& deadline, zorv::LoginPolicy& ret_policy) {
-  const kx_io_owner io = zorv_api::new_buffer();
+  const kx_io_owner io = new_buffer();
   const JsonRef request(json_pack("{ss}", "path", zorv::kLoginPolicyFile));
   const JsonText text = dump_json(request.get());
   if (io == nullptr || text == nullptr ||
@@ -64,4 +64,4 @@ bool ask_seconds_left(const std::string& username, const CallDeadline& deadline,
   return true;
 }
 
-}  // namespace libzorv
+}  // namespace zorv_api

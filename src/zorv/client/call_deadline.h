@@ -1,4 +1,4 @@
-// The time that one call of the interface may take, whatever it asks of whom.
+// The time that one question may take, whatever it asks of whom.
 #pragma once
 
 #include <algorithm>
@@ -6,7 +6,7 @@
 #include <climits>
 #include <cstdint>
 
-namespace libzorv {
+namespace zorv_api {
 
 class CallDeadline {
  public:
@@ -25,4 +25,4 @@ class CallDeadline {
   Clock::time_point end_;
 };
 
-}  // namespace libzorv
+}  // namespace zorv_api

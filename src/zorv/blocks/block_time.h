@@ -6,11 +6,11 @@
 
 #include "call_deadline.h"
 
-namespace libzorv {
+namespace zorv_api {
 
 // Asks for the user's row and for the login policy. False, with ret_seconds untouched, where one of
 // them is not to be had in time. Logs nothing.
 bool ask_seconds_left(const std::string& username, const CallDeadline& deadline,
                       uint64_t& ret_seconds);
 
-}  // namespace libzorv
+}  // namespace zorv_api
