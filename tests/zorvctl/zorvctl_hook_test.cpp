@@ -21,6 +21,9 @@ using Lines = std::vector<std::string>;
 constexpr const char* kConnect = "client-connect";
 constexpr const char* kDisconnect = "client-disconnect";
 constexpr const char* kVerify = "user-pass-verify";
+// What is set when a client that is in proves who it is once more.
+constexpr const char* kRenegotiation =
+    "trusted_ip=10.99.0.2 time_unix=1795234206 ifconfig_pool_remote_ip=10.8.0.2";
 
 // As OpenVPN runs it: with the variables that it gave a script of that name, more of them, and no
 // others. The words are a shell's.
@@ -53,7 +56,13 @@ TEST(Hook, WithoutTheDaemonRefusesOnlyWhereAPasswordIsWrongOrUnchecked) {
       {kVerify, "--", 1, "behind --"},
       {kVerify, "/bin/true", 1, "'/bin/true'", "password=secret"},
       {kVerify, "X -- true", 1, "'X'"},
-      {kConnect, "a -- b", 1, "'a'"},
+      {kVerify, "--on-daemon-away accept -- true", 0, "alice may be blocked"},
+      {kVerify, "--on-daemon-away refuse --deadline 1 -- true", 1, "nobody can say"},
+      {kVerify, "--on-daemon-away refuse /tmp/file", 1, "nobody can say"},
+      {kVerify, "--on-daemon-away refuse -- true", 0, "", kRenegotiation},
+      {kVerify, "--on-daemon-away /tmp/file", 1, "'--on-daemon-away'"},
+      {kVerify, "--on-daemon-away never -- true", 1, "'--on-daemon-away'"},
+      {kVerify, "--deadline 61 -- true", 1, "'--deadline'"},
       {kConnect, "0 CN=alice", 0, "script of this type", "script_type=tls-verify"},
       {kConnect, "", 1, "script_type is not set", "script_type="},
   };
@@ -98,23 +107,37 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   const std::string failure = "alice|4|0|now|10.99.0.2||0|0|tun0|1";
   expect_run(kConnect, "/cc.tmp", 0, "alice|4|0|1795234206|10.99.0.2|10.8.0.2|0|0|tun0|2");
   expect_run(kDisconnect, "", 0, "alice|4|11|1795234217|10.99.0.2|10.8.0.2|2622|2621|tun0|3");
+  // The checker's words arrive as they are, and it sees OpenVPN's variables.
+  expect_run(kVerify, "-- sh -c 'test \"$0$1$username\" = [a]--alice' [a] --", 0, "");
+  expect_run(kVerify, "-- false", 1, failure);
+  expect_run(kVerify, "-- true", 0, "", kRenegotiation);
+  const char* const failures = "SELECT username, limit_count FROM privilege_user_block";
+  EXPECT_EQ(sql(failures), Lines{"alice|1"});
   expect_run(kVerify, "-- true", 0, "");
+  EXPECT_EQ(sql(failures), Lines{});
+
   expect_run(kVerify, "-- false", 1, failure);
   expect_run(kVerify, "-- false", 1, failure, "session_state=AuthenticatedEmptyUser");
   expect_run(kVerify, "-- sh -c 'exit 3'", 1, failure);
   // Nobody guessed anything, or nothing is known of the password.
+  expect_run(kVerify, "-- false", 0, "", "session_state=Authenticated");
   expect_run(kVerify, "-- false", 1, "", "session_state=ExpiredEmptyUser");
   expect_run(kVerify, "-- sh -c 'exit 2'", 2, "");
   expect_run(kVerify, "-- sh -c 'kill -9 $$'", 1, "");
   expect_run(kVerify, "-- sh -c no-such-program", 1, "");
   expect_run(kVerify, "-- /no/such/checker /tmp/file", 1, "");
-  // The checker's words arrive as they are, and it sees OpenVPN's variables.
-  expect_run(kVerify, "-- sh -c 'test \"$0$1$username\" = [a]--alice' [a] --", 0, "");
-  EXPECT_EQ(sql("SELECT username, limit_count FROM privilege_user_block"), Lines{"alice|3"});
+  EXPECT_EQ(sql(failures), Lines{"alice|3"}) << "a token is no login that forgets them";
 
   harness::write_file("/etc/config/vpn_block.conf",
                       R"({"global": {"enable": true, "limit": 3, "time": 5}})");
-  expect_run(kVerify, "-- true", 1, failure);
+  harness::write_file("/reason", "");
+  expect_run(kVerify, "-- true", 1, failure,
+             ("auth_failed_reason_file=" + harness::test_root() + "/reason").c_str());
+  EXPECT_EQ(harness::read_file("/reason"), "blocked, try again in 5 minutes");
+  expect_run(kVerify, "-- true", 1, failure, "session_state=Authenticated");
+  expect_run(kVerify, "-- true", 0, "", kRenegotiation);
+  expect_run(kVerify, "-- false", 1, failure, kRenegotiation);
+  EXPECT_EQ(sql(failures), Lines{"alice|4"});
   EXPECT_EQ(hook(kVerify).err,
             "zorvctl: hook: alice is refused: blocked after too many failed logins\n");
   records.push_back(failure);
@@ -124,9 +147,25 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   expect_run(kVerify, credentials, 1, failure, "username= common_name=");
   expect_run(kVerify, credentials, 0, "", "username=bob");
   expect_run(kVerify, "/no/such/file", 0, "", "username= common_name=");
-  EXPECT_EQ(sql("SELECT username, limit_count FROM privilege_user_block"), Lines{"alice|3"});
   zorvctl({"block", "remove", "alice"});
   expect_run(kVerify, "-- true", 0, "");
+}
+
+TEST(Hook, RecordsAClientsConnections) {
+  const Daemon daemon;
+  const auto rows = [] {
+    return sql(
+        "SELECT username, vpn_type, uptime > 0, time - uptime, vpn_ip, action FROM "
+        "conn_client_log");
+  };
+  EXPECT_EQ(hook("down", "", "username=alice").status, 0);
+  EXPECT_EQ(rows(), Lines{"alice|1024|1|1795292401|10.81.0.2,fd81::1000|3"})
+      << "since the process started";
+  EXPECT_EQ(hook("route-up").status, 0);
+  const std::string begun = sql("SELECT time FROM conn_client_log WHERE action = 2").at(0);
+  EXPECT_EQ(hook("down").status, 0);
+  EXPECT_EQ(rows().at(1), "|1024|0|" + begun + "|10.81.0.2,fd81::1000|2");
+  EXPECT_EQ(rows().at(2).substr(8), begun + "|10.81.0.2,fd81::1000|3");
 }
 
 TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
@@ -139,6 +178,8 @@ TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
       {{"username=a=b", "username=c", "no equals sign", "=e"}, "a=b||||77 0|77|0|0"},
       {{"username=", "common_name=cert", "trusted_ip6=::1"}, "cert||::1||77 0|77|0|0"},
       {{"ifconfig_pool_remote_ip6=fd00::2"}, "|||fd00::2|77 0|77|0|0"},
+      {{"ifconfig_pool_remote_ip6=::2", "ifconfig_pool_remote_ip=10.0.0.2"},
+       "|||10.0.0.2,::2|77 0|77|0|0"},
       {{"IV_VER=2.6", "IV_PLAT_VER=12", "IV_PLAT=win"}, "|win 12, OpenVPN 2.6|||77 0|77|0|0"},
       {{"IV_VER=2.6", "IV_HWADDR=a:b"}, "|OpenVPN 2.6, a:b|||77 0|77|0|0"},
       {{"time_duration=11", "bytes_sent=-1", "bytes_received=12x"}, "||||77 11|77|0|0"},

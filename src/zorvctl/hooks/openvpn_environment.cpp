@@ -1,6 +1,9 @@
 #include "openvpn_environment.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <fstream>
 #include <limits>
 #include <string_view>
 
@@ -22,6 +25,8 @@ constexpr TypeName kTypeNames[] = {
     {"client-disconnect", ScriptType::client_disconnect},
     {"user-pass-verify", ScriptType::user_pass_verify},
     {"auth-user-pass-verify", ScriptType::user_pass_verify},
+    {"route-up", ScriptType::route_up},
+    {"down", ScriptType::down},
 };
 
 // What of a client's self-description goes into device_info, in this order.
@@ -33,11 +38,6 @@ constexpr DevicePart kDeviceParts[] = {
     {"IV_PLAT", ", "},    {"IV_PLAT_VER", " "}, {"IV_VER", ", OpenVPN "},
     {"IV_GUI_VER", ", "}, {"IV_SSL", ", "},     {"IV_HWADDR", ", "},
 };
-
-std::string_view value_of(const Environment& environment, std::string_view name) {
-  const auto found = environment.find(name);
-  return found == environment.end() ? std::string_view() : std::string_view(found->second);
-}
 
 // The first of the variables that is set to something.
 std::string_view first_of(const Environment& environment,
@@ -101,12 +101,45 @@ unsigned long long login_time(const Environment& environment) {
   return number_of(environment, "time_unix", kLargestKept);
 }
 
-void put_vpn_ip(const Environment& environment, db_conn_server_log* record) {
-  put_text(record->vpn_ip,
-           first_of(environment, {"ifconfig_pool_remote_ip", "ifconfig_pool_remote_ip6"}));
+// An IPv4 address and an IPv6 address, with a comma between where both are set.
+std::string both_of(const Environment& environment, std::string_view name, std::string_view name6) {
+  const std::string_view address = value_of(environment, name);
+  const std::string_view address6 = value_of(environment, name6);
+  return fmt::format("{}{}{}", address, !address.empty() && !address6.empty() ? "," : "", address6);
+}
+
+std::string pool_address(const Environment& environment) {
+  return both_of(environment, "ifconfig_pool_remote_ip", "ifconfig_pool_remote_ip6");
+}
+
+// A counter of the tunnel's interface; 0 where that is gone.
+long long interface_bytes(const Environment& environment, const char* counter) {
+  const std::string_view interface = value_of(environment, "dev");
+  unsigned long long bytes = 0;
+  if (interface.find('/') == std::string_view::npos) {
+    std::ifstream file(fmt::format("/sys/class/net/{}/statistics/{}", interface, counter));
+    file >> bytes;
+  }
+  return static_cast<long long>(std::min(bytes, kLargestKept));
+}
+
+db_conn_client_log_data client_record_of(const Environment& environment, int action,
+                                         std::time_t now) {
+  db_conn_client_log_data record{};
+  record.vpn_type = zorv::OVPN_CLIENT_TYPE;
+  record.action = action;
+  put_text(record.username, value_of(environment, "username"));
+  put_text(record.vpn_ip, both_of(environment, "ifconfig_local", "ifconfig_ipv6_local"));
+  record.time = static_cast<unsigned long long>(now);
+  return record;
 }
 
 }  // namespace
+
+std::string_view value_of(const Environment& environment, std::string_view name) {
+  const auto found = environment.find(name);
+  return found == environment.end() ? std::string_view() : std::string_view(found->second);
+}
 
 Environment environment_of(const char* const* entries) {
   Environment environment;
@@ -137,7 +170,7 @@ std::string login_name(const Environment& environment) {
 
 db_conn_server_log login_record(const Environment& environment, std::time_t now) {
   db_conn_server_log record = record_of(environment, zorv::kLoginOk);
-  put_vpn_ip(environment, &record);
+  put_text(record.vpn_ip, pool_address(environment));
   record.time = login_time(environment);
   if (record.time == 0) {
     record.time = static_cast<unsigned long long>(now);
@@ -147,7 +180,7 @@ db_conn_server_log login_record(const Environment& environment, std::time_t now)
 
 db_conn_server_log logout_record(const Environment& environment, std::time_t now) {
   db_conn_server_log record = record_of(environment, zorv::kLogout);
-  put_vpn_ip(environment, &record);
+  put_text(record.vpn_ip, pool_address(environment));
   record.uptime = number_of(environment, "time_duration", kLargestKept);
   record.tx_total = static_cast<long long>(number_of(environment, "bytes_sent", kLargestKept));
   record.rx_total = static_cast<long long>(number_of(environment, "bytes_received", kLargestKept));
@@ -165,8 +198,34 @@ db_conn_server_log failed_login_record(const Environment& environment, std::time
   return record;
 }
 
+db_conn_client_log_data connected_record(const Environment& environment, std::time_t now) {
+  return client_record_of(environment, zorv::kLoginOk, now);
+}
+
+db_conn_client_log_data disconnected_record(const Environment& environment, std::time_t now,
+                                            unsigned long long uptime) {
+  db_conn_client_log_data record = client_record_of(environment, zorv::kLogout, now);
+  record.uptime = uptime;
+  record.tx_total = interface_bytes(environment, "tx_bytes");
+  record.rx_total = interface_bytes(environment, "rx_bytes");
+  return record;
+}
+
+unsigned long long client_start_time(const Environment& environment) {
+  return number_of(environment, "daemon_start_time", kLargestKept);
+}
+
+bool is_renegotiation(const Environment& environment) {
+  return !first_of(environment, {"trusted_ip", "trusted_ip6"}).empty() &&
+         !value_of(environment, "time_unix").empty() && !pool_address(environment).empty();
+}
+
 bool is_expired_token(const Environment& environment) {
   return value_of(environment, "session_state").starts_with("Expired");
+}
+
+bool is_verified_token(const Environment& environment) {
+  return value_of(environment, "session_state") == "Authenticated";
 }
 
 }  // namespace zorvctl

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "zorv_records.h"
 
@@ -23,6 +24,8 @@ enum class ScriptType {
   client_connect,
   client_disconnect,
   user_pass_verify,
+  route_up,  // of a client, as is `down`
+  down,
   other,
 };
 
@@ -37,7 +40,23 @@ db_conn_server_log login_record(const Environment& environment, std::time_t now)
 db_conn_server_log logout_record(const Environment& environment, std::time_t now);
 db_conn_server_log failed_login_record(const Environment& environment, std::time_t now);
 
-// A client that shows a token of ours that has expired has not guessed a password.
+// What this machine did as a client: it connected, or disconnected after `uptime` seconds.
+db_conn_client_log_data connected_record(const Environment& environment, std::time_t now);
+db_conn_client_log_data disconnected_record(const Environment& environment, std::time_t now,
+                                            unsigned long long uptime);
+
+// When the client's process started, in seconds since the epoch; 0 where it does not say.
+unsigned long long client_start_time(const Environment& environment);
+
+// A client that is in proves once more who it is. That is no login.
+bool is_renegotiation(const Environment& environment);
+
+// In place of a password the client shows a token of the server's. One that has expired is no
+// guessed password, and one that the server has found to be its own proves who the client is.
 bool is_expired_token(const Environment& environment);
+bool is_verified_token(const Environment& environment);
+
+// The value of a variable, empty where it is not set.
+std::string_view value_of(const Environment& environment, std::string_view name);
 
 }  // namespace zorvctl

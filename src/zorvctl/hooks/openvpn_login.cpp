@@ -1,0 +1,248 @@
+#include "openvpn_login.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <ctime>
+#include <fstream>
+
+#include "block_time.h"
+#include "daemon_answer.h"
+#include "display_text.h"
+#include "exit_status.h"
+#include "login_checker.h"
+#include "whole_number.h"
+#include "zorv_calls.h"
+
+namespace zorvctl {
+namespace {
+
+using zorv_api::CallDeadline;
+
+// What the server's configuration may say in front of "--".
+struct LoginOptions {
+  bool refuse_unchecked = false;
+  unsigned long long deadline = zorv_api::kTimeoutMs / 1000;  // seconds
+};
+
+// OpenVPN serves nobody while its script waits: whatever one login asks of the daemon shares one
+// deadline, during which the checker's time does not count.
+class DaemonTime {
+ public:
+  explicit DaemonTime(unsigned long long seconds) : left_(static_cast<uint32_t>(seconds * 1000)) {}
+
+  template <class Ask>
+  int spend(Ask ask) {
+    const CallDeadline deadline(left_);
+    const int status = ask(deadline);
+    left_ = static_cast<uint32_t>(deadline.milliseconds_left());
+    return status;
+  }
+
+ private:
+  uint32_t left_;  // milliseconds
+};
+
+bool is_via_env(const Environment& environment) {
+  return environment.count("password") != 0;
+}
+
+bool take_option(const std::string& name, const std::string& value, LoginOptions* ret_options) {
+  if (name == "--on-daemon-away" && (value == "accept" || value == "refuse")) {
+    ret_options->refuse_unchecked = value == "refuse";
+    return true;
+  }
+  constexpr unsigned long long kLongest = 60;
+  unsigned long long seconds = 0;
+  if (name == "--deadline" && read_whole_number(value, &seconds) == WholeNumber::read &&
+      seconds >= 1 && seconds <= kLongest) {
+    ret_options->deadline = seconds;
+    return true;
+  }
+  return false;
+}
+
+// A word that is not understood could be a checker, and every password would go unchecked. Without
+// a checker OpenVPN adds one word, the file that it names with "via-file".
+bool read_options(const HookWords& words, const Environment& environment,
+                  LoginOptions* ret_options) {
+  const std::vector<std::string>& before = words.before;
+  size_t next = 0;
+  while (next + 1 < before.size() && take_option(before[next], before[next + 1], ret_options)) {
+    next += 2;
+  }
+  const size_t added = words.checker || is_via_env(environment) ? 0 : 1;
+  const size_t left = before.size() - next;
+  if (left > added || (left > 0 && before[next].starts_with('-'))) {
+    complain("hook: '{}' is not understood: the password checker stands behind --",
+             display_text(before[next]));
+    return false;
+  }
+  if (words.checker && words.checker->empty()) {
+    complain("hook: no password checker stands behind --");
+    return false;
+  }
+  return true;
+}
+
+// With "via-file" the user's name may stand only in the file's first line.
+void take_name_from_file(const HookWords& words, Environment* environment) {
+  const auto& last_of = words.checker ? *words.checker : words.before;
+  if (last_of.empty() || is_via_env(*environment) || !login_name(*environment).empty()) {
+    return;
+  }
+  std::ifstream file(last_of.back(), std::ios::binary);
+  std::string name(kTextSize, '\0');
+  file.read(name.data(), static_cast<std::streamsize>(name.size()));
+  name.resize(static_cast<size_t>(file.gcount()));
+  name.resize(std::min(name.find_first_of(std::string_view("\r\n\0", 3)), name.size()));
+  (*environment)["username"] = name;
+}
+
+// What the client is told beside AUTH_FAILED.
+void tell_client(const Environment& environment, const std::string& reason) {
+  const std::string path(value_of(environment, "auth_failed_reason_file"));
+  if (!path.empty()) {
+    std::ofstream(path) << reason;
+  }
+}
+
+class Login {
+ public:
+  Login(const Environment& environment, const LoginOptions& options)
+      : environment_(environment),
+        options_(options),
+        user_(login_name(environment)),
+        is_new_(!is_renegotiation(environment)),
+        time_(options.deadline) {}
+
+  int verify(const std::optional<std::vector<std::string>>& checker);
+
+ private:
+  bool is_kept_out();
+  void tell_blocked();
+  void count_failure();
+  void forget_failures();
+  void record_failure();
+
+  const Environment& environment_;
+  const LoginOptions& options_;
+  const std::string user_;
+  const bool is_new_;
+  DaemonTime time_;
+  int answered_ = 0;  // how the daemon's answer came: one that gave none is not asked again
+};
+
+void Login::tell_blocked() {
+  constexpr uint64_t kMinute = 60;
+  uint64_t seconds = 0;
+  const int status = time_.spend([&](const CallDeadline& deadline) {
+    return zorv_api::ask_seconds_left(user_, deadline, seconds) ? 0 : 1;
+  });
+  const uint64_t minutes = seconds / kMinute + (seconds % kMinute != 0 ? 1 : 0);
+  tell_client(environment_, status != 0 ? "blocked, try again later"
+                                        : fmt::format("blocked, try again in {} minute{}", minutes,
+                                                      minutes == 1 ? "" : "s"));
+}
+
+// Because of the block, or because nobody can say whether there is one.
+bool Login::is_kept_out() {
+  // One that the daemon cannot judge by its policy is not blocked.
+  auto answer = zorv_api::BlockAnswer::unknown;
+  answered_ = time_.spend([&](const CallDeadline& deadline) {
+    return zorv_api::check_block(user_, answer, zorv_api::new_buffer(),
+                                 deadline.milliseconds_left());
+  });
+  if (answer == zorv_api::BlockAnswer::blocked) {
+    complain("hook: {} is refused: blocked after too many failed logins", display_text(user_));
+    tell_blocked();
+    record_failure();
+    return true;
+  }
+  const char* const why = answered_ != 0 ? status_text(answered_) : "the login policy is unknown";
+  if (answer == zorv_api::BlockAnswer::unknown && options_.refuse_unchecked) {
+    complain("hook: {} is refused: nobody can say whether the user is blocked: {}",
+             display_text(user_), why);
+    tell_client(environment_, "logins cannot be checked now, try again later");
+    return true;
+  }
+  if (answered_ != 0) {
+    complain("hook: {} may be blocked, the login goes on unchecked and unrecorded: {}",
+             display_text(user_), why);
+  }
+  return false;
+}
+
+void Login::count_failure() {
+  const int status = time_.spend([&](const CallDeadline& deadline) {
+    return zorv_api::count_failure(user_, zorv_api::new_buffer(), deadline.milliseconds_left());
+  });
+  if (status != 0) {
+    complain("hook: a failed login of {} is not counted: {}", display_text(user_),
+             status_text(status));
+  }
+}
+
+void Login::forget_failures() {
+  const int status = time_.spend([&](const CallDeadline& deadline) {
+    return zorv_api::forget_failures(user_, zorv_api::new_buffer(), deadline.milliseconds_left());
+  });
+  if (status != 0) {
+    complain("hook: the failed logins of {} are not forgotten: {}", display_text(user_),
+             status_text(status));
+  }
+}
+
+void Login::record_failure() {
+  const db_conn_server_log record = failed_login_record(environment_, std::time(nullptr));
+  const int status = time_.spend([&](const CallDeadline& deadline) {
+    return zorv_api::insert(zorv::kServerLog, &record, zorv_api::new_buffer(),
+                            deadline.milliseconds_left());
+  });
+  if (status != 0) {
+    complain("hook: the failed login of {} is not recorded: {}", display_text(user_),
+             status_text(status));
+  }
+}
+
+int Login::verify(const std::optional<std::vector<std::string>>& checker) {
+  if (is_new_ && is_kept_out()) {
+    return kRefuse;
+  }
+  if (!checker || is_verified_token(environment_)) {
+    return kGoOn;
+  }
+  switch (run_checker(*checker)) {
+    case Verdict::accepted:
+      if (is_new_ && answered_ == 0) {
+        forget_failures();
+      }
+      return kGoOn;
+    case Verdict::deferred:
+      return kWait;
+    case Verdict::broken:
+      complain("hook: {} is refused: the password could not be checked", display_text(user_));
+      return kRefuse;
+    case Verdict::refused:
+      break;
+  }
+  if (answered_ == 0 && !is_expired_token(environment_)) {
+    count_failure();
+    record_failure();
+  }
+  return kRefuse;
+}
+
+}  // namespace
+
+int verify_login(Environment environment, const HookWords& words) {
+  LoginOptions options;
+  if (!read_options(words, environment, &options)) {
+    complain("hook: everyone is refused until the server's configuration is mended");
+    return kRefuse;
+  }
+  take_name_from_file(words, &environment);
+  return Login(environment, options).verify(words.checker);
+}
+
+}  // namespace zorvctl
