@@ -6,7 +6,7 @@
 # A script ends with 0, with 77 after saying why it cannot run here (skip), or with 1 after saying
 # what it saw (fail). Whatever it started and made is gone then: processes by their ids and those of
 # its own namespaces, the namespaces, the root.
-# shellcheck shell=bash disable=SC2034
+# shellcheck shell=bash disable=SC2034,SC2154
 set -euo pipefail
 build=$(cd "$1" && pwd)
 bin=$build/bin
@@ -149,6 +149,56 @@ expect_blocked() {
   local status=0
   ctl block check -q "$1" || status=$?
   [ "$status" -eq 4 ] || fail "$1 is not blocked: zorvctl block check ends with $status"
+}
+
+# start_openvpn [COMMAND ...]: an OpenVPN server with $server_options, run by the command if there is one.
+# Leaves its id in $openvpn.
+start_openvpn() {
+  [ -e "$root/server.crt" ] || make_certificate
+  cat >"$root/server.conf" <<CONFIG
+port 1194
+proto udp
+dev tun
+topology subnet
+server 10.8.0.0 255.255.255.0
+ca $root/server.crt
+cert $root/server.crt
+key $root/server.key
+dh none
+verify-client-cert none
+script-security 2
+setenv ZORV_ROOT $root
+keepalive 1 4
+verb 3
+$server_options
+CONFIG
+  : >"$root/server.log"
+  run_in "$server" server.log "$@" openvpn --config "$root/server.conf"
+  openvpn=$pid
+  await 20 grep -q 'Initialization Sequence Completed' "$root/server.log" || fail "the server does not start"
+}
+
+# login USER PASSWORD: with $client_options; leaves "in" or "refused" in $result; who is in stays, as
+# process $vpn.
+login() {
+  printf '%s\n' "$1" "$2" >"$root/credentials"
+  printf '%s\n' client 'dev tun' 'proto udp' 'remote 10.99.0.1 1194' nobind "ca $root/server.crt" 'connect-retry-max 1' \
+    'auth-retry none' 'verb 3' "$client_options" >"$root/client.conf"
+  : >"$root/client.log"
+  run_in "$client" client.log openvpn --config "$root/client.conf" --auth-user-pass "$root/credentials"
+  vpn=$pid
+  result="no answer"
+  await 30 login_is_over || return 0
+  if grep -q 'Initialization Sequence Completed' "$root/client.log"; then result=in; return 0; fi
+  wait "$vpn" || true
+  ! grep -q AUTH_FAILED "$root/client.log" || result=refused
+}
+login_is_over() { grep -q 'Initialization Sequence Completed' "$root/client.log" || ! kill -0 "$vpn" 2>/dev/null; }
+
+# expect in|refused USER PASSWORD
+expect() {
+  login "$2" "$3"
+  [ "$result" = "$1" ] || fail "$2 with password '$3' should be $1: $result"
 }
 
 # make_certificate: of the server, as server.crt and server.key in the root.

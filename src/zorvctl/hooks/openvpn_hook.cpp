@@ -1,9 +1,9 @@
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 
+#include "call_deadline.h"
 #include "daemon_answer.h"
 #include "display_text.h"
 #include "exit_status.h"
@@ -14,6 +14,8 @@
 
 namespace zorvctl {
 namespace {
+
+using zorv_api::CallDeadline;
 
 static_assert(kFailed == kRefuse);  // so are words that are wrong before a hook is named
 
@@ -51,19 +53,12 @@ constexpr const char* kHookHelp =
     "Exit status, as OpenVPN reads it: 0 go on, 1 refuse (wrong words, too), 2 deferred by "
     "CHECKER.";
 
-HookWords split(const std::vector<std::string>& words) {
-  const auto mark = std::find(words.begin(), words.end(), "--");
-  HookWords result{{words.begin(), mark}, std::nullopt};
-  if (mark != words.end()) {
-    result.checker.emplace(mark + 1, words.end());
-  }
-  return result;
-}
-
 // A record that cannot be kept is said and forgotten: the connection goes on.
 template <class Record>
-int keep(const zorv::TableSchema& table, const Record& record) {
-  if (const int status = zorv_api::insert(table, &record); status != 0) {
+int keep(const zorv::TableSchema& table, const Record& record, const CallDeadline& deadline) {
+  if (const int status =
+          zorv_api::insert(table, &record, zorv_api::new_buffer(), deadline.milliseconds_left());
+      status != 0) {
     complain("hook: the connection of {} is not recorded: {}", display_text(record.username),
              status_text(status));
   }
@@ -72,7 +67,7 @@ int keep(const zorv::TableSchema& table, const Record& record) {
 
 // Since the connection's own record, or else since the client's process started.
 unsigned long long connected_for(const Environment& environment, const std::string& vpn_ip,
-                                 unsigned long long now) {
+                                 unsigned long long now, const CallDeadline& deadline) {
   db_query_cond newest{};
   newest.count = 1;
   newest.order_style = 1;
@@ -80,34 +75,37 @@ unsigned long long connected_for(const Environment& environment, const std::stri
   zorv::copy_text(newest.value, vpn_ip);
   unsigned long long start = client_start_time(environment);
   zorv_api::Rows rows;
-  if (zorv_api::query(zorv::kClientLog, newest, rows) == 0 && rows.count == 1) {
+  if (zorv_api::query(zorv::kClientLog, newest, rows, zorv_api::new_buffer(),
+                      deadline.milliseconds_left()) == 0 &&
+      rows.count == 1) {
     const auto& row = *static_cast<const db_conn_client_log_data*>(rows.record(0));
     start = row.action == zorv::kLoginOk && row.time >= start ? row.time : start;
   }
   return start != 0 && start < now ? now - start : 0;
 }
 
-int disconnected(const Environment& environment) {
+int disconnected(const Environment& environment, const CallDeadline& deadline) {
   const std::time_t now = std::time(nullptr);
   db_conn_client_log_data record = disconnected_record(environment, now, 0);
-  record.uptime = connected_for(environment, record.vpn_ip, record.time);
-  return keep(zorv::kClientLog, record);
+  record.uptime = connected_for(environment, record.vpn_ip, record.time, deadline);
+  return keep(zorv::kClientLog, record, deadline);
 }
 
 int openvpn_hook(const HookWords& words) {
   const Environment environment = environment_of(environ);
   const std::time_t now = std::time(nullptr);
+  const CallDeadline deadline(static_cast<uint32_t>(words.deadline_ms));
   switch (script_type(environment)) {
     case ScriptType::client_connect:
-      return keep(zorv::kServerLog, login_record(environment, now));
+      return keep(zorv::kServerLog, login_record(environment, now), deadline);
     case ScriptType::client_disconnect:
-      return keep(zorv::kServerLog, logout_record(environment, now));
+      return keep(zorv::kServerLog, logout_record(environment, now), deadline);
     case ScriptType::user_pass_verify:
       return verify_login(environment, words);
     case ScriptType::route_up:
-      return keep(zorv::kClientLog, connected_record(environment, now));
+      return keep(zorv::kClientLog, connected_record(environment, now), deadline);
     case ScriptType::down:
-      return disconnected(environment);
+      return disconnected(environment, deadline);
     case ScriptType::other:
       complain("hook: nothing to do as script of this type, see zorvctl hook openvpn --help");
       return kGoOn;
@@ -121,12 +119,12 @@ int openvpn_hook(const HookWords& words) {
 
 // Whatever goes wrong here is no reason to refuse a client, unless its password is unchecked.
 int run_openvpn_hook(const std::vector<std::string>& words) {
-  const HookWords split_words = split(words);
+  const HookWords split = hook_words(words);
   try {
-    return openvpn_hook(split_words);
+    return openvpn_hook(split);
   } catch (const std::exception& error) {
     complain("hook: {}", error.what());
-    return split_words.checker ? kRefuse : kGoOn;
+    return split.checker ? kRefuse : kGoOn;
   }
 }
 

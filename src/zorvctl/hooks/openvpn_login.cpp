@@ -11,7 +11,6 @@
 #include "display_text.h"
 #include "exit_status.h"
 #include "login_checker.h"
-#include "whole_number.h"
 #include "zorv_calls.h"
 
 namespace zorvctl {
@@ -19,17 +18,11 @@ namespace {
 
 using zorv_api::CallDeadline;
 
-// What the server's configuration may say in front of "--".
-struct LoginOptions {
-  bool refuse_unchecked = false;
-  unsigned long long deadline = zorv_api::kTimeoutMs / 1000;  // seconds
-};
-
 // OpenVPN serves nobody while its script waits: whatever one login asks of the daemon shares one
 // deadline, during which the checker's time does not count.
 class DaemonTime {
  public:
-  explicit DaemonTime(unsigned long long seconds) : left_(static_cast<uint32_t>(seconds * 1000)) {}
+  explicit DaemonTime(int milliseconds) : left_(static_cast<uint32_t>(milliseconds)) {}
 
   template <class Ask>
   int spend(Ask ask) {
@@ -47,36 +40,16 @@ bool is_via_env(const Environment& environment) {
   return environment.count("password") != 0;
 }
 
-bool take_option(const std::string& name, const std::string& value, LoginOptions* ret_options) {
-  if (name == "--on-daemon-away" && (value == "accept" || value == "refuse")) {
-    ret_options->refuse_unchecked = value == "refuse";
-    return true;
-  }
-  constexpr unsigned long long kLongest = 60;
-  unsigned long long seconds = 0;
-  if (name == "--deadline" && read_whole_number(value, &seconds) == WholeNumber::read &&
-      seconds >= 1 && seconds <= kLongest) {
-    ret_options->deadline = seconds;
-    return true;
-  }
-  return false;
-}
-
 // A word that is not understood could be a checker, and every password would go unchecked. Without
 // a checker OpenVPN adds one word, the file that it names with "via-file".
-bool read_options(const HookWords& words, const Environment& environment,
-                  LoginOptions* ret_options) {
-  const std::vector<std::string>& before = words.before;
-  size_t next = 0;
-  while (next + 1 < before.size() && take_option(before[next], before[next + 1], ret_options)) {
-    next += 2;
-  }
+bool is_understood(const HookWords& words, const Environment& environment) {
   const size_t added = words.checker || is_via_env(environment) ? 0 : 1;
-  const size_t left = before.size() - next;
-  if (left > added || (left > 0 && before[next].starts_with('-'))) {
-    complain("hook: '{}' is not understood: the password checker stands behind --",
-             display_text(before[next]));
-    return false;
+  for (const std::string& word : words.others) {
+    if (words.others.size() > added || word.starts_with('-')) {
+      complain("hook: '{}' is not understood: the password checker stands behind --",
+               display_text(word));
+      return false;
+    }
   }
   if (words.checker && words.checker->empty()) {
     complain("hook: no password checker stands behind --");
@@ -87,7 +60,7 @@ bool read_options(const HookWords& words, const Environment& environment,
 
 // With "via-file" the user's name may stand only in the file's first line.
 void take_name_from_file(const HookWords& words, Environment* environment) {
-  const auto& last_of = words.checker ? *words.checker : words.before;
+  const auto& last_of = words.checker ? *words.checker : words.others;
   if (last_of.empty() || is_via_env(*environment) || !login_name(*environment).empty()) {
     return;
   }
@@ -109,14 +82,14 @@ void tell_client(const Environment& environment, const std::string& reason) {
 
 class Login {
  public:
-  Login(const Environment& environment, const LoginOptions& options)
+  Login(const Environment& environment, const HookWords& words)
       : environment_(environment),
-        options_(options),
+        words_(words),
         user_(login_name(environment)),
         is_new_(!is_renegotiation(environment)),
-        time_(options.deadline) {}
+        time_(words.deadline_ms) {}
 
-  int verify(const std::optional<std::vector<std::string>>& checker);
+  int verify();
 
  private:
   bool is_kept_out();
@@ -126,7 +99,7 @@ class Login {
   void record_failure();
 
   const Environment& environment_;
-  const LoginOptions& options_;
+  const HookWords& words_;
   const std::string user_;
   const bool is_new_;
   DaemonTime time_;
@@ -160,7 +133,7 @@ bool Login::is_kept_out() {
     return true;
   }
   const char* const why = answered_ != 0 ? status_text(answered_) : "the login policy is unknown";
-  if (answer == zorv_api::BlockAnswer::unknown && options_.refuse_unchecked) {
+  if (answer == zorv_api::BlockAnswer::unknown && words_.refuse_unchecked) {
     complain("hook: {} is refused: nobody can say whether the user is blocked: {}",
              display_text(user_), why);
     tell_client(environment_, "logins cannot be checked now, try again later");
@@ -205,14 +178,14 @@ void Login::record_failure() {
   }
 }
 
-int Login::verify(const std::optional<std::vector<std::string>>& checker) {
+int Login::verify() {
   if (is_new_ && is_kept_out()) {
     return kRefuse;
   }
-  if (!checker || is_verified_token(environment_)) {
+  if (!words_.checker || is_verified_token(environment_)) {
     return kGoOn;
   }
-  switch (run_checker(*checker)) {
+  switch (run_checker(*words_.checker)) {
     case Verdict::accepted:
       if (is_new_ && answered_ == 0) {
         forget_failures();
@@ -236,13 +209,12 @@ int Login::verify(const std::optional<std::vector<std::string>>& checker) {
 }  // namespace
 
 int verify_login(Environment environment, const HookWords& words) {
-  LoginOptions options;
-  if (!read_options(words, environment, &options)) {
+  if (!is_understood(words, environment)) {
     complain("hook: everyone is refused until the server's configuration is mended");
     return kRefuse;
   }
   take_name_from_file(words, &environment);
-  return Login(environment, options).verify(words.checker);
+  return Login(environment, words).verify();
 }
 
 }  // namespace zorvctl

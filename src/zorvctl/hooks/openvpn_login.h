@@ -1,11 +1,8 @@
 // A login at an OpenVPN server, judged for its auth-user-pass-verify.
 #pragma once
 
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "openvpn_environment.h"
+#include "openvpn_words.h"
 
 namespace zorvctl {
 
@@ -13,12 +10,6 @@ namespace zorvctl {
 inline constexpr int kGoOn = 0;
 inline constexpr int kRefuse = 1;
 inline constexpr int kWait = 2;
-
-// The words of the server's configuration, and behind them those that OpenVPN adds.
-struct HookWords {
-  std::vector<std::string> before;                  // "--", or all of them
-  std::optional<std::vector<std::string>> checker;  // behind "--"
-};
 
 // Asks the daemon and the checker, counts and records, and says what keeps a login out. A verdict
 // as above.
