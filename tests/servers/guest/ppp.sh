@@ -4,7 +4,8 @@
 #
 # The server's side is the guest's own network namespace, the machines are the namespaces "near"
 # (10.99.0.2, calls 10.99.0.1) and "far" (10.98.0.2, calls 10.98.0.1). A test gives `kind`, the
-# records' code of its server, and dial MACHINE USER PASSWORD and hang_up MACHINE.
+# records' code of its server, dial MACHINE USER PASSWORD, which leaves a process in `client`, and
+# kill_server MACHINE, after which callers are served again.
 #
 # To start a program takes a guest a tenth of a second: what is asked again and again is done by bash.
 
@@ -13,7 +14,8 @@ bin=$build/bin
 database=/etc/config/zorv/zorv.db
 notifications=/var/log/network/notifications.jsonl
 ledger=()
-declare -A address=([near]=10.99.0.2 [far]=10.98.0.2) server=([near]=10.99.0.1 [far]=10.98.0.1) in_tunnel
+told_besides=()
+declare -A client address=([near]=10.99.0.2 [far]=10.98.0.2) server=([near]=10.99.0.1 [far]=10.98.0.1) in_tunnel
 
 exec 3>&1
 fail() {
@@ -92,6 +94,19 @@ stop_daemon() {
   wait "$daemon" || true
 }
 
+hang_up() {
+  kill "${client[$1]}" 2>/dev/null || true
+  wait "${client[$1]}" 2>/dev/null || true
+}
+kill_client() {
+  local process name
+  for process in $(ip netns pids "$1"); do
+    read -r name <"/proc/$process/comm"
+    [[ $name != @(pppd|pptp|xl2tpd)* ]] || kill -9 "$process" 2>/dev/null || true
+  done
+  wait "${client[$1]}" 2>/dev/null || true
+}
+
 # --- What is done, and the ledger of it: ACTION KIND USER CALLER ADDRESS INTERFACE UPTIME TX RX TIME ---
 
 # find_session ip-up|ip-down USER COUNT: into `found`, the user's line behind the first COUNT.
@@ -150,6 +165,38 @@ be_refused() { # MACHINE USER PASSWORD
   hang_up "$1"
 }
 
+# Alice comes and goes; bob guesses, is blocked, and is in at the end. She sends to ADDRESS.
+come_and_guess() {
+  step "alice logs in, sends and goes"
+  log_in near alice secret
+  send_traffic near "$1"
+  log_out near alice
+  step "bob guesses three times, is blocked with the right password, and let in again"
+  for _ in 1 2 3; do be_refused far bob WRONG; done
+  be_refused far bob hunter2
+  "$bin/zorvctl" block remove bob
+  told_besides+=('0020 bob' '0021 bob')
+  log_in far bob hunter2
+}
+
+# From there on.
+kill_and_miss() {
+  step "a client is killed, and the server"
+  log_in near alice secret
+  log_out near alice kill_client near
+  log_out far bob kill_server far
+  hang_up far
+  step "the daemon is mute, is away, and comes back while a session runs"
+  kill -STOP "$daemon"
+  log_in_unseen near alice secret
+  kill -CONT "$daemon"
+  log_out near alice
+  stop_daemon
+  log_in_unseen far bob hunter2
+  start_daemon ""
+  log_out far bob
+}
+
 # has_told COUNT: rows; each is told once it is kept.
 has_told() {
   local line told=0
@@ -180,7 +227,7 @@ compare_with_ledger() {
     END { exit failed != 0 }' || fail "the rows are not what was done"
   {
     awk '{ split("Fail OK out", word); print "0017", $3, $4, $5, word[$1] }' /run/ledger
-    [ ${#told_besides[@]} -eq 0 ] || printf '%s\n' "${told_besides[@]}"
+    printf '%s\n' "${told_besides[@]}"
   } | sort >/run/to-tell
   awk -F'","' '{ match($0, /"message_id":"[0-9]+/); id = substr($0, RSTART + 14, 4) }
     id == "0017" { sub(/"\].*/, "", $0); n = split($0, v, /","/)
