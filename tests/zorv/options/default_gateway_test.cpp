@@ -17,53 +17,43 @@ using zorv::Removal;
 using Lines = std::vector<std::string>;
 
 TEST(DefaultGateway, InterfaceNamesTellKindAndNumber) {
-  const struct {
-    const char* ifname;
-    int incoming;
-    const char* told;
-  } cases[] = {
-      {"ppp1000", 0, "256 0 PPTP_CLIENT0 PPTP"},
-      {"ppp1249", 0, "256 249 PPTP_CLIENT249 PPTP"},
+  const std::tuple<const char*, int, const char*> cases[] = {
       {"ppp1250", 0, "512 0 L2TP_CLIENT0 L2TP/IPSec"},
-      {"tun1999", 0, "512 749 L2TP_CLIENT749 L2TP/IPSec"},
-      {"tun2003", 0, "1024 3 OPENVPN_CLIENT3 OpenVPN"},
+      {"ztunc2499", 0, "1024 499 OPENVPN_CLIENT499 OpenVPN"},
       {"ztunc2501", 0, "4096 1 FENLO_CLIENT1 Fenlo"},
-      {"wgc2999", 0, "4096 499 FENLO_CLIENT499 Fenlo"},
       {"wgc3002", 0, "65536 2 WG_CLIENT2 Wireguard"},
-      {"ppp999", 77, "0 0  "},
       {"tun", 2000, "0 0  "},
       {"ppp-1251", 0, "512 -1 L2TP_CLIENT-1 L2TP/IPSec"},
       {"wgc-999", 0, "0 0  "},
-      {"tun-2000x", 0, "1024 0 OPENVPN_CLIENT0 OpenVPN"},
       // Beyond 32 bits the number is the limit.
       {"tun4294969299", 0, "65536 2647 WG_CLIENT2647 Wireguard"},
+      {"tun-4294969299", 0, "65536 -2648 WG_CLIENT-2648 Wireguard"},
       // Found anywhere, read behind the prefix's length from the start.
-      {"xppp1003", 0, "0 0  "},
       {"xx 2001tun", 0, "1024 1 OPENVPN_CLIENT1 OpenVPN"},
-      {"pppztunc2001", 0, "0 0  "},
       // No prefix: the incoming number counts.
       {"eth0", 1024, "256 24 PPTP_CLIENT24 PPTP"},
   };
-  for (const auto& one : cases) {
+  for (const auto& [ifname, incoming, expected] : cases) {
     zorv::TYPE type = zorv::PPTP_SERVER_TYPE;
-    int index = one.incoming;
-    zorv::ifname_to_typeindex(one.ifname, type, index);
-    std::string told = std::to_string(type) + " " + std::to_string(index) + " ";
-    told += zorv::typeindex_to_sname(type, index) + " " + zorv::type_to_string(type);
-    EXPECT_EQ(told, one.told) << one.ifname;
+    int index = incoming;
+    zorv::ifname_to_typeindex(ifname, type, index);
+    EXPECT_EQ(std::to_string(type) + " " + std::to_string(index) + " " +
+                  zorv::typeindex_to_sname(type, index) + " " + zorv::type_to_string(type),
+              expected)
+        << ifname;
   }
 }
 
 TEST(DefaultGateway, CurrentOneIsTheFirstVpnOfTheList) {
   const char* const untouched = "\"untouched\"";
   const std::pair<const char*, const char*> cases[] = {
-      {R"([{"interface_type":"LAN","ifname":"tun2001"},{"interface_type":7},{},
+      {R"([{"interface_type":"LAN","ifname":"tun2001"},{"interface_type":7},
           {"interface_type":"VPN","ifname":"tun2002"},{"interface_type":"VPN"},5])",
        R"({"index":2,"type":1024})"},
-      {R"({"interface_type":"VPN"})", R"({"index":0,"type":0})"},
-      {R"([{"interface_type":"VPN","ifname":7}])", untouched},
+      {"7", R"({"index":0,"type":0})"},
+      {R"([{"interface_type":"VPN","ifname":7},{}])", untouched},
       {R"(["x",{"interface_type":"VPN","ifname":"tun2002"}])", untouched},
-      {R"([)", untouched},
+      {"[", untouched},
   };
   for (const auto& [data, expected] : cases) {
     const FakeService service("NetworkService", "api.get_currentGWinfo",
@@ -84,56 +74,40 @@ TEST(DefaultGateway, ClientsThatGoAreTakenOut) {
   const std::string both = gw1 + R"(,"failover_en":2,"failover_interval":5)" + gw2;
   const std::string second = R"({"as_gw_en":1,"gw1":{"type":65536,"index":4,"sname":"b"})";
   const std::string off = R"(,"failover_en":0)";
-  const std::string none = R"({"as_gw_en":0.5,"gw1":{}})";
-  const std::string nameless = R"({"type":512.7}})";
-  const struct {
-    std::string before;
-    zorv::Gateway gone;
-    Removal removal;
-    std::string after;
-  } cases[] = {
+  const std::tuple<std::string, zorv::Gateway, Removal, std::string> cases[] = {
       {both, {1024, 1}, Removal::changed, second + off + "}"},
       {both, {65536, 4}, Removal::changed, gw1 + off + "}"},
-      {both, {1024, 4}, Removal::not_found, both},
-      {both, {0, 0}, Removal::not_found, both},
       {gw1 + off + gw2, {1024, 1}, Removal::changed, R"({"as_gw_en":0)" + off + gw2},
-      {gw1 + off + gw2, {65536, 4}, Removal::not_found, gw1 + off + gw2},
       // Without failover the backup is (0, 0).
       {gw1 + off + gw2, {0, 0}, Removal::changed, gw1 + off + "}"},
       {gw1 + off + ",\"failover_interval\":1}", {0, 0}, Removal::changed, gw1 + off + "}"},
       {gw1 + "}", {0, 0}, Removal::changed, gw1 + off + "}"},
       {gw1 + off + "}", {0, 0}, Removal::unchanged, gw1 + off + "}"},
-      {gw1 + ",\"failover_en\":1,\"gw2\":" + nameless,
+      {gw1 + R"(,"failover_en":1,"gw2":{"type":512.7}})",
        {1024, 1},
        Removal::changed,
        R"({"as_gw_en":1,"gw1":{"type":512,"index":0})" + off + "}"},
-      {none, {0, 0}, Removal::not_found, none},
-      {"[]", {0, 0}, Removal::not_found, "[]"},
+      {R"({"as_gw_en":0.5})", {0, 0}, Removal::not_found, R"({"as_gw_en":0.5})"},
   };
-  for (const auto& one : cases) {
-    const JsonRef section(json_loads(one.before.c_str(), 0, nullptr));
-    const JsonRef after(json_loads(one.after.c_str(), 0, nullptr));
-    EXPECT_EQ(remove_gateway(section.get(), one.gone), one.removal) << one.before;
-    EXPECT_TRUE(json_equal(section.get(), after.get())) << dump_json(section.get()).get();
+  for (const auto& [before, gone, removal, after] : cases) {
+    const JsonRef section(json_loads(before.c_str(), 0, nullptr));
+    EXPECT_EQ(remove_gateway(section.get(), gone), removal) << before;
+    EXPECT_EQ(dump_json(section.get(), JSON_COMPACT).get(), after);
   }
 }
 
 TEST(DefaultGateway, EverySaveOfAnEnabledOneAnnouncesAndAppliesIt) {
   harness::install_notify();
-  const FakeService service("NetworkService",
-                            {{"external_dev.list",
-                              [] {
-                                return R"({"error":0,"data":{"a":{"profile":"Office"},
-                                           "b":{"profile":"Home"}}})";
-                              }},
-                             {"external_dev.update_vpn_gw", [] { return R"({"error":0})"; }}});
+  const auto devices = [] {
+    return R"({"error":0,"data":{"a":{"profile":"Office"},"b":{"profile":"Home"}}})";
+  };
+  const FakeService service(
+      "NetworkService", {{"external_dev.list", devices}, {"external_dev.update_vpn_gw", devices}});
   for (const char* section : {
-           R"("as_gw_en":1,"gw1":{"type":1024,"sname":"a"},"gw2":{})",
            R"("as_gw_en":-1,"failover_en":2,"gw1":{"type":256,"sname":"c"},
-              "gw2":{"type":65536.9,"sname":"b"},"failover_interval":7)",
-           R"("as_gw_en":1,"gw1":{"type":1e99})",
-           R"("as_gw_en":0,"gw1":{"type":512},"failover_en":1)",
-           R"("as_gw_en":"1","gw1":{"type":4096})",
+              "gw2":{"type":65536.9,"sname":"b"},"failover_interval":5)",
+           R"("as_gw_en":1,"gw1":{"type":1024,"sname":"a"},"gw2":{})",
+           R"("as_gw_en":"1","failover_en":1,"gw1":{"type":512})",
        }) {
     const std::string text = R"({"gw_setting":{)" + std::string(section) + "}}";
     zorv::zorv_gw_nclog(JsonRef(json_loads(text.c_str(), 0, nullptr)).get());
@@ -149,17 +123,17 @@ TEST(DefaultGateway, EverySaveOfAnEnabledOneAnnouncesAndAppliesIt) {
   EXPECT_EQ(harness::read_file(zorv::kOptionsFile), after);
   EXPECT_TRUE(harness::log_holds("disable_gateway:gw changed, root=" + after));
   const std::string list = "external_dev.list {\"key\": \"";
-  EXPECT_EQ(service.calls(), (Lines{list + "a\"}", list + "c\"}", list + "b\"}", list + "\"}",
-                                    list + "\"}", "external_dev.update_vpn_gw "}));
+  EXPECT_EQ(service.calls(), (Lines{list + "c\"}", list + "b\"}", list + "a\"}", list + "\"}",
+                                    "external_dev.update_vpn_gw "}));
   Lines told;
-  for (const std::string& line : harness::notifications(6)) {
+  for (const std::string& line : harness::notifications(5)) {
     const size_t values = line.find("\"ZORV Service\"") + 14;
     told.push_back(line.substr(line.find("message_id") + 13, 4) +
                    line.substr(values, line.find(']', values) - values));
   }
   std::sort(told.begin(), told.end());  // the tools run side by side
-  EXPECT_EQ(told, (Lines{R"(0011,"","")", R"(0011,"Fenlo","")", R"(0011,"OpenVPN","Office")",
-                         R"(0011,"PPTP","")", R"(0012,"Wireguard","Home")", R"(0013,"")"}));
+  EXPECT_EQ(told, (Lines{R"(0011,"Fenlo","")", R"(0011,"OpenVPN","Office")", R"(0011,"PPTP","")",
+                         R"(0012,"Wireguard","Home")", R"(0013,"5")"}));
   std::string intervals;
   for (const int interval : {-1, 0, 1, 5, 10, 2}) {
     intervals += zorv::interval_to_string(interval) + "|";
