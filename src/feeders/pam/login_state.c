@@ -1,7 +1,6 @@
 #include "login_state.h"
 
 #include <stdlib.h>
-#include <time.h>
 
 static const char kName[] = "pam_zorv_login";
 
@@ -23,14 +22,4 @@ struct login_state* login_state(pam_handle_t* pamh) {
     return NULL;
   }
   return state;
-}
-
-uint32_t login_time_left(const struct login_state* state, uint32_t deadline_ms) {
-  return state->spent_ms < deadline_ms ? deadline_ms - (uint32_t)state->spent_ms : 0;
-}
-
-uint64_t clock_ms(void) {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return (uint64_t)now.tv_sec * 1000 + (uint64_t)now.tv_nsec / 1000000;
 }

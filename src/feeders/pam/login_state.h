@@ -12,17 +12,11 @@
 #include <stdint.h>
 
 struct login_state {
-  uint64_t spent_ms;
+  uint64_t spent_ms; /* waiting for the daemon */
   int refused;
 };
 
 /* Null without memory for it. */
 struct login_state* login_state(pam_handle_t* pamh);
-
-/* The milliseconds that are left of `deadline_ms`; 0 for none. */
-uint32_t login_time_left(const struct login_state* state, uint32_t deadline_ms);
-
-/* Milliseconds of a clock that only goes forward. */
-uint64_t clock_ms(void);
 
 #endif

@@ -18,9 +18,10 @@
 #include <string.h>
 #include <syslog.h>
 
-#include "block_text.h"
+#include "feeder_text.h"
 #include "login_state.h"
 #include "pam_options.h"
+#include "timed_call.h"
 #include "zorv.h"
 
 #define EXPORTED __attribute__((visibility("default")))
@@ -59,22 +60,9 @@ static int read_login(pam_handle_t* pamh, int count, const char** words, struct 
   return PAM_SUCCESS;
 }
 
-/* A call to the daemon that takes what is left of the login's time; ended by end_call(). */
-struct daemon_call {
-  struct zorv_call call;
-  uint64_t start;
-};
-
-/* 0 when there is time for one. */
-static int begin_call(const struct login* login, struct daemon_call* ret_call) {
-  struct daemon_call begun = {.call = {.size = sizeof begun.call}, .start = clock_ms()};
-  begun.call.deadline_ms = login_time_left(login->state, login->options.deadline_ms);
-  *ret_call = begun;
-  return begun.call.deadline_ms != 0 ? 0 : -1;
-}
-
-static void end_call(const struct login* login, const struct daemon_call* call) {
-  login->state->spent_ms += clock_ms() - call->start;
+/* False: the login's time is over. */
+static bool begin(const struct login* login, struct timed_call* ret_call) {
+  return begin_call(ret_call, login->options.deadline_ms, login->state->spent_ms);
 }
 
 /* Syslog gets what went wrong, or everything. */
@@ -90,7 +78,7 @@ static void tell(const struct login* login, const char* what, int status) {
 
 static void record_failure(const struct login* login) {
   struct zorv_server_record record = {.size = sizeof record};
-  struct daemon_call call;
+  struct timed_call call;
   int status = ZORV_TIMED_OUT;
   if (login->options.vpn_type == 0) {
     return;
@@ -98,29 +86,30 @@ static void record_failure(const struct login* login) {
   record.vpn_type = login->options.vpn_type;
   record.username = login->user;
   record.source_ip = login->host;
-  if (begin_call(login, &call) == 0) {
-    status = zorv_record_login_failure(&record, &call.call);
-    end_call(login, &call);
+  if (begin(login, &call)) {
+    status =
+        end_call(&call, &login->state->spent_ms, zorv_record_login_failure(&record, &call.form));
   }
   tell(login, "recording the failed login", status);
 }
 
 static int refuse_blocked(const struct login* login) {
   static const struct login_state kNew = {0, 0};
-  struct zorv_block block = {.size = sizeof block};
-  struct daemon_call call;
+  struct zorv_block block = {.size = sizeof block, .status = ZORV_TIMED_OUT};
+  struct timed_call call;
   char text[80];
   int answer = ZORV_UNKNOWN;
   *login->state = kNew;
-  begin_call(login, &call);
-  answer = zorv_check_block(login->user, &block, &call.call);
-  end_call(login, &call);
+  if (begin(login, &call)) {
+    answer =
+        end_call(&call, &login->state->spent_ms, zorv_check_block(login->user, &block, &call.form));
+  }
   tell(login, "asking for a block", block.status);
   if (answer != ZORV_BLOCKED) {
     return PAM_IGNORE;
   }
   login->state->refused = 1;
-  block_text(block.seconds_left, text, sizeof text);
+  block_text(BLOCK_TEXT_SENTENCE, block.seconds_left, text, sizeof text);
   pam_syslog(login->pamh, LOG_NOTICE, "'%s' from '%s' is refused: %s", login->shown_user,
              login->shown_host, text);
   if (!login->options.silent) {
@@ -131,11 +120,10 @@ static int refuse_blocked(const struct login* login) {
 }
 
 static void count_failure(const struct login* login) {
-  struct daemon_call call;
+  struct timed_call call;
   int status = ZORV_TIMED_OUT;
-  if (begin_call(login, &call) == 0) {
-    status = zorv_count_failure(login->user, &call.call);
-    end_call(login, &call);
+  if (begin(login, &call)) {
+    status = end_call(&call, &login->state->spent_ms, zorv_count_failure(login->user, &call.form));
   }
   tell(login, "counting the failed login", status);
   if (status == ZORV_DONE) {
@@ -146,11 +134,11 @@ static void count_failure(const struct login* login) {
 }
 
 static void forget_failures(const struct login* login) {
-  struct daemon_call call;
+  struct timed_call call;
   int status = ZORV_TIMED_OUT;
-  if (begin_call(login, &call) == 0) {
-    status = zorv_forget_failures(login->user, &call.call);
-    end_call(login, &call);
+  if (begin(login, &call)) {
+    status =
+        end_call(&call, &login->state->spent_ms, zorv_forget_failures(login->user, &call.form));
   }
   tell(login, "forgetting the failed logins", status);
 }

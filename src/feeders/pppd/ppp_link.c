@@ -1,15 +1,9 @@
 #include "ppp_link.h"
 
 #include <string.h>
-#include <time.h>
 
+#include "timed_call.h"
 #include "zorv.h"
-
-static uint64_t now_ms(void) {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return (uint64_t)now.tv_sec * 1000 + (uint64_t)now.tv_nsec / 1000000;
-}
 
 static void put_text(char (*to)[PPP_NAME_SIZE], const char* from) {
   const size_t length = strnlen(from, sizeof *to - 1);
@@ -19,50 +13,32 @@ static void put_text(char (*to)[PPP_NAME_SIZE], const char* from) {
 
 /* --- Calls of the daemon, within what is left of the stage's deadline --- */
 
-struct timed_call {
-  struct zorv_call form;
-  uint64_t begin_ms;
-};
-
 /* False: the stage's time is over. */
-static bool begin_call(const struct ppp_link* link, struct timed_call* ret_call) {
-  if (link->patience_ms == 0) {
-    return false;
-  }
-  memset(ret_call, 0, sizeof *ret_call);
-  ret_call->form.size = sizeof ret_call->form;
-  ret_call->form.deadline_ms = link->patience_ms;
-  ret_call->begin_ms = now_ms();
-  return true;
-}
-
-static int end_call(struct ppp_link* link, const struct timed_call* call, int status) {
-  const uint64_t spent = now_ms() - call->begin_ms;
-  link->patience_ms = spent < link->patience_ms ? link->patience_ms - (uint32_t)spent : 0;
-  return status;
+static bool begin(const struct ppp_link* link, struct timed_call* ret_call) {
+  return begin_call(ret_call, link->deadline_ms, link->spent_ms);
 }
 
 static int tell_name(struct ppp_link* link, const char* name,
                      int (*function)(const char*, const struct zorv_call*)) {
   struct timed_call call;
-  return begin_call(link, &call) ? end_call(link, &call, function(name, &call.form))
-                                 : ZORV_TIMED_OUT;
+  return begin(link, &call) ? end_call(&call, &link->spent_ms, function(name, &call.form))
+                            : ZORV_TIMED_OUT;
 }
 
 static int record_server(struct ppp_link* link, const struct zorv_server_record* record,
                          int (*function)(const struct zorv_server_record*,
                                          const struct zorv_call*)) {
   struct timed_call call;
-  return begin_call(link, &call) ? end_call(link, &call, function(record, &call.form))
-                                 : ZORV_TIMED_OUT;
+  return begin(link, &call) ? end_call(&call, &link->spent_ms, function(record, &call.form))
+                            : ZORV_TIMED_OUT;
 }
 
 static int record_client(struct ppp_link* link, const struct zorv_client_record* record,
                          int (*function)(const struct zorv_client_record*,
                                          const struct zorv_call*)) {
   struct timed_call call;
-  return begin_call(link, &call) ? end_call(link, &call, function(record, &call.form))
-                                 : ZORV_TIMED_OUT;
+  return begin(link, &call) ? end_call(&call, &link->spent_ms, function(record, &call.form))
+                            : ZORV_TIMED_OUT;
 }
 
 static void judge(const struct ppp_link* link, int status, const char* subject, const char* user,
@@ -77,7 +53,7 @@ static void judge(const struct ppp_link* link, int status, const char* subject, 
 void ppp_link_begin(struct ppp_link* link, int server_type, const char* caller) {
   link->server_type = server_type;
   put_text(&link->caller, caller);
-  link->patience_ms = link->deadline_ms;
+  link->spent_ms = 0;
   link->login = PPP_LOGIN_NONE;
   link->is_proven = false;
   link->is_up = false;
@@ -92,8 +68,8 @@ bool ppp_link_is_blocked(struct ppp_link* link, const char* name, uint64_t* ret_
   struct zorv_block block = {.size = sizeof block, .status = ZORV_TIMED_OUT};
   struct timed_call call;
   int answer = ZORV_UNKNOWN;
-  if (begin_call(link, &call)) {
-    answer = end_call(link, &call, zorv_check_block(name, &block, &call.form));
+  if (begin(link, &call)) {
+    answer = end_call(&call, &link->spent_ms, zorv_check_block(name, &block, &call.form));
   }
   if (answer == ZORV_UNKNOWN) {
     judge(link, block.status, "the login of", name, "goes on without asking whether it is blocked");
@@ -178,7 +154,7 @@ void ppp_link_up(struct ppp_link* link, const struct ppp_session* session) {
   link->is_up = true;
   judge(link, record_session(link, false, 0, nothing), "the login of", session_user(link),
         "is not recorded");
-  link->patience_ms = link->deadline_ms; /* what comes now is the end */
+  link->spent_ms = 0; /* what comes now is the end */
 }
 
 /* An interface that is gone or was made anew has moved what it shows. */

@@ -47,7 +47,7 @@ struct ppp_link {
 
   int server_type; /* of enum zorv_vpn_type, also where this machine is the client */
   char caller[PPP_NAME_SIZE];
-  uint32_t patience_ms; /* what is left of the stage's deadline */
+  uint64_t spent_ms; /* of the stage's deadline */
 
   enum ppp_login login;
   char name[PPP_NAME_SIZE]; /* given last */

@@ -18,6 +18,7 @@
 #include <arpa/inet.h>
 #include <string.h>
 
+#include "feeder_text.h"
 #include "ppp_link.h"
 #include "tunnel_end.h"
 #include "zorv.h"
@@ -81,13 +82,7 @@ static bool is_blocked(const char* name, char* message, size_t size) {
     return false;
   }
   notice("zorv: %q is refused: blocked after too many failed logins", name);
-  if (seconds_left == ZORV_SECONDS_UNKNOWN) {
-    snprintf(message, size, "Blocked");
-  } else {
-    const unsigned long long minutes = seconds_left / 60 + (seconds_left % 60 != 0);
-    snprintf(message, size, "Blocked, try again in %llu minute%s", minutes,
-             minutes == 1 ? "" : "s");
-  }
+  block_text(BLOCK_TEXT_MINUTES, seconds_left, message, size);
   return true;
 }
 

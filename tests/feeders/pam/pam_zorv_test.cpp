@@ -14,7 +14,7 @@
 #include "harness/test_root.h"
 
 extern "C" {
-#include "block_text.h"
+#include "feeder_text.h"
 }
 
 namespace {
@@ -268,7 +268,7 @@ TEST(BlockText, SaysHowLongRoundedUp) {
                {UINT64_MAX, "later"}};
   for (const auto& [seconds, text] : cases) {
     char said[80];
-    block_text(seconds, said, sizeof said);
+    block_text(BLOCK_TEXT_SENTENCE, seconds, said, sizeof said);
     EXPECT_EQ(said, std::string("blocked, try again ") + text);
   }
   char shown[8];

@@ -1,35 +1,38 @@
-#include "block_text.h"
+#include "feeder_text.h"
 
 #include <inttypes.h>
+#include <stdbool.h>
 #include <stdio.h>
 
 #include "zorv.h"
 
-void block_text(uint64_t seconds_left, char* ret_text, size_t size) {
+void block_text(enum block_text_form form, uint64_t seconds_left, char* ret_text, size_t size) {
   static const struct {
     uint64_t seconds;
     uint64_t up_to; /* of this unit, before the next is used */
     const char* word;
   } units[] = {
       {1, 59, "second"}, {60, 119, "minute"}, {3600, 47, "hour"}, {86400, UINT64_MAX, "day"}};
-  size_t unit = 0;
+  enum { MINUTE = 1 };
+  const bool in_minutes = form == BLOCK_TEXT_MINUTES;
+  size_t unit = in_minutes ? MINUTE : 0;
   uint64_t count = 0;
   if (seconds_left == ZORV_SECONDS_UNKNOWN) {
-    snprintf(ret_text, size, "blocked, try again later");
+    snprintf(ret_text, size, in_minutes ? "Blocked" : "blocked, try again later");
     return;
   }
-  if (seconds_left == 0) {
+  if (seconds_left == 0 && !in_minutes) {
     snprintf(ret_text, size, "blocked, try again now");
     return;
   }
   for (;; ++unit) {
-    count = (seconds_left - 1) / units[unit].seconds + 1;
-    if (count <= units[unit].up_to) {
+    count = seconds_left / units[unit].seconds + (seconds_left % units[unit].seconds != 0);
+    if (in_minutes || count <= units[unit].up_to) {
       break;
     }
   }
-  snprintf(ret_text, size, "blocked, try again in %" PRIu64 " %s%s", count, units[unit].word,
-           count == 1 ? "" : "s");
+  snprintf(ret_text, size, "%s, try again in %" PRIu64 " %s%s", in_minutes ? "Blocked" : "blocked",
+           count, units[unit].word, count == 1 ? "" : "s");
 }
 
 void shown_text(const char* text, char* ret_text, size_t size) {
