@@ -1,0 +1,62 @@
+// zorvctl as it is run, with the real daemons: each transcript is what a shell shows, a command
+// behind each "$ " and an exit status that is not 0 in brackets.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <optional>
+
+#include "harness/daemon.h"
+
+namespace {
+
+class Transcript : public testing::TestWithParam<std::string> {
+ protected:
+  // In the root, with the programs of this build in front; or one of three words of the test's own.
+  std::string answer_to(const std::string& command) {
+    std::string answer;
+    if (command.starts_with("sql ")) {
+      for (const std::string& row : harness::sql(command.substr(4))) {
+        answer += row + "\n";
+      }
+    } else if (command == "stop platformd") {
+      platform_.reset();
+    } else if (command == "start platformd") {
+      platform_.emplace();
+    } else {
+      const std::string program = harness::program("zorvctl");
+      const std::string folder = program.substr(0, program.rfind('/'));
+      const auto [status, out, err] =
+          harness::run({"/bin/sh", "-c",
+                        "exec 2>&1; cd $ZORV_ROOT; export SOURCE=" ZORV_SOURCE " PATH=" + folder +
+                            ":$PATH; " + command});
+      answer = out + (status == 0 ? "" : "[" + std::to_string(status) + "]\n");
+    }
+    return answer;
+  }
+
+  harness::Daemon daemon_;
+  std::optional<harness::PlatformDaemon> platform_;
+};
+
+TEST_P(Transcript, IsWhatHappens) {
+  std::ifstream file(ZORV_SOURCE "/tests/zorvctl/transcripts/" + GetParam() + ".txt");
+  std::vector<std::pair<std::string, std::string>> steps;
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with("$ ")) {
+      steps.emplace_back(line.substr(2), "");
+    } else if (!line.empty() && !line.starts_with("# ")) {
+      steps.back().second += line + "\n";
+    }
+  }
+  EXPECT_FALSE(steps.empty());
+  for (const auto& [command, answer] : steps) {
+    EXPECT_EQ(answer_to(command), answer) << command;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(, Transcript,
+                         testing::Values("words", "values", "names", "deleting", "blocks",
+                                         "options"),
+                         [](const auto& name) { return name.param; });
+
+}  // namespace
