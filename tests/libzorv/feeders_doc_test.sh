@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Runs the examples of docs/feeders.md against the daemon: feeders_doc_test.sh SOURCE BUILD CC
+#
+# Each records alice's login, in the same words, and stops at her block. The C example is compiled as
+# C89, and what the library exports is what zorv.h declares.
+set -euo pipefail
+source=$1 build=$2 compiler=$3
+library=$build/lib/libzorv.so.1
+fail() { echo "FAILED: $1" >&2; exit 1; }
+same() { diff <(echo "$2") <(echo "$3") || fail "other $1 than these"; }
+
+declared=$(sed -E '/^( \*|\/\*)/d' "$source/src/libzorv/zorv.h" | grep -o 'zorv_[a-z_]*(')
+exported=$(nm -D --defined-only "$library" | awk '$2 != "A" { print $3 }')
+same exports "$(sort <<<"${declared//(/@@ZORV_1.0}")" "$(sort <<<"$exported")"
+same sonames libzorv.so.1 "$(objdump -p "$library" | sed -nE 's/ +SONAME +//p')"
+
+ZORV_ROOT=$(mktemp -d /tmp/zf.XXXXXX)
+export ZORV_ROOT LD_LIBRARY_PATH=$build/lib PATH=$build/bin:$PATH
+trap 'kill $(jobs -p); wait; rm -rf "$ZORV_ROOT"' EXIT
+cd "$ZORV_ROOT"
+mkdir -p etc/config/zorv var/log/network var/lock var/run usr/local/sbin
+ln -s "$build/bin/notify" usr/local/sbin/notify
+echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >etc/config/vpn_block.conf
+platformd >platformd.out & zorvd >zorvd.out &
+for language in c python sh; do sed -n "/^\`\`\`$language\$/,/^\`\`\`\$/{/^\`/!p}" "$source/docs/feeders.md" >"example.$language"; done
+"$compiler" -std=c89 -pedantic -Wall -Werror example.c -o example -I"$source/src/libzorv" -L"$build/lib" -lzorv
+for _ in $(seq 400); do zorvctl block list && zorvctl block policy && break; sleep 0.05; done >/dev/null 2>&1
+
+for run in ./example "python3 example.python" "sh example.sh"; do same outputs "" "$($run 2>&1)"; done
+row=alice,4,0,192.0.2.7,,0,0,2
+same rows "$(printf '%s\n' $row $row $row)" "$(zorvctl server-log list -q -o csv | tr -d '\r' | cut -d, -f2-4,7,8,11,12,14)"
+zorvctl block fail alice
+for run in ./example "python3 example.python" "sh example.sh"; do
+  status=0
+  said=$($run 2>&1) || status=$?
+  same "ends of $run" 4 "$status$said"
+done
