@@ -5,13 +5,12 @@
 #include <signal.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <optional>
+#include <thread>
 
 #include "harness/daemon.h"
 #include "harness/fake_service.h"
-#include "harness/test_root.h"
 
 extern "C" {
 #include "feeder_text.h"
@@ -22,262 +21,191 @@ namespace {
 using harness::sql;
 using Texts = std::vector<std::string>;
 
-constexpr const char* kPolicy = "/etc/config/vpn_block.conf";
-
-// What libpam and the module tell the user.
-int converse(int count, const pam_message** messages, pam_response** ret_responses, void* user) {
+// Keeps what libpam and the module tell the user.
+int converse(int count, const pam_message** messages, pam_response** ret_responses, void* told) {
   for (int i = 0; i < count; ++i) {
-    static_cast<Texts*>(user)->emplace_back(messages[i]->msg);
+    *static_cast<std::string*>(told) += messages[i]->msg;
   }
-  *ret_responses =
-      static_cast<pam_response*>(calloc(static_cast<size_t>(count), sizeof(pam_response)));
+  *ret_responses = static_cast<pam_response*>(calloc(size_t(count), sizeof(pam_response)));
   return PAM_SUCCESS;
 }
 
-void write_service(const std::string& name, const std::string& text) {
-  std::string lines;
-  for (const std::string& line : harness::lines_of(text)) {
-    const size_t module = line.find("pam_zorv.so");
-    lines +=
-        module == std::string::npos ? line : std::string(line).insert(module, ZORV_PAM_FOLDER "/");
-    lines += "\n";
-  }
-  harness::write_file("/etc/pam.d/" + name, lines);
+const std::string kModule = " " ZORV_PAM_FOLDER "/pam_zorv.so ";
+
+void write_service(const std::string& name, const std::string& lines) {
+  harness::write_file("/etc/pam.d/" + name, lines + "\n");
 }
 
 // The documented stack, around a module that says what the password is.
 void write_stack(const std::string& name, const std::string& password_module,
-                 const std::string& options) {
-  write_service(name, "auth requisite pam_zorv.so preauth " + options +
+                 const std::string& options, const std::string& control = "requisite") {
+  write_service(name, "auth " + control + kModule + "preauth " + options +
                           "\nauth [success=1 default=bad] " + password_module +
-                          "\nauth [default=die] pam_zorv.so authfail " + options +
-                          "\nauth sufficient pam_zorv.so authsucc " + options +
-                          "\naccount required pam_permit.so\n");
+                          "\nauth [default=die]" + kModule + "authfail " + options +
+                          "\nauth sufficient" + kModule + "authsucc " + options +
+                          "\naccount required" + kModule + "\naccount required pam_permit.so");
 }
 
 struct Handle {
-  Handle(const std::string& service, const char* user, const char* host) {
+  explicit Handle(const std::string& service, const char* user = "eve", const char* host = "h") {
     const std::string folder = harness::test_root() + "/etc/pam.d";
     pam_start_confdir(service.c_str(), user, &conversation, folder.c_str(), &pamh);
     pam_set_item(pamh, PAM_RHOST, host);
   }
   Handle(const Handle&) = delete;
   Handle& operator=(const Handle&) = delete;
-  ~Handle() { pam_end(pamh, status); }
-  int authenticate(int flags = 0) { return status = pam_authenticate(pamh, flags); }
-  int account() { return status = pam_acct_mgmt(pamh, 0); }
+  ~Handle() { pam_end(pamh, PAM_SUCCESS); }
+  int login(int flags = 0) { return pam_authenticate(pamh, flags); }
 
-  Texts told;
+  std::string told;
   pam_conv conversation{converse, &told};
   pam_handle_t* pamh = nullptr;
-  int status = PAM_SUCCESS;
 };
 
-int login(const std::string& service, const char* user = "eve") {
-  return Handle(service, user, "192.0.2.7").authenticate();
-}
-
-Texts failures() {
-  return sql("SELECT username, limit_count FROM privilege_user_block");
-}
-Texts records() {
-  return sql("SELECT username, vpn_type, source_ip, action FROM conn_server_log");
+// "USER|COUNT", and how many records there are.
+Texts counted() {
+  return sql(
+      "SELECT username || '|' || limit_count FROM privilege_user_block "
+      "UNION ALL SELECT count(*) FROM conn_server_log");
 }
 
 class PamZorv : public testing::Test {
  protected:
-  void SetUp() override {
+  PamZorv() {
     std::filesystem::create_directories(harness::test_root() + "/etc/pam.d");
     write_stack("right", "pam_permit.so", "type=openvpn deadline=2");
     write_stack("wrong", "pam_deny.so", "type=openvpn deadline=2");
-    write_stack("right-untyped", "pam_permit.so", "silent debug");
-    write_stack("wrong-untyped", "pam_deny.so", "");
-    set_policy(2);
+    harness::write_file("/etc/config/vpn_block.conf",
+                        R"({"global": {"enable": true, "time": 4, "limit": 2}})");
   }
-  static void set_policy(int limit) {
-    harness::write_file(kPolicy, R"({"global": {"enable": true, "time": 4, "limit": )" +
-                                     std::to_string(limit) + "}}");
-  }
-  void start() {
-    platform_.emplace();
-    daemon_.emplace();
-  }
-  std::optional<harness::PlatformDaemon> platform_;
-  std::optional<harness::Daemon> daemon_;
+  std::optional<harness::PlatformDaemon> platform_{std::in_place};
+  std::optional<harness::Daemon> daemon_{std::in_place};
 };
 
 TEST_F(PamZorv, CountsRecordsBlocksAndForgets) {
-  start();
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-  EXPECT_EQ(failures(), Texts{"eve|1"});
-  EXPECT_EQ(records(), Texts{"eve|4|192.0.2.7|1"});
-  EXPECT_EQ(login("right"), PAM_SUCCESS);
-  EXPECT_EQ(failures(), Texts{}) << "a good login forgets";
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-
-  // Blocked: the right password is refused and the user told, the refusal is recorded, not counted.
-  Handle blocked("right", "eve", nullptr);
-  EXPECT_EQ(blocked.authenticate(), PAM_AUTH_ERR);
-  EXPECT_EQ(blocked.told, Texts{"blocked, try again in 4 minutes"});
-  EXPECT_EQ(failures(), Texts{"eve|2"});
-  EXPECT_EQ(records().back(), "eve|4||1");
-  EXPECT_EQ(records().size(), 4u);
-  EXPECT_EQ(login("right", "adam"), PAM_SUCCESS);
-
-  Handle silent_service("right-untyped", "eve", "h");
-  EXPECT_EQ(silent_service.authenticate(), PAM_AUTH_ERR);
-  EXPECT_EQ(silent_service.told, Texts{});
-  Handle silent_caller("right", "eve", "h");
-  EXPECT_EQ(silent_caller.authenticate(PAM_SILENT), PAM_AUTH_ERR);
-  EXPECT_EQ(silent_caller.told, Texts{});
-  EXPECT_EQ(records().size(), 5u) << "without a type nothing is recorded";
-
-  sql("DELETE FROM privilege_user_block");
-  EXPECT_EQ(login("right"), PAM_SUCCESS);
-  EXPECT_EQ(login("wrong-untyped"), PAM_AUTH_ERR);
-  EXPECT_EQ(failures(), Texts{"eve|1"});
-  EXPECT_EQ(records().size(), 5u);
-}
-
-// "required" asks for the password of a blocked user all the same, to tell him why he is refused.
-TEST_F(PamZorv, StaysWithItsRefusal) {
-  start();
-  for (const auto& [name, module] :
-       {std::pair{"right-required", "pam_permit.so"}, std::pair{"wrong-required", "pam_deny.so"}}) {
-    write_stack(name, module, "type=l2tp");
-    std::string stack = harness::read_file(std::string("/etc/pam.d/") + name);
-    harness::write_file(std::string("/etc/pam.d/") + name,
-                        stack.replace(stack.find("requisite"), 9, "required"));
+  write_stack("silent", "pam_permit.so", "silent debug");
+  write_stack("untyped", "pam_deny.so", "");
+  // Asks for the password of a blocked user all the same.
+  write_stack("right-required", "pam_permit.so", "type=l2tp", "required");
+  write_stack("wrong-required", "pam_deny.so", "type=l2tp", "required");
+  write_service("alone", "auth required" + kModule + "preauth");
+  const char* const blocked = "blocked, try again in 4 minutes";
+  const struct {
+    const char* service;
+    int status;
+    Texts counted;
+    const char* told = "";
+    const char* user = "eve";
+    int flags = 0;
+  } logins[] = {
+      {"wrong", PAM_AUTH_ERR, {"eve|1", "1"}},
+      {"right", PAM_SUCCESS, {"1"}},
+      {"untyped", PAM_AUTH_ERR, {"eve|1", "1"}},
+      {"wrong", PAM_AUTH_ERR, {"eve|2", "2"}},
+      {"right", PAM_AUTH_ERR, {"eve|2", "3"}, blocked},
+      {"right-required", PAM_AUTH_ERR, {"eve|2", "4"}, blocked},
+      {"wrong-required", PAM_AUTH_ERR, {"eve|2", "5"}, blocked},
+      {"silent", PAM_AUTH_ERR, {"eve|2", "5"}},
+      {"right", PAM_AUTH_ERR, {"eve|2", "6"}, "", "eve", PAM_SILENT},
+      {"right", PAM_SUCCESS, {"eve|2", "6"}, "", "adam"},
+      {"alone", PAM_PERM_DENIED, {"eve|2", "6"}, "", "adam"},
+  };
+  for (const auto& one : logins) {
+    SCOPED_TRACE(one.service);
+    Handle handle(one.service, one.user);
+    EXPECT_EQ(handle.login(one.flags), one.status);
+    EXPECT_EQ(handle.told, one.told);
+    EXPECT_EQ(counted(), one.counted);
   }
-  EXPECT_EQ(login("wrong-required"), PAM_AUTH_ERR);
-  EXPECT_EQ(login("wrong-required"), PAM_AUTH_ERR);
-  for (const char* service : {"right-required", "wrong-required"}) {
-    EXPECT_EQ(login(service), PAM_AUTH_ERR) << service;
-    EXPECT_EQ(failures(), Texts{"eve|2"}) << service;
-  }
-  EXPECT_EQ(records().size(), 4u) << "one record a login";
-
   // The refusal is this login's, not the handle's.
-  Handle handle("right-required", "eve", "h");
-  EXPECT_EQ(handle.authenticate(), PAM_AUTH_ERR);
-  sql("DELETE FROM privilege_user_block");
-  EXPECT_EQ(handle.authenticate(), PAM_SUCCESS);
+  Handle handle("right-required", "eve", nullptr);
+  EXPECT_EQ(handle.login(), PAM_AUTH_ERR);
+  EXPECT_EQ(pam_acct_mgmt(handle.pamh, 0), PAM_AUTH_ERR);
+  EXPECT_EQ(counted(), (Texts{"eve|2", "7"}));
+  EXPECT_EQ(pam_acct_mgmt(Handle("right").pamh, 0), PAM_SUCCESS);
+  EXPECT_EQ(counted(), Texts{"7"});
+  EXPECT_EQ(handle.login(), PAM_SUCCESS);
+  EXPECT_EQ(sql("SELECT DISTINCT username, vpn_type, source_ip, action FROM conn_server_log"),
+            (Texts{"eve|4|h|1", "eve|2|h|1", "eve|2||1"}));
 }
 
-// preauth alone, or before a module that is only sufficient, lets nobody in.
-TEST_F(PamZorv, LetsNobodyInByItself) {
-  start();
-  write_service("alone", "auth required pam_zorv.so preauth\naccount required pam_zorv.so\n");
-  write_service("sufficient", "auth required pam_zorv.so preauth\nauth sufficient pam_deny.so\n");
-  EXPECT_NE(login("alone"), PAM_SUCCESS);
-  EXPECT_NE(login("sufficient"), PAM_SUCCESS);
-}
-
-TEST_F(PamZorv, ForgetsAsAccountModule) {
-  start();
-  write_service("account",
-                "auth required pam_permit.so\n"
-                "account required pam_zorv.so\naccount required pam_permit.so\n");
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-  Handle handle("account", "eve", "h");
-  EXPECT_EQ(handle.account(), PAM_SUCCESS);
-  EXPECT_EQ(failures(), Texts{});
-}
-
-// One that is away, that cannot read its policy, or that is stopped.
 TEST_F(PamZorv, RefusesNobodyForTheDaemonsSake) {
-  EXPECT_EQ(login("right"), PAM_SUCCESS);
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
+  platform_.reset();
+  daemon_.reset();
+  EXPECT_EQ(Handle("wrong").login(), PAM_AUTH_ERR);
+  EXPECT_EQ(Handle("right").login(), PAM_SUCCESS);
+  {
+    const harness::FakeService failing("@/var/run/zorvd.sock", "db_conn_insert", "");
+    EXPECT_EQ(Handle("wrong").login(), PAM_AUTH_ERR);
+    EXPECT_EQ(failing.calls(), Texts{}) << "what is not counted is not recorded";
+  }
   daemon_.emplace();
-  EXPECT_EQ(login("right"), PAM_SUCCESS);
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-  EXPECT_EQ(failures(), Texts{"eve|1"}) << "counting takes no policy";
-
-  // While the first phase has waited its deadline out, the second does not ask at all: the count
-  // stays what it was, also after the daemon has read all that was sent to it.
-  daemon_->process().send(SIGSTOP);
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-  EXPECT_EQ(login("right"), PAM_SUCCESS);
-  daemon_->process().send(SIGCONT);
-  platform_.emplace();
-  EXPECT_EQ(login("right", "adam"), PAM_SUCCESS);
-  EXPECT_EQ(failures(), Texts{"eve|1"});
-  EXPECT_EQ(records().size(), 1u);
+  EXPECT_EQ(Handle("right").login(), PAM_SUCCESS);
+  EXPECT_EQ(Handle("wrong").login(), PAM_AUTH_ERR);
+  EXPECT_EQ(counted(), (Texts{"eve|1", "1"})) << "counting takes no policy";
 }
 
 // The phases of a login share one deadline: a slow answer leaves the next call too little time for
 // another one, and the record behind it is not tried at all.
 TEST_F(PamZorv, WaitsForOneDeadlineALogin) {
+  daemon_.reset();
   const auto slowly = [](const char* answer) {
-    return [=] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-      return answer;
-    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    return answer;
   };
-  const harness::FakeService fake("@/var/run/zorvd.sock",
-                                  {{"db_privilege_user_block_check", slowly("0")},
-                                   {"db_privilege_user_block_insert", slowly("")},
-                                   {"db_conn_insert", [] { return ""; }}});
-  EXPECT_EQ(login("wrong"), PAM_AUTH_ERR);
-  EXPECT_EQ(fake.calls(),
+  const harness::FakeService zorvd("@/var/run/zorvd.sock",
+                                   {{"db_privilege_user_block_check", [=] { return slowly("0"); }},
+                                    {"db_privilege_user_block_insert", [=] { return slowly(""); }},
+                                    {"db_conn_insert", [] { return ""; }}});
+  EXPECT_EQ(Handle("wrong").login(), PAM_AUTH_ERR);
+  EXPECT_EQ(zorvd.calls(),
             (Texts{"db_privilege_user_block_check eve", "db_privilege_user_block_insert eve"}));
 }
 
 // A server that tries again with the same handle: each login has a deadline of its own, also where
 // no preauth begins it.
 TEST_F(PamZorv, CountsEveryTryOfOneHandle) {
-  start();
-  set_policy(9);
-  write_service("authfail", "auth required pam_zorv.so authfail deadline=1\n");
-  Handle whole("wrong", "eve", "h");
-  Handle part("authfail", "adam", "h");
+  write_service("authfail", "auth required" + kModule + "authfail deadline=1");
+  Handle handle("authfail");
   for (const int signal_number : {SIGSTOP, SIGCONT, SIGCONT}) {
     daemon_->process().send(signal_number);
-    EXPECT_EQ(whole.authenticate(), PAM_AUTH_ERR);
-    EXPECT_EQ(part.authenticate(), PAM_AUTH_ERR);
+    EXPECT_EQ(handle.login(), PAM_AUTH_ERR);
   }
-  EXPECT_EQ(failures(), (Texts{"eve|2", "adam|2"}));
+  EXPECT_EQ(counted(), (Texts{"eve|2", "0"}));
 }
 
 TEST_F(PamZorv, IsMendedRatherThanGuessedAt) {
-  start();
   for (const char* options :
        {"", "silent", "preauth type=ocserv", "preauth deadline=0", "preauth deadline=-1",
         "preauth deadline=5s", "preauth deadline=3601", "preauth deadline=", "preauth foo"}) {
-    write_service("broken", std::string("auth required pam_zorv.so ") + options +
-                                "\nauth required pam_permit.so\n");
-    EXPECT_EQ(login("broken"), PAM_SYSTEM_ERR) << options;
+    write_service("broken", "auth required" + kModule + options + "\nauth required pam_permit.so");
+    EXPECT_EQ(Handle("broken").login(), PAM_SYSTEM_ERR) << options;
   }
 }
 
-TEST(BlockText, SaysHowLongRoundedUp) {
-  const struct {
-    uint64_t seconds;
-    const char* text;
-  } cases[] = {{0, "now"},
-               {1, "in 1 second"},
-               {59, "in 59 seconds"},
-               {60, "in 1 minute"},
-               {181, "in 4 minutes"},
-               {240, "in 4 minutes"},
-               {7140, "in 119 minutes"},
-               {7141, "in 2 hours"},
-               {47 * 3600 + 1, "in 2 days"},
-               {UINT64_MAX - 1, "in 213503982334602 days"},
-               {UINT64_MAX, "later"}};
-  for (const auto& [seconds, text] : cases) {
-    char said[80];
-    block_text(BLOCK_TEXT_SENTENCE, seconds, said, sizeof said);
-    EXPECT_EQ(said, std::string("blocked, try again ") + text);
+TEST(FeederText, SaysHowLongRoundedUpAndShowsNoControlCharacter) {
+  const std::pair<uint64_t, std::string> cases[] = {
+      {0, "blocked, try again now; Blocked, try again in 0 minutes"},
+      {1, "blocked, try again in 1 second; Blocked, try again in 1 minute"},
+      {59, "blocked, try again in 59 seconds; Blocked, try again in 1 minute"},
+      {60, "blocked, try again in 1 minute; Blocked, try again in 1 minute"},
+      {181, "blocked, try again in 4 minutes; Blocked, try again in 4 minutes"},
+      {7140, "blocked, try again in 119 minutes; Blocked, try again in 119 minutes"},
+      {7141, "blocked, try again in 2 hours; Blocked, try again in 120 minutes"},
+      {169201, "blocked, try again in 2 days; Blocked, try again in 2821 minutes"},
+      {UINT64_MAX, "blocked, try again later; Blocked"},
+  };
+  char text[80];
+  for (const auto& [seconds, said] : cases) {
+    block_text(BLOCK_TEXT_SENTENCE, seconds, text, sizeof text);
+    const std::string sentence = text;
+    block_text(BLOCK_TEXT_MINUTES, seconds, text, sizeof text);
+    EXPECT_EQ(sentence + "; " + text, said);
   }
-  char shown[8];
-  shown_text("a\nb\x7f%s\xc3", shown, sizeof shown);
-  EXPECT_STREQ(shown, "a_b_%s\xc3");
-  shown_text("123456789", shown, sizeof shown);
-  EXPECT_STREQ(shown, "1234567");
-  shown_text(nullptr, shown, sizeof shown);
-  EXPECT_STREQ(shown, "");
+  shown_text("a\nb\x7f%s\xc3", text, 7);
+  EXPECT_STREQ(text, "a_b_%s");
+  shown_text(nullptr, text, sizeof text);
+  EXPECT_STREQ(text, "");
 }
 
 }  // namespace
