@@ -21,9 +21,9 @@ using Lines = std::vector<std::string>;
 constexpr const char* kConnect = "client-connect";
 constexpr const char* kDisconnect = "client-disconnect";
 constexpr const char* kVerify = "user-pass-verify";
-// What is set when a client that is in proves who it is once more.
-constexpr const char* kRenegotiation =
-    "trusted_ip=10.99.0.2 time_unix=1795234206 ifconfig_pool_remote_ip=10.8.0.2";
+// A client that is in proves who it is once more, by a password or by a token.
+constexpr const char* kRenegotiation = "renegotiation";
+constexpr const char* kToken = "token";
 
 // As OpenVPN runs it: with the variables that it gave a script of that name, more of them, and no
 // others. The words are a shell's.
@@ -59,7 +59,7 @@ TEST(Hook, WithoutTheDaemonRefusesOnlyWhereAPasswordIsWrongOrUnchecked) {
       {kVerify, "--on-daemon-away accept -- true", 0, "alice may be blocked"},
       {kVerify, "--on-daemon-away refuse --deadline 1 -- true", 1, "nobody can say"},
       {kVerify, "--on-daemon-away refuse /tmp/file", 1, "nobody can say"},
-      {kVerify, "--on-daemon-away refuse -- true", 0, "", kRenegotiation},
+      {kRenegotiation, "--on-daemon-away refuse -- true", 0, ""},
       {kVerify, "--on-daemon-away /tmp/file", 1, "'--on-daemon-away'"},
       {kVerify, "--on-daemon-away never -- true", 1, "'--on-daemon-away'"},
       {kVerify, "--deadline 61 -- true", 1, "'--deadline'"},
@@ -110,7 +110,7 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   // The checker's words arrive as they are, and it sees OpenVPN's variables.
   expect_run(kVerify, "-- sh -c 'test \"$0$1$username\" = [a]--alice' [a] --", 0, "");
   expect_run(kVerify, "-- false", 1, failure);
-  expect_run(kVerify, "-- true", 0, "", kRenegotiation);
+  expect_run(kRenegotiation, "-- true", 0, "", "username=alice");
   const char* const failures = "SELECT username, limit_count FROM privilege_user_block";
   EXPECT_EQ(sql(failures), Lines{"alice|1"});
   expect_run(kVerify, "-- true", 0, "");
@@ -120,7 +120,7 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   expect_run(kVerify, "-- false", 1, failure, "session_state=AuthenticatedEmptyUser");
   expect_run(kVerify, "-- sh -c 'exit 3'", 1, failure);
   // Nobody guessed anything, or nothing is known of the password.
-  expect_run(kVerify, "-- false", 0, "", "session_state=Authenticated");
+  expect_run(kToken, "-- false", 0, "", "username=alice");
   expect_run(kVerify, "-- false", 1, "", "session_state=ExpiredEmptyUser");
   expect_run(kVerify, "-- sh -c 'exit 2'", 2, "");
   expect_run(kVerify, "-- sh -c 'kill -9 $$'", 1, "");
@@ -135,8 +135,9 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
              ("auth_failed_reason_file=" + harness::test_root() + "/reason").c_str());
   EXPECT_EQ(harness::read_file("/reason"), "blocked, try again in 5 minutes");
   expect_run(kVerify, "-- true", 1, failure, "session_state=Authenticated");
-  expect_run(kVerify, "-- true", 0, "", kRenegotiation);
-  expect_run(kVerify, "-- false", 1, failure, kRenegotiation);
+  expect_run(kRenegotiation, "-- true", 0, "", "username=alice");
+  expect_run(kRenegotiation, "-- false", 1, "alice|4|0|now|fd77::12||0|0|tuns1|1",
+             "username=alice");
   EXPECT_EQ(sql(failures), Lines{"alice|4"});
   EXPECT_EQ(hook(kVerify).err,
             "zorvctl: hook: alice is refused: blocked after too many failed logins\n");
