@@ -2,7 +2,7 @@
 // hand, well or badly, without the library's encoder.
 #pragma once
 
-#include <sys/types.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <string>
@@ -10,25 +10,20 @@
 #include <vector>
 
 #include "descriptor.h"
-#include "harness/process.h"
 #include "kxbus.h"
 
 namespace harness {
 
 inline constexpr const char* kBusAddress = "@bus";
 
-// The callback of the tests; what it does is named by the method:
-//   echo    replies what came, as does the longest name    throw   throws
-//   again   replies, then frees twice over                 fail    frees the buffer
-//   ignore  returns without an answer                      mark    answers, and adds 1 to marks()
-//   held    replies how many descriptors its process has   marks   replies marks()
+// What it does is named by the method: "echo" and the longest name reply what came, "again" replies
+// and frees twice over, "fail" frees the buffer, "throw" throws. Others are unknown.
 void bus_callback(const char* method, kx_io* io, int fd);
-int marks();
 
-// Serves with bus_callback from construction to destruction.
+// Serves from construction to destruction.
 class BusServer {
  public:
-  explicit BusServer(const char* address = kBusAddress);
+  explicit BusServer(const char* address = kBusAddress, kx_method_callback callback = bus_callback);
   ~BusServer();
   BusServer(const BusServer&) = delete;
   BusServer& operator=(const BusServer&) = delete;
@@ -42,18 +37,14 @@ class BusServer {
 int bus_call(const std::string& method, const std::string& body, std::string* ret_reply = nullptr,
              int timeout_s = 20, int fd = -1, const char* address = kBusAddress);
 
-// How many descriptors the server's process has open while it serves, itself counted by the server:
-// connections of earlier calls are closed by then.
-int descriptors_held();
-
-// A frame with every field open to a lie.
+// A frame with every field open to a lie; -1 stands for the true length.
 struct Frame {
   std::uint32_t magic = 0x5542584B;
   std::uint8_t version = 1;
   std::uint8_t kind = 1;
-  int detail = -1;  // -1 for what is true: the method's length
+  int detail = -1;
   std::uint32_t flags = 0;
-  std::int64_t body_length = -1;  // -1 for what is true
+  std::int64_t body_length = -1;
   std::string body{};
   std::string method = "echo";
 
@@ -77,12 +68,7 @@ class RawSocket {
   os::Descriptor socket_;
 };
 
-int make_memfd(const std::string& content, unsigned seals);
-inline constexpr unsigned kAllSeals = 0xF;
-
-int open_descriptors(pid_t pid = 0);
-// The lowest number that an opened descriptor of the process would get.
-int lowest_free_descriptor(pid_t pid);
-double cpu_seconds(pid_t pid);
+// How many it has open.
+int open_descriptors(pid_t process = getpid());
 
 }  // namespace harness
