@@ -1,6 +1,6 @@
 #include "harness/daemon.h"
 
-#include <unistd.h>
+#include <sqlite3.h>
 
 #include <cctype>
 #include <cstdio>
@@ -13,11 +13,10 @@
 namespace harness {
 namespace {
 
-std::vector<std::string> command(const std::string& name, const std::vector<std::string>& options,
-                                 std::vector<std::string> before = {}) {
-  before.push_back(program(name));
-  before.insert(before.end(), options.begin(), options.end());
-  return before;
+std::vector<std::string> command(const char* name, const std::vector<std::string>& words) {
+  std::vector<std::string> whole{program(name)};
+  whole.insert(whole.end(), words.begin(), words.end());
+  return whole;
 }
 
 }  // namespace
@@ -35,24 +34,19 @@ void install_notify() {
 
 bool wait_until_serving(const char* address) {
   return eventually([address] {
-    kx_io* io = kx_io_create();
-    const int status = kx_call(address, "no such method", io, 5, -1);
-    kx_io_free(io);
+    const kx_io_owner io(kx_io_create());
+    const int status = kx_call(address, "no such method", io.get(), 5, -1);
     return status == KX_IS_INVALID || status == KX_SUCCESS;
   });
 }
 
-Daemon::Daemon(const std::vector<std::string>& options, const std::vector<std::string>& before)
-    : process_(command("zorvd", options, before)) {
-  if (!wait_until_serving("@/var/run/zorvd.sock")) {
-    throw std::runtime_error("zorvd does not serve");
-  }
+Daemon::Daemon(const std::vector<std::string>& options) : Process(command("zorvd", options)) {
+  wait_until_serving("@/var/run/zorvd.sock");
 }
 
-PlatformDaemon::PlatformDaemon() : process_(command("platformd", {})) {
-  if (!wait_until_serving("vpncaas") || !wait_until_serving("NetworkService")) {
-    throw std::runtime_error("platformd does not serve");
-  }
+PlatformDaemon::PlatformDaemon() : Process(command("platformd", {})) {
+  wait_until_serving("vpncaas");
+  wait_until_serving("NetworkService");
 }
 
 Outcome zorvctl(const std::vector<std::string>& words, const std::string& input) {
@@ -93,7 +87,7 @@ std::vector<std::string> log_texts(const std::string& module) {
 
 std::vector<std::string> new_log_texts(const std::string& module, const std::string& level) {
   std::vector<std::string> texts = log_texts(module);
-  std::erase_if(texts, [&](const std::string& text) { return text.rfind(level, 0) != 0; });
+  std::erase_if(texts, [&](const std::string& text) { return !text.starts_with(level); });
   write_file(kLogFile, "");
   return texts;
 }
@@ -113,27 +107,22 @@ std::vector<std::string> notifications(size_t count) {
 
 std::vector<std::string> sql(const std::string& statement) {
   std::vector<std::string> rows;
-  sqlite3* raw = nullptr;
-  sqlite3_open((test_root() + kDatabase).c_str(), &raw);
-  const std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
-  sqlite3_busy_timeout(db.get(), 6000);
-  sqlite3_exec(db.get(), "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
-  char* error = nullptr;
-  sqlite3_exec(
-      db.get(), statement.c_str(),
-      [](void* user, int count, char** texts, char**) {
-        std::string row;
-        for (int i = 0; i < count; ++i) {
-          row += std::string(i == 0 ? "" : "|") + (texts[i] != nullptr ? texts[i] : "NULL");
-        }
-        static_cast<std::vector<std::string>*>(user)->push_back(row);
-        return 0;
-      },
-      &rows, &error);
-  if (error != nullptr) {
-    rows.push_back(std::string("error: ") + error);
-    sqlite3_free(error);
+  sqlite3* db = nullptr;
+  sqlite3_open((test_root() + kDatabase).c_str(), &db);
+  sqlite3_busy_timeout(db, 6000);
+  sqlite3_exec(db, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
+  const auto add_row = [](void* user, int count, char** texts, char**) {
+    std::string row;
+    for (int i = 0; i < count; ++i) {
+      row += std::string(i == 0 ? "" : "|") + (texts[i] != nullptr ? texts[i] : "NULL");
+    }
+    static_cast<std::vector<std::string>*>(user)->push_back(row);
+    return 0;
+  };
+  if (sqlite3_exec(db, statement.c_str(), add_row, &rows, nullptr) != SQLITE_OK) {
+    rows.push_back(std::string("error: ") + sqlite3_errmsg(db));
   }
+  sqlite3_close(db);
   return rows;
 }
 

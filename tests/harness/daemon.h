@@ -1,9 +1,6 @@
 // The real daemon in the test's own root, and what it left behind there.
 #pragma once
 
-#include <sqlite3.h>
-
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,29 +19,13 @@ std::string program(const std::string& name);
 // Puts the notification tool where the daemon looks for it.
 void install_notify();
 
-// zorvd in the foreground, serving when the constructor returns; ended with the object.
-class Daemon {
- public:
-  // `before` stands before it on the command line and has to end in exec: `env` and the like.
-  explicit Daemon(const std::vector<std::string>& options = {},
-                  const std::vector<std::string>& before = {});
-  // SIGTERM; the exit status.
-  int stop() { return process_.terminate(); }
-  Process& process() { return process_; }
-  pid_t pid() const { return process_.pid(); }
-
- private:
-  Process process_;
+// zorvd in the foreground, and platformd, serving when the constructor returns.
+struct Daemon : Process {
+  explicit Daemon(const std::vector<std::string>& options = {});
+  Process& process() { return *this; }
 };
-
-// platformd, serving when the constructor returns.
-class PlatformDaemon {
- public:
+struct PlatformDaemon : Process {
   PlatformDaemon();
-  int stop() { return process_.terminate(); }
-
- private:
-  Process process_;
 };
 
 // Runs zorvctl to its end.
@@ -55,9 +36,7 @@ bool wait_until_serving(const char* address);
 
 // The lines of the log file, one for each prefix even where a text had no newline.
 struct LogLine {
-  std::string level;
-  std::string module;
-  std::string function;
+  std::string level, module, function;
   std::string text;  // its newline included, where it has one
 };
 std::vector<LogLine> log_lines();

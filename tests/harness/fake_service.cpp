@@ -2,8 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
 #include <fstream>
 
 #include "harness/test_root.h"
@@ -39,25 +37,17 @@ void answer_request(const char* method, kx_io* io, int fd) {
 }  // namespace
 
 FakeService::FakeService(const char* address, std::map<std::string, Answer> answers) {
-  std::string name = address;
-  std::replace(name.begin(), name.end(), '/', '.');
-  record_ = "/calls." + name;
-  std::filesystem::remove(test_root() + record_);
-  child_.emplace([&](const Child::Ready& ready) {
+  static int count = 0;
+  record_ = "/calls." + std::to_string(++count);
+  // Made here, so that requests find it at once. The child serves it alone.
+  kx_server* const server = kx_create(address, 4, 1, answer_request);
+  child_.emplace([&] {
     known_answers = std::move(answers);
     record_path = test_root() + record_;
-    kx_server* const server = kx_create(address, 4, 1, answer_request);
-    if (server != nullptr) {
-      ready();
-      kx_start(server);
-    }
-    return 1;
+    return kx_start(server);
   });
+  kx_free(server);
 }
-
-FakeService::FakeService(const char* address, const char* method,
-                         const std::optional<std::string>& reply)
-    : FakeService(address, {{method, [reply] { return reply; }}}) {}
 
 std::vector<std::string> FakeService::calls() const {
   return lines_of(read_file(record_));

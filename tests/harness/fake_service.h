@@ -16,12 +16,10 @@ class FakeService {
  public:
   // Runs in the child. No text: the request is given up without a reply.
   using Answer = std::function<std::optional<std::string>()>;
-
-  // Serves when the constructor returns. Other methods than these are unknown to it.
+  // Methods without an answer here are unknown to it.
   FakeService(const char* address, std::map<std::string, Answer> answers);
-  FakeService(const char* address, const char* method, const std::optional<std::string>& reply);
-
-  void stop() { child_.reset(); }
+  FakeService(const char* address, const char* method, const std::optional<std::string>& reply)
+      : FakeService(address, {{method, [reply] { return reply; }}}) {}
 
   // What has been asked so far, in order, as "METHOD REQUEST".
   std::vector<std::string> calls() const;

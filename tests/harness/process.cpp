@@ -6,61 +6,27 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <stdexcept>
+#include <algorithm>
 
 #include "harness/test_root.h"
 
 namespace harness {
 namespace {
 
-pid_t start(const std::function<int()>& body) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    _exit(body());
-  }
-  return pid;
-}
-
-// The body of a child that becomes a program.
-std::function<int()> program_of(const std::vector<std::string>& arguments) {
-  return [arguments] {
-    std::vector<char*> words;
-    for (const std::string& word : arguments) {
-      words.push_back(const_cast<char*>(word.data()));
-    }
-    words.push_back(nullptr);
-    execv(words[0], words.data());
-    return 127;
-  };
+int become(const std::vector<std::string>& arguments) {
+  std::vector<char*> words(arguments.size() + 1);
+  std::transform(arguments.begin(), arguments.end(), words.begin(),
+                 [](const std::string& word) { return const_cast<char*>(word.data()); });
+  execv(words[0], words.data());
+  return 127;
 }
 
 }  // namespace
 
-Child::Child(const std::function<int()>& body) : pid_(start(body)) {}
-
-Child::Child(const std::function<int(const Ready&)>& body) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) {
-    throw std::runtime_error("no pipe");
-  }
-  pid_ = start([&] {
-    close(ends[0]);
-    return body([&] {
-      if (write(ends[1], "+", 1) != 1) {
-        _exit(1);
-      }
-      close(ends[1]);
-    });
-  });
-  close(ends[1]);
-  char ready = 0;
-  const bool is_ready = read(ends[0], &ready, 1) == 1;
-  close(ends[0]);
-  if (!is_ready) {
-    wait();
-    throw std::runtime_error("the child was not ready");
+Child::Child(const std::function<int()>& body) : pid_(fork()) {
+  if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    _exit(body());
   }
 }
 
@@ -85,25 +51,25 @@ bool Child::running() {
 }
 
 int Child::wait() {
-  const auto ended = [this] { return !running(); };
-  if (!eventually(ended)) {
+  if (!eventually([this] { return !running(); })) {
     send(SIGKILL);
-    eventually(ended);
+    wait();
   }
   return status_;
 }
 
-int Child::terminate() {
+int Child::stop() {
   send(SIGTERM);
   return wait();
 }
 
-Process::Process(const std::vector<std::string>& arguments) : Child(program_of(arguments)) {}
+Process::Process(const std::vector<std::string>& arguments)
+    : Child([&arguments] { return become(arguments); }) {}
 
 Outcome run(const std::vector<std::string>& arguments, const std::string& input) {
   // Through files: neither side can block on a full pipe.
-  static int number = 0;
-  const std::string base = "/run." + std::to_string(++number);
+  static int count = 0;
+  const std::string base = "/run." + std::to_string(++count);
   const std::string files[] = {base + ".in", base + ".out", base + ".err"};
   write_file(files[0], input);
   Child child([&] {
@@ -111,14 +77,10 @@ Outcome run(const std::vector<std::string>& arguments, const std::string& input)
       const int flags = stream == 0 ? O_RDONLY : O_WRONLY | O_CREAT | O_TRUNC;
       dup2(open((test_root() + files[stream]).c_str(), flags | O_CLOEXEC, 0600), stream);
     }
-    return program_of(arguments)();
+    return become(arguments);
   });
   const int status = child.wait();
-  Outcome outcome{status, read_file(files[1]), read_file(files[2])};
-  for (const std::string& file : files) {
-    std::filesystem::remove(test_root() + file);
-  }
-  return outcome;
+  return {status, read_file(files[1]), read_file(files[2])};
 }
 
 }  // namespace harness

@@ -28,10 +28,7 @@ bool eventually(Ready ready) {
 // Runs `body`, whose value is the exit status.
 class Child {
  public:
-  using Ready = std::function<void()>;
   explicit Child(const std::function<int()>& body);
-  // Returns when the body has called what it is given, throws when it ended before.
-  explicit Child(const std::function<int(const Ready&)>& body);
   ~Child();  // kills and reaps what still runs
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -39,11 +36,10 @@ class Child {
   pid_t pid() const { return pid_; }
   void send(int signal_number) const;
   bool running();
-  // The exit status, or 128 + the signal that ended it. A child that does not end is killed after
-  // 20 seconds.
+  // The exit status, or 128 + the signal that ended it: SIGKILL after 20 seconds.
   int wait();
   // SIGTERM, then wait().
-  int terminate();
+  int stop();
 
  private:
   pid_t pid_;
@@ -52,15 +48,13 @@ class Child {
 };
 
 // Runs a program (the first word is its path) with this process's environment.
-class Process : public Child {
- public:
+struct Process : Child {
   explicit Process(const std::vector<std::string>& arguments);
 };
 
 struct Outcome {
   int status;  // as of Child::wait
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
 // Runs a program to its end.

@@ -39,9 +39,8 @@ template <class Query>
 Listed<Query> list(int (*function)(db_query_cond*, Query**), db_query_cond cond = page()) {
   Query query{.count = 4711, .total = 4711, .data = nullptr};
   Query* result = &query;
-  const bool answered = function(&cond, &result) == 0 && query.count != 4711;
-  Listed<Query> listed{answered, query.total, {}};
-  if (answered) {
+  Listed<Query> listed{function(&cond, &result) == 0 && query.count != 4711, query.total, {}};
+  if (listed.answered) {
     listed.rows.assign(query.data, query.data + query.count);
     std::free(query.data);
   }

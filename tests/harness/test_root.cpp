@@ -12,16 +12,14 @@ namespace {
 // Short, because it becomes part of abstract socket names of at most 107 bytes.
 std::string root_path = "/tmp/zt.XXXXXX";  // NOLINT: made into the real name by mkdtemp
 
-constexpr const char* kFolders[] = {"/etc/config/zorv", "/var/log/network", "/var/lock", "/var/run",
-                                    "/usr/local/sbin"};
-
 }  // namespace
 
 TestRoot::TestRoot() {
   if (mkdtemp(root_path.data()) == nullptr) {
     abort();
   }
-  for (const char* folder : kFolders) {
+  for (const char* folder :
+       {"/etc/config/zorv", "/var/log/network", "/var/lock", "/var/run", "/usr/local/sbin"}) {
     std::filesystem::create_directories(root_path + folder);
   }
   setenv("ZORV_ROOT", root_path.c_str(), 1);
