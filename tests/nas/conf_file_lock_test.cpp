@@ -100,15 +100,16 @@ TEST(ConfFileLock, WrongPathsFoldersAndFilesAreRefused) {
 TEST(ConfFileLock, AKilledHolderFreesTheLock) {
   int program[2];
   ASSERT_EQ(pipe(program), 0);
-  harness::Child holder([&program](const harness::Child::Ready& ready) {
+  harness::Child holder([&program] {
     conf_file_write_lock(kFile);
     close(program[1]);
     const std::string command = "echo; exec cat <&" + std::to_string(program[0]);
     if (getc(popen(command.c_str(), "r")) == '\n') {
-      ready();
+      harness::write_file("/held", "yes");
     }
     return pause();
   });
+  EXPECT_TRUE(harness::eventually([] { return harness::read_file("/held") == "yes"; }));
   EXPECT_FALSE(is_free());
   holder.send(SIGKILL);
   EXPECT_EQ(holder.wait(), 128 + SIGKILL);
