@@ -101,7 +101,7 @@ hang_up() {
 kill_client() {
   local process name
   for process in $(ip netns pids "$1"); do
-    read -r name <"/proc/$process/comm"
+    read -r name <"/proc/$process/comm" || continue
     [[ $name != @(pppd|pptp|xl2tpd)* ]] || kill -9 "$process" 2>/dev/null || true
   done
   wait "${client[$1]}" 2>/dev/null || true
