@@ -62,6 +62,7 @@ TEST(Hook, WithoutTheDaemonRefusesOnlyWhereAPasswordIsWrongOrUnchecked) {
       {kRenegotiation, "--on-daemon-away refuse -- true", 0, ""},
       {kVerify, "--on-daemon-away /tmp/file", 1, "'--on-daemon-away'"},
       {kVerify, "--on-daemon-away never -- true", 1, "'--on-daemon-away'"},
+      {kVerify, "--deadline 0 -- true", 1, "'--deadline'"},
       {kVerify, "--deadline 61 -- true", 1, "'--deadline'"},
       {kConnect, "0 CN=alice", 0, "script of this type", "script_type=tls-verify"},
       {kConnect, "", 1, "script_type is not set", "script_type="},
@@ -129,12 +130,13 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   EXPECT_EQ(sql(failures), Lines{"alice|3"}) << "a token is no login that forgets them";
 
   harness::write_file("/etc/config/vpn_block.conf",
-                      R"({"global": {"enable": true, "limit": 3, "time": 5}})");
+                      R"({"global": {"enable": true, "limit": 3, "time": 4.5}})");
   harness::write_file("/reason", "");
   expect_run(kVerify, "-- true", 1, failure,
              ("auth_failed_reason_file=" + harness::test_root() + "/reason").c_str());
   EXPECT_EQ(harness::read_file("/reason"), "blocked, try again in 5 minutes");
-  expect_run(kVerify, "-- true", 1, failure, "session_state=Authenticated");
+  expect_run(kVerify, "-- true", 1, failure,
+             "session_state=Authenticated trusted_ip=10.99.0.2 ifconfig_pool_remote_ip=10.8.0.2");
   expect_run(kRenegotiation, "-- true", 0, "", "username=alice");
   expect_run(kRenegotiation, "-- false", 1, "alice|4|0|now|fd77::12||0|0|tuns1|1",
              "username=alice");
@@ -159,14 +161,17 @@ TEST(Hook, RecordsAClientsConnections) {
         "SELECT username, vpn_type, uptime > 0, time - uptime, vpn_ip, action FROM "
         "conn_client_log");
   };
-  EXPECT_EQ(hook("down", "", "username=alice").status, 0);
-  EXPECT_EQ(rows(), Lines{"alice|1024|1|1795292401|10.81.0.2,fd81::1000|3"})
-      << "since the process started";
+  // Neither a connection of another process nor the end of one is this one's beginning.
+  zorvctl({"client-log", "add", "--action=login-ok", "--vpn-ip=10.81.0.2,fd81::1000", "--time=@1"});
+  for (const size_t row : {1, 2}) {
+    EXPECT_EQ(hook("down", "", "username=alice").status, 0);
+    EXPECT_EQ(rows().at(row), "alice|1024|1|1795292401|10.81.0.2,fd81::1000|3");
+  }
   EXPECT_EQ(hook("route-up").status, 0);
-  const std::string begun = sql("SELECT time FROM conn_client_log WHERE action = 2").at(0);
+  const std::string begun = sql("SELECT time FROM conn_client_log WHERE action = 2").at(1);
   EXPECT_EQ(hook("down").status, 0);
-  EXPECT_EQ(rows().at(1), "|1024|0|" + begun + "|10.81.0.2,fd81::1000|2");
-  EXPECT_EQ(rows().at(2).substr(8), begun + "|10.81.0.2,fd81::1000|3");
+  EXPECT_EQ(rows().at(3), "|1024|0|" + begun + "|10.81.0.2,fd81::1000|2");
+  EXPECT_EQ(rows().at(4).substr(8), begun + "|10.81.0.2,fd81::1000|3");
 }
 
 TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
