@@ -230,3 +230,49 @@ pam_service() {
     >"$root/with_pam"
   chmod 755 "$root/with_pam"
 }
+
+# pam_story ADDRESS: what a server that asks PAM lives through. The script gives start_server, kill_server,
+# login USER PASSWORD as above, leave [SIGNAL], and the server's address in the tunnel.
+pam_story() {
+  start_server
+  expect in bob secret
+  in_client ping -q -c 3 -i 0.2 -W 2 "$1" >"$root/ping.log" || fail "no traffic through the tunnel"
+  leave
+  for _ in 1 2; do expect refused alice wrong; done
+  expect_rows block username,limit_count <<<"alice|2"
+  expect in alice secret
+  leave
+  expect_rows block username,limit_count <<<""
+  for _ in 1 2 3; do expect refused alice wrong; done
+  expect_blocked alice
+  expect refused alice secret
+  expect_rows block username,limit_count <<<"alice|3"
+  expect in bob secret # the others are not touched by it
+  leave
+  ctl block remove -q alice
+  expect in alice secret
+  leave KILL
+
+  # A daemon that is stopped, or not there, refuses nobody.
+  kill -STOP "$daemon"
+  expect refused alice wrong
+  expect in alice secret
+  leave
+  kill -CONT "$daemon"
+  expect_rows block username,limit_count <<<""
+  end "$daemon"
+  expect in alice secret
+  leave
+  expect refused alice wrong
+  start_daemon
+  expect refused alice wrong
+  expect_rows block username,limit_count <<<"alice|1"
+
+  # A server that dies takes no count along.
+  kill_server
+  start_server
+  for _ in 1 2; do expect refused alice wrong; done
+  expect refused alice secret
+  expect_blocked alice
+  expect_block_notices 0020 0021 0020
+}
