@@ -131,7 +131,7 @@ void measure_bus(Report& report) {
   const RawServer floor([](char*, size_t length) { return length; });
   const DbusPeer dbus([](std::string_view body) { return std::string(body); });
   const Bus kept = dbus.connect();
-  for (const size_t size : {0, 36, 7192}) {
+  for (const size_t size : {size_t{0}, size_t{36}, size_t{7192}}) {
     const std::string body(size, 'b');
     const auto call_ours = [&body] {
       const kx_io_owner io(kx_io_create());
@@ -158,7 +158,7 @@ void measure_bus_reply(Report& report) {
   const harness::Child stream([&far]() noexcept { return serve_stream(far); });
   far.reset();
   const pid_t servers[] = {ours.pid(), floor.pid(), stream.pid()};
-  for (const size_t rows : {200, 4000, 100000}) {
+  for (const size_t rows : {size_t{200}, size_t{4000}, size_t{100000}}) {
     const size_t length = rows * kRow;
     const std::string work = fmt::format("bus reply of {} MB", length / 1000000);
     const std::vector<Contender> contenders{

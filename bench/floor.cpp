@@ -109,7 +109,7 @@ Connection open_database(const std::string& path) {
 }
 
 std::string copy_database(const std::string& name) {
-  const std::string copy = "/etc/config/zorv/" + name;
+  std::string copy = "/etc/config/zorv/" + name;
   std::filesystem::copy_file(harness::test_root() + harness::kDatabase, harness::test_root() + copy,
                              std::filesystem::copy_options::overwrite_existing);
   return copy;

@@ -26,8 +26,8 @@ constexpr const char* kTables[] = {
     "CREATE TABLE IF NOT EXISTS conn_server_log (id INTEGER PRIMARY KEY);",
     "CREATE TABLE IF NOT EXISTS conn_client_log (id INTEGER PRIMARY KEY);",
     "CREATE TEMPORARY TABLE server_list (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE);",
-    "CREATE TEMPORARY TABLE device_info (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, mac TEXT); "
-    "CREATE UNIQUE INDEX idx_device_info_mac ON device_info (mac);",
+    ("CREATE TEMPORARY TABLE device_info (id INTEGER PRIMARY KEY AUTOINCREMENT UNIQUE, mac TEXT); "
+     "CREATE UNIQUE INDEX idx_device_info_mac ON device_info (mac);"),
     "CREATE TABLE IF NOT EXISTS privilege_user_block (id INTEGER PRIMARY KEY);",
 };
 

@@ -37,6 +37,7 @@ double status_bytes(pid_t pid, std::string_view key) {
 void run_program(const std::vector<std::string>& words) {
   static const std::string output = harness::test_root() + "/output";
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) {
     arguments.push_back(const_cast<char*>(word.c_str()));
   }

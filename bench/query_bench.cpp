@@ -46,14 +46,14 @@ Rows list_all() {
 
 // The statements that the daemon runs for a query: before the rows, the rows, after them.
 std::vector<std::string> statements_of(const std::function<void()>& query) {
-  const auto statements = record(query).statements;
+  auto statements = record(query).statements;
   require(statements.size() == 3, "not three statements");
   return statements;
 }
 
 // A journal file with an entry a row; its path.
 std::string make_journal() {
-  const std::string journal = harness::test_root() + "/bench.journal";
+  std::string journal = harness::test_root() + "/bench.journal";
   const std::string source = harness::test_root() + "/entries";
   std::ofstream entries(source);
   for (unsigned i = 1; i <= kRows; ++i) {
@@ -135,7 +135,8 @@ void check_floor(const os::Descriptor& memfd) {
   constexpr size_t kSize = kRows * sizeof(db_conn_server_log);
   const Rows rows = list_all();
   void* bytes = mmap(nullptr, kSize, PROT_READ, MAP_SHARED, memfd.get(), 0);
-  const bool same = bytes != MAP_FAILED && memcmp(bytes, rows.get(), kSize) == 0;
+  const bool same =
+      bytes != MAP_FAILED && memcmp(bytes, static_cast<const void*>(rows.get()), kSize) == 0;
   munmap(bytes, kSize);
   require(same, "the floor's rows are not ours");
 }

@@ -51,8 +51,8 @@ os::Descriptor make_syslog(const std::string& path) {
 // Returns when the line is in the log and the program has ended.
 void log_with_logger(const std::string& path, const os::Descriptor& syslog) {
   run_program({"/usr/bin/logger", "-u", path, "-t", "openvpn",
-               "alice logged out: source 10.99.0.2, client 10.8.0.2, uptime 600, sent 1024, "
-               "received 2048, linux 6.1, OpenVPN 2.6.3, eth0"});
+               ("alice logged out: source 10.99.0.2, client 10.8.0.2, uptime 600, sent 1024, "
+                "received 2048, linux 6.1, OpenVPN 2.6.3, eth0")});
   char line[1024];
   require(recv(syslog.get(), line, sizeof line, MSG_DONTWAIT) > 0, "logger wrote nothing");
 }

@@ -43,6 +43,7 @@ double median(const std::vector<double>& values) {
 double run_batch(const Contender& contender, int batch) {
   contender.operation();
   std::vector<double> seconds;
+  seconds.reserve(static_cast<size_t>(batch));
   for (int i = 0; i < batch; ++i) {
     seconds.push_back(contender.operation());
   }
@@ -133,6 +134,7 @@ void Report::compare(const std::string& work, int rounds, int batch, Limits limi
     batch = (batch + 3) / 4;
   }
   std::vector<Result> results;
+  results.reserve(contenders.size());
   for (const Contender& contender : contenders) {
     results.push_back({contender.what, {}});
   }

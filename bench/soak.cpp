@@ -144,6 +144,7 @@ void run_client(unsigned seed, Seconds interval, std::vector<Method>& ret_method
   static std::mutex counting;
   Random random(seed);
   std::vector<unsigned> weights;
+  weights.reserve(ret_methods.size());
   for (const Method& method : ret_methods) {
     weights.push_back(method.weight);
   }

@@ -102,7 +102,7 @@ void measure_log(Report& report) {
 void measure_notification(Report& report) {
   const rlim_t limits[] = {1024, allowed(1048576, report)};
   harness::install_notify();
-  for (const size_t megabytes : {5, 500}) {
+  for (const size_t megabytes : {size_t{5}, size_t{500}}) {
     for (const rlim_t descriptors : limits) {
       const RawServer sender([=, is_one = false](char* body, size_t length) mutable {
         if (!std::exchange(is_one, true)) {
