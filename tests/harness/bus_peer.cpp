@@ -1,5 +1,6 @@
 #include "harness/bus_peer.h"
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -10,17 +11,13 @@
 #include "kx_address.h"
 
 namespace harness {
-namespace {
-
 // A socket that is connected to, or bound to, an address.
-RawSocket attached(decltype(connect)* attach, const char* address) {
+static RawSocket attached(decltype(connect)* attach, const char* address) {
   kxbus::Address name;
   kxbus::resolve_address(address, name);
   RawSocket made(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
   return attach(made.get(), name.get(), name.length) == 0 ? std::move(made) : RawSocket();
 }
-
-}  // namespace
 
 void bus_callback(const char* method, kx_io* io, int fd) {
   const os::Descriptor passed(fd);
@@ -28,11 +25,9 @@ void bus_callback(const char* method, kx_io* io, int fd) {
   if (name == "throw") {
     throw std::runtime_error("thrown by a callback");
   }
-  for (int i = name == "again" ? 0 : 1; i < 2; ++i) {
-    if (name == "echo" || name == "again" || name.size() == 255) {
-      kx_reply(io);
-      kx_io_free(io);
-    }
+  for (int i = name == "again" ? 2 : name == "echo" || name.size() == 255; i > 0; --i) {
+    kx_reply(io);
+    kx_io_free(io);
   }
   if (name == "fail") {
     kx_io_free(io);
@@ -48,15 +43,20 @@ BusServer::~BusServer() {
   kx_free(server_);
 }
 
+std::string content(const kx_io_owner& io) {
+  std::size_t length = 1;
+  const auto* bytes = static_cast<const char*>(kx_io_read(io.get(), &length));
+  EXPECT_EQ(bytes != nullptr ? bytes[length] : static_cast<char>(length), '\0');
+  return {bytes != nullptr ? bytes : "", length};
+}
+
 int bus_call(const std::string& method, const std::string& body, std::string* ret_reply,
              int timeout_s, int fd, const char* address) {
   const kx_io_owner io(kx_io_create());
   kx_io_write(io.get(), body.data(), body.size());
   const int status = kx_call(address, method.c_str(), io.get(), timeout_s, fd);
   if (status == KX_SUCCESS && ret_reply != nullptr) {
-    std::size_t length = 0;
-    const auto* bytes = static_cast<const char*>(kx_io_read(io.get(), &length));
-    ret_reply->assign(bytes != nullptr ? bytes : "", length);
+    *ret_reply = content(io);
   }
   return status;
 }
@@ -74,7 +74,7 @@ std::string Frame::bytes() const {
   return std::string(reinterpret_cast<const char*>(&header), sizeof header) + body + method;
 }
 
-RawSocket::RawSocket(int socket) : socket_(socket) {
+RawSocket::RawSocket(int socket) : os::Descriptor(socket) {
   const timeval limit{20, 0};
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
   setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);

@@ -1,5 +1,5 @@
-// Both ends of the bus for its own tests: a server in a thread, and a peer that speaks the wire by
-// hand, well or badly, without the library's encoder.
+// Both ends of the bus: a server in a thread, and a peer that speaks the wire by hand, well or
+// badly.
 #pragma once
 
 #include <unistd.h>
@@ -33,6 +33,9 @@ class BusServer {
   std::thread thread_;
 };
 
+// What a buffer holds; expects a terminator behind it.
+std::string content(const kx_io_owner& io);
+
 // Calls with a fresh buffer; the reply where there is one goes to `ret_reply`.
 int bus_call(const std::string& method, const std::string& body, std::string* ret_reply = nullptr,
              int timeout_s = 20, int fd = -1, const char* address = kBusAddress);
@@ -51,21 +54,16 @@ struct Frame {
   std::string bytes() const;
 };
 
-// A socket of the bus's kind; -1 where it could not be had. Waits 20 seconds at most.
-class RawSocket {
- public:
+// A socket of the bus's kind, invalid where it could not be had. Waits 20 seconds at most.
+struct RawSocket : os::Descriptor {
   explicit RawSocket(int socket = -1);
   static RawSocket connected(const char* address = kBusAddress);
   static RawSocket listening(const char* address = kBusAddress);
   RawSocket accept() const;
 
-  int get() const { return socket_.get(); }
   bool send(const std::string& bytes, const std::vector<int>& descriptors = {}) const;
   std::string receive() const;  // "" at the end
   int status() const;           // of the reply that comes; -1 for none, -2 for nonsense
-
- private:
-  os::Descriptor socket_;
 };
 
 // How many it has open.

@@ -2,10 +2,9 @@
 
 #include <sqlite3.h>
 
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <regex>
 #include <stdexcept>
 
 #include "kxbus.h"
@@ -54,23 +53,14 @@ Outcome zorvctl(const std::vector<std::string>& words, const std::string& input)
 }
 
 std::vector<LogLine> log_lines() {
+  static const std::regex kPrefix(
+      R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \d+ \[([A-Z]+)\] ([a-z_]+) \[\d+\] ([^:]+):)");
   const std::string text = read_file(kLogFile);
   std::vector<LogLine> lines;
-  for (size_t at = 0, length = 0; at < text.size(); at += length) {
-    char level[8], module[64], function[64];
-    int prefix = 0;
-    const bool begins = std::isdigit(static_cast<unsigned char>(text[at])) != 0 &&
-                        sscanf(text.c_str() + at,
-                               "%*4[0-9]-%*2[0-9]-%*2[0-9] %*2[0-9]:%*2[0-9]:%*2[0-9] %*d "
-                               "[%7[A-Z]] %63[a-z_] [%*d] %63[^:]:%n",
-                               level, module, function, &prefix) == 3 &&
-                        prefix > 0;
-    if (begins) {
-      lines.push_back({level, module, function, ""});
-    } else if (!lines.empty()) {
-      lines.back().text += text[at];
-    }
-    length = begins ? static_cast<size_t>(prefix) : 1;
+  for (std::sregex_iterator next(text.begin(), text.end(), kPrefix), end; next != end;) {
+    const std::smatch prefix = *next++;
+    const auto text_end = next != end ? (*next)[0].first : text.end();
+    lines.push_back({prefix[1], prefix[2], prefix[3], {prefix[0].second, text_end}});
   }
   return lines;
 }
@@ -85,9 +75,8 @@ std::vector<std::string> log_texts(const std::string& module) {
   return texts;
 }
 
-std::vector<std::string> new_log_texts(const std::string& module, const std::string& level) {
+std::vector<std::string> new_log_texts(const std::string& module) {
   std::vector<std::string> texts = log_texts(module);
-  std::erase_if(texts, [&](const std::string& text) { return !text.starts_with(level); });
   write_file(kLogFile, "");
   return texts;
 }

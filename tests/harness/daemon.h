@@ -1,4 +1,4 @@
-// The real daemon in the test's own root, and what it left behind there.
+// The real programs in the test's own root, and what they left behind there.
 #pragma once
 
 #include <string>
@@ -28,7 +28,6 @@ struct PlatformDaemon : Process {
   PlatformDaemon();
 };
 
-// Runs zorvctl to its end.
 Outcome zorvctl(const std::vector<std::string>& words, const std::string& input = "");
 
 // Waits until somebody listens on a bus address.
@@ -40,10 +39,9 @@ struct LogLine {
   std::string text;  // its newline included, where it has one
 };
 std::vector<LogLine> log_lines();
-// Those of one module, as "LEVEL text".
+// Those of one module, as "LEVEL text"; the new ones are those since the last call.
 std::vector<std::string> log_texts(const std::string& module);
-// Those of one module and level (an empty one is any) since the last call.
-std::vector<std::string> new_log_texts(const std::string& module, const std::string& level = "");
+std::vector<std::string> new_log_texts(const std::string& module);
 bool log_holds(const std::string& text);
 
 // The notifications, once there are at least `count` of them (or after some seconds, fewer).

@@ -1,23 +1,18 @@
 #include "harness/fake_service.h"
 
-#include <unistd.h>
-
 #include <fstream>
 
+#include "descriptor.h"
 #include "harness/test_root.h"
 #include "kxbus.h"
 
 namespace harness {
-namespace {
-
 // The child's; its callback is a plain function.
-std::map<std::string, FakeService::Answer> known_answers;
-std::string record_path;
+static std::map<std::string, FakeService::Answer> known_answers;
+static std::string record_path;
 
-void answer_request(const char* method, kx_io* io, int fd) {
-  if (fd >= 0) {
-    close(fd);
-  }
+static void answer_request(const char* method, kx_io* io, int fd) {
+  const os::Descriptor passed(fd);
   const auto known = known_answers.find(method);
   if (known == known_answers.end()) {
     return;
@@ -25,7 +20,7 @@ void answer_request(const char* method, kx_io* io, int fd) {
   size_t length = 0;
   const auto* request = static_cast<const char*>(kx_io_read(io, &length));
   std::ofstream(record_path, std::ios::app)
-      << method << ' ' << std::string(request != nullptr ? request : "", length) << std::endl;
+      << method << ' ' << std::string_view(request, length) << std::endl;
   if (const std::optional<std::string> reply = known->second()) {
     kx_io_realloc(io, 0);
     kx_io_write(io, reply->data(), reply->size());
@@ -33,8 +28,6 @@ void answer_request(const char* method, kx_io* io, int fd) {
   }
   kx_io_free(io);
 }
-
-}  // namespace
 
 FakeService::FakeService(const char* address, std::map<std::string, Answer> answers) {
   static int count = 0;

@@ -1,27 +1,13 @@
 #include "harness/process.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "harness/test_root.h"
 
 namespace harness {
-namespace {
-
-int become(const std::vector<std::string>& arguments) {
-  std::vector<char*> words(arguments.size() + 1);
-  std::transform(arguments.begin(), arguments.end(), words.begin(),
-                 [](const std::string& word) { return const_cast<char*>(word.data()); });
-  execv(words[0], words.data());
-  return 127;
-}
-
-}  // namespace
 
 Child::Child(const std::function<int()>& body) : pid_(fork()) {
   if (pid_ == 0) {
@@ -31,23 +17,18 @@ Child::Child(const std::function<int()>& body) : pid_(fork()) {
 }
 
 Child::~Child() {
-  if (!reaped_) {
+  if (running()) {
     send(SIGKILL);
     wait();
   }
 }
 
-void Child::send(int signal_number) const {
-  kill(pid_, signal_number);
-}
-
 bool Child::running() {
   int status = 0;
-  if (!reaped_ && waitpid(pid_, &status, WNOHANG) == pid_) {
+  if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) {
     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    reaped_ = true;
   }
-  return !reaped_;
+  return !status_;
 }
 
 int Child::wait() {
@@ -55,16 +36,18 @@ int Child::wait() {
     send(SIGKILL);
     wait();
   }
-  return status_;
+  return *status_;
 }
 
-int Child::stop() {
-  send(SIGTERM);
-  return wait();
+int become(const std::vector<std::string>& arguments) {
+  std::vector<char*> words;
+  for (const std::string& word : arguments) {
+    words.push_back(const_cast<char*>(word.data()));
+  }
+  words.push_back(nullptr);
+  execv(words[0], words.data());
+  return 127;
 }
-
-Process::Process(const std::vector<std::string>& arguments)
-    : Child([&arguments] { return become(arguments); }) {}
 
 Outcome run(const std::vector<std::string>& arguments, const std::string& input) {
   // Through files: neither side can block on a full pipe.
@@ -79,8 +62,7 @@ Outcome run(const std::vector<std::string>& arguments, const std::string& input)
     }
     return become(arguments);
   });
-  const int status = child.wait();
-  return {status, read_file(files[1]), read_file(files[2])};
+  return {child.wait(), read_file(files[1]), read_file(files[2])};
 }
 
 }  // namespace harness

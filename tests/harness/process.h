@@ -1,11 +1,10 @@
-// Functions and programs run by a test in processes of their own. None outlives its object or the
-// test.
+// Functions and programs in processes of their own, none of which outlives its object or the test.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
+#include <csignal>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,22 +33,26 @@ class Child {
   Child& operator=(const Child&) = delete;
 
   pid_t pid() const { return pid_; }
-  void send(int signal_number) const;
+  void send(int signal_number) const { kill(pid_, signal_number); }
   bool running();
   // The exit status, or 128 + the signal that ended it: SIGKILL after 20 seconds.
   int wait();
-  // SIGTERM, then wait().
-  int stop();
+  int stop() {
+    send(SIGTERM);
+    return wait();
+  }
 
  private:
   pid_t pid_;
-  int status_ = -1;
-  bool reaped_ = false;
+  std::optional<int> status_;
 };
 
-// Runs a program (the first word is its path) with this process's environment.
+// Becomes a program, the first word being its path; 127 where it cannot.
+int become(const std::vector<std::string>& arguments);
+
 struct Process : Child {
-  explicit Process(const std::vector<std::string>& arguments);
+  explicit Process(const std::vector<std::string>& arguments)
+      : Child([&arguments] { return become(arguments); }) {}
 };
 
 struct Outcome {

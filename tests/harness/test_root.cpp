@@ -7,12 +7,8 @@
 #include <sstream>
 
 namespace harness {
-namespace {
-
 // Short, because it becomes part of abstract socket names of at most 107 bytes.
-std::string root_path = "/tmp/zt.XXXXXX";  // NOLINT: made into the real name by mkdtemp
-
-}  // namespace
+static std::string root_path = "/tmp/zt.XXXXXX";  // NOLINT: made into the real name by mkdtemp
 
 TestRoot::TestRoot() {
   if (mkdtemp(root_path.data()) == nullptr) {
@@ -40,8 +36,7 @@ std::string read_file(std::string_view path) {
 }
 
 void write_file(std::string_view path, std::string_view content) {
-  std::ofstream file(root_path + std::string(path), std::ios::binary | std::ios::trunc);
-  file.write(content.data(), static_cast<std::streamsize>(content.size()));
+  std::ofstream(root_path + std::string(path), std::ios::binary | std::ios::trunc) << content;
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
