@@ -16,8 +16,8 @@ namespace harness {
 
 inline constexpr const char* kBusAddress = "@bus";
 
-// What it does is named by the method: "echo" and the longest name reply what came, "again" replies
-// and frees twice over, "fail" frees the buffer, "throw" throws. Others are unknown.
+// Named by the method: "echo" and the longest name reply what came, "again" does so twice, "fail"
+// frees the buffer, "throw" throws. Others are unknown.
 void bus_callback(const char* method, kx_io* io, int fd);
 
 // Serves from construction to destruction.

@@ -10,15 +10,11 @@
 #include "kxbus.h"
 
 namespace harness {
-namespace {
 
-std::vector<std::string> command(const char* name, const std::vector<std::string>& words) {
-  std::vector<std::string> whole{program(name)};
-  whole.insert(whole.end(), words.begin(), words.end());
-  return whole;
+static std::vector<std::string> command(const char* name, std::vector<std::string> words) {
+  words.insert(words.begin(), program(name));
+  return words;
 }
-
-}  // namespace
 
 std::string program(const std::string& name) {
   const char* const other_build = getenv("ZORV_TEST_PROGRAMS");
@@ -86,12 +82,8 @@ bool log_holds(const std::string& text) {
 }
 
 std::vector<std::string> notifications(size_t count) {
-  std::vector<std::string> lines;
-  eventually([&] {
-    lines = lines_of(read_file(kNotifications));
-    return lines.size() >= count;
-  });
-  return lines;
+  eventually([count] { return lines_of(read_file(kNotifications)).size() >= count; });
+  return lines_of(read_file(kNotifications));
 }
 
 std::vector<std::string> sql(const std::string& statement) {
@@ -101,11 +93,10 @@ std::vector<std::string> sql(const std::string& statement) {
   sqlite3_busy_timeout(db, 6000);
   sqlite3_exec(db, "PRAGMA synchronous = OFF", nullptr, nullptr, nullptr);
   const auto add_row = [](void* user, int count, char** texts, char**) {
-    std::string row;
+    std::string& row = static_cast<std::vector<std::string>*>(user)->emplace_back();
     for (int i = 0; i < count; ++i) {
       row += std::string(i == 0 ? "" : "|") + (texts[i] != nullptr ? texts[i] : "NULL");
     }
-    static_cast<std::vector<std::string>*>(user)->push_back(row);
     return 0;
   };
   if (sqlite3_exec(db, statement.c_str(), add_row, &rows, nullptr) != SQLITE_OK) {

@@ -13,11 +13,9 @@ inline constexpr const char* kLogFile = "/var/log/network/ZORV.log";
 inline constexpr const char* kNotifications = "/var/log/network/notifications.jsonl";
 inline constexpr const char* kDatabase = "/etc/config/zorv/zorv.db";
 
-// A program of this build, or of the one that ZORV_TEST_PROGRAMS names, for example "zorvctl".
+// The path of a program of this build, or of the one that ZORV_TEST_PROGRAMS names.
 std::string program(const std::string& name);
-
-// Puts the notification tool where the daemon looks for it.
-void install_notify();
+void install_notify();  // where the daemon looks for it
 
 // zorvd in the foreground, and platformd, serving when the constructor returns.
 struct Daemon : Process {
