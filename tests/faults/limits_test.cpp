@@ -1,9 +1,9 @@
 // Files that cannot grow and memory that is short, in the daemon and in its caller: the caller gets
 // a status that tells the truth, nothing stays open, and the next request is served.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
 
+#include <csignal>
 #include <fstream>
 
 #include "harness/bus_peer.h"
@@ -40,11 +40,9 @@ TEST(Limits, FilesThatCannotGrowFailOneRequest) {
     EXPECT_EQ(query(3), KX_SUCCESS) << most;
   }
   limit(daemon.pid(), RLIMIT_FSIZE, 4096);
-  for (int i = 0; i < 3; ++i) {
-    harness::write_file(harness::kLogFile, "");
-    EXPECT_EQ(call(zorv::kServerLog.methods.insert, "alice"), KX_SUCCESS);
-    EXPECT_TRUE(harness::log_holds("err = disk I/O error"));
-  }
+  harness::write_file(harness::kLogFile, "");
+  EXPECT_EQ(call(zorv::kServerLog.methods.insert, "alice"), KX_SUCCESS);
+  EXPECT_TRUE(harness::log_holds("err = disk I/O error"));
   limit(daemon.pid(), RLIMIT_FSIZE);
   limit(getpid(), RLIMIT_FSIZE, 70'000);
   EXPECT_EQ(query(3, 100'000), KX_IO_FAILURE);
