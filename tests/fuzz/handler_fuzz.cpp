@@ -3,9 +3,8 @@
 // Input: requests, each a byte that chooses the method, two bytes (low first) with the length of
 // the payload, and the payload. One choice more: what the policy service answers from then on.
 //
-// The store lives as long as the process, as it does in the daemon. But every connection gets its
-// temporary tables anew, where a failed statement would end them for good, and now and then the
-// tables are emptied.
+// The store lives as long as the process. Every connection gets its temporary tables anew, where a
+// failed statement would end them for good, and now and then the tables are emptied.
 #include <cassert>
 #include <cstring>
 #include <filesystem>
@@ -49,21 +48,15 @@ void sweep() {
                "DELETE FROM conn_server_log; DELETE FROM conn_client_log;"
                "DELETE FROM privilege_user_block;",
                expect_table_as_made, nullptr, nullptr);
-  // A column that does not exist: the statement fails, and the next connection's table is empty.
-  const db_query_cond cond{0, 0, 0, 0, "none", "none"};
-  zorv_api::Rows rows;
-  zorv_api::query(zorv::kServerList, cond, rows);
-  zorv_api::query(zorv::kDeviceInfo, cond, rows);
+  zorv_api::Rows rows;  // a column that does not exist costs the connection its tables
+  zorv_api::query(zorv::kServerList, {0, 0, 0, 0, "none", "none"}, rows);
+  zorv_api::query(zorv::kDeviceInfo, {0, 0, 0, 0, "none", "none"}, rows);
 }
 
 void answer_policy(const char* /*method*/, kx_io* io, int /*fd*/) {
   kx_io_realloc(io, 0);
   kx_io_write(io, policy.data(), policy.size());
   kx_reply(io);
-}
-
-void serve(const char* address, kx_method_callback callback) {
-  std::thread([server = kx_create(address, 4, 1, callback)] { kx_start(server); }).detach();
 }
 
 void check_call(const char* method, const std::string& payload) {
@@ -102,14 +95,15 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   sqlite3_auto_extension(reinterpret_cast<void (*)()>(make_temporary_tables));
   store::open_tables();
   sqlite3_open(os::rooted(store::kDatabaseFile).c_str(), &side_connection);
-  serve("vpncaas", answer_policy);
-  serve(kZorvdAddress, zorvd_method_handler);
+  for (kx_server* server : {kx_create("vpncaas", 4, 1, answer_policy),
+                            kx_create(kZorvdAddress, 4, 1, zorvd_method_handler)}) {
+    std::thread(kx_start, server).detach();
+  }
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static unsigned inputs = 0;
-  if (inputs++ % 512 == 0) {
+  if (static unsigned inputs = 0; inputs++ % 512 == 0) {
     sweep();
   }
   policy = R"({"data":{"global":{"enable":true,"limit":2,"time":1}},"error":0})";
