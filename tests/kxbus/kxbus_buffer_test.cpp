@@ -1,18 +1,11 @@
 // The buffer on its own, on both sides of the size where it moves to memory of its own.
 #include <gtest/gtest.h>
 
-#include <string>
-
-#include "kxbus.h"
+#include "harness/bus_peer.h"
 
 namespace {
 
-std::string content(const kx_io_owner& io) {
-  std::size_t length = 1;
-  const auto* bytes = static_cast<const char*>(kx_io_read(io.get(), &length));
-  EXPECT_EQ(bytes != nullptr ? bytes[length] : static_cast<char>(length), '\0');
-  return {bytes != nullptr ? bytes : "", length};
-}
+using harness::content;
 
 // The same operations on a buffer and on a string.
 TEST(Buffer, FollowsAString) {
