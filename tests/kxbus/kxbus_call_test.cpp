@@ -108,10 +108,10 @@ TEST(Call, PassesADescriptorAlongAndLeavesNoneToChildren) {
     char bytes[8] = {};
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     EXPECT_EQ(bus_call("m", std::string(size, 'x'), nullptr, 20, ends[1]), KX_SUCCESS);
+    close(ends[1]);
     EXPECT_EQ(read(ends[0], bytes, sizeof bytes), 7);
     EXPECT_EQ(with_request, before);
     close(ends[0]);
-    close(ends[1]);
   }
 }
 
