@@ -156,4 +156,14 @@ TEST(Lock, HeldLongerLosesTheRequestAndNothingElse) {
   EXPECT_EQ(daemon.stop(), 0);
 }
 
+TEST(Storage, AKillKeepsWhatWasAcknowledged) {
+  harness::Daemon daemon;
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(insert("user"), KX_SUCCESS);
+  }
+  daemon.process().send(SIGKILL);
+  EXPECT_EQ(daemon.process().wait(), 128 + SIGKILL);
+  EXPECT_EQ(sql("SELECT Count(*) FROM conn_server_log"), Texts{"20"});
+}
+
 }  // namespace
