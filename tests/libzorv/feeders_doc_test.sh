@@ -1,13 +1,10 @@
 #!/usr/bin/env bash
-# Runs the examples of docs/feeders.md against the daemon: feeders_doc_test.sh SOURCE BUILD CC
-#
-# Each records alice's login, in the same words, and stops at her block. The C example is compiled as
-# C89, and what the library exports is what zorv.h declares.
+# feeders_doc_test.sh SOURCE BUILD CC: each example of docs/feeders.md, the one in C as C89, records
+# alice's login in the same words and stops at her block; the library exports what zorv.h declares.
 set -euo pipefail
 source=$1 build=$2 compiler=$3
 library=$build/lib/libzorv.so.1
-fail() { echo "FAILED: $1" >&2; exit 1; }
-same() { diff <(echo "$2") <(echo "$3") || fail "other $1 than these"; }
+same() { diff -u --label "wanted $1" --label "found $1" <(echo "$2") <(echo "$3"); }
 
 declared=$(sed -E '/^( \*|\/\*)/d' "$source/src/libzorv/zorv.h" | grep -o 'zorv_[a-z_]*(')
 exported=$(nm -D --defined-only "$library" | awk '$2 != "A" { print $3 }')
@@ -18,8 +15,7 @@ ZORV_ROOT=$(mktemp -d /tmp/zf.XXXXXX)
 export ZORV_ROOT LD_LIBRARY_PATH=$build/lib PATH=$build/bin:$PATH
 trap 'kill $(jobs -p); wait; rm -rf "$ZORV_ROOT"' EXIT
 cd "$ZORV_ROOT"
-mkdir -p etc/config/zorv var/log/network var/lock var/run usr/local/sbin
-ln -s "$build/bin/notify" usr/local/sbin/notify
+mkdir -p etc/config/zorv var/log/network var/lock var/run
 echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >etc/config/vpn_block.conf
 platformd >platformd.out & zorvd >zorvd.out &
 for language in c python sh; do sed -n "/^\`\`\`$language\$/,/^\`\`\`\$/{/^\`/!p}" "$source/docs/feeders.md" >"example.$language"; done

@@ -1,13 +1,10 @@
-// The C interface as its callers use it: the shared library against the real daemon, and against
-// what may stand in the daemon's place.
+// The shared library against the real daemon, and what may stand in the daemon's place.
 #include "zorv.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <optional>
 #include <thread>
 
 #include "harness/daemon.h"
@@ -18,15 +15,11 @@ namespace {
 using harness::sql;
 using Texts = std::vector<std::string>;
 
-constexpr const char* kZorvd = "@/var/run/zorvd.sock";
 constexpr zorv_server_record kAlice{sizeof kAlice, 2,      "alice", "192.0.2.7", "10.8.0.2",
                                     "phone",       "ppp0", 1700,    61,          5000000000,
                                     UINT64_MAX,    -1,     2};
 constexpr zorv_client_record kOffice{sizeof kOffice, 65536, "nas", "10.9.0.2", "192.0.2.1", "DEU",
                                      1800,           3,     4,     5,          6,           7};
-
-// A page of one user, of whom everything is 0.
-const std::string kRow = std::string("\1\0\0\0\0\0\0\0\1", 9) + std::string(15 + 1048, '\0');
 
 // "ANSWER STATUS SECONDS_LEFT".
 std::string ask(const char* username, uint32_t deadline_ms = 0) {
@@ -55,9 +48,9 @@ TEST(Zorv, RecordsEveryMemberThatTheCallerKnows) {
       "alice|2|61|1700|phone|192.0.2.7|10.8.0.2|-1|2|5000000000|9223372036854775807|ppp0|";
   EXPECT_EQ(sql("SELECT * FROM conn_server_log WHERE id < 4"),
             (Texts{"1|" + server + "2", "2|" + server + "1", "3|" + server + "3"}));
-  EXPECT_EQ(sql("SELECT source_ip, device_info, uptime, strftime('%s') - time BETWEEN 0 AND 60 "
+  EXPECT_EQ(sql("SELECT source_ip, device_info, strftime('%s') - time BETWEEN 0 AND 60 "
                 "FROM conn_server_log WHERE id = 4"),
-            Texts{"192.0.2.7||0|1"});
+            Texts{"192.0.2.7||1"});
   const std::string client = "nas|65536|3|1800|10.9.0.2|6|7|4|5|DE|192.0.2.1|";
   EXPECT_EQ(sql("SELECT * FROM conn_client_log"),
             (Texts{"1|" + client + "2", "2|" + client + "3"}));
@@ -66,22 +59,14 @@ TEST(Zorv, RecordsEveryMemberThatTheCallerKnows) {
 // Before the daemon, which is away, is asked.
 TEST(Zorv, RefusesWrongArguments) {
   const zorv_call sizeless_call{0, 0, 0};
-  zorv_block sizeless_block{0, 77, 77};
   zorv_server_record client_kind = kAlice;
   client_kind.vpn_type = ZORV_PPTP_CLIENT;
-  zorv_client_record server_kind = kOffice;
-  server_kind.vpn_type = ZORV_PPTP_SERVER;
-  EXPECT_EQ(zorv_check_block("alice", &sizeless_block, nullptr), ZORV_UNKNOWN);
-  EXPECT_EQ(ask(nullptr), "2 7 0");
-  const int statuses[] = {zorv_record_login(nullptr, nullptr),
-                          zorv_record_login(&kAlice, &sizeless_call),
-                          zorv_record_login_failure(&client_kind, nullptr),
-                          zorv_record_client_login(&server_kind, nullptr),
-                          zorv_count_failure("", nullptr),
-                          zorv_forget_failures("", nullptr)};
-  for (const int& status : statuses) {
-    EXPECT_EQ(status, ZORV_INVALID) << "call " << &status - statuses;
-  }
+  EXPECT_EQ(zorv_record_login(nullptr, nullptr), ZORV_INVALID);
+  EXPECT_EQ(zorv_record_login(&kAlice, &sizeless_call), ZORV_INVALID);
+  EXPECT_EQ(zorv_record_login_failure(&client_kind, nullptr), ZORV_INVALID);
+  EXPECT_EQ(ask(nullptr) + ", " + ask(""), "2 7 0, 2 7 0");
+  EXPECT_EQ(zorv_server_type(nullptr), 0);
+  EXPECT_STREQ(zorv_status_text(ZORV_NO_MEMORY + 1), "unknown status");
 }
 
 // A name is one name in records, counts and blocks; what would hurt a reader does not get there.
@@ -89,15 +74,12 @@ TEST(Zorv, KeepsStrangeNamesHarmless) {
   const harness::Daemon daemon;
   const std::string x1023(1023, 'x');
   const std::pair<std::string, std::string> names[] = {
-      {"a'b\"c`; %s%n", "a'b\"c`; %s%n"},
-      {"a\nb\r\x1b[31m\x7f\t", "a_b__[31m__"},
-      {"z\xc3\xbc\xc2\x9b\xc2\xa0", "z\xc3\xbc_\xc2\xa0"},
+      {"a\nb\x7f\t\xc2\x9b\xc2\xa0", "a_b___\xc2\xa0"},
       {std::string(40, '\xff') + "\xc3", std::string(40, '\xff') + "\xc3"},
       {x1023 + "yz", x1023 + "y"},
       {x1023 + "\xc3\xbc", x1023},
   };
   for (const auto& [given, kept] : names) {
-    SCOPED_TRACE(kept.substr(0, 60));
     zorv_server_record record = kAlice;
     record.username = given.c_str();
     EXPECT_EQ(zorv_record_login(&record, nullptr), ZORV_DONE);
@@ -105,13 +87,12 @@ TEST(Zorv, KeepsStrangeNamesHarmless) {
     EXPECT_EQ(sql("SELECT username FROM conn_server_log ORDER BY id DESC LIMIT 1"), Texts{kept});
     EXPECT_EQ(sql("SELECT username FROM privilege_user_block"), Texts{kept});
     EXPECT_EQ(zorv_forget_failures(given.c_str(), nullptr), ZORV_DONE);
-    EXPECT_EQ(sql("SELECT username FROM privilege_user_block"), Texts{});
   }
 }
 
 TEST(Zorv, TellsBlockedFromNotBlockedFromUnknown) {
   EXPECT_EQ(ask("eve"), "2 2 0") << "away";
-  harness::Daemon daemon;
+  const harness::Daemon daemon;
   EXPECT_EQ(ask("eve"), "2 8 0") << "no policy";
   const harness::PlatformDaemon platform;
   harness::write_file("/etc/config/vpn_block.conf",
@@ -127,102 +108,57 @@ TEST(Zorv, TellsBlockedFromNotBlockedFromUnknown) {
   EXPECT_LE(block.seconds_left, 200U);
   block = {offsetof(zorv_block, seconds_left), 77, 77};
   EXPECT_EQ(zorv_check_block("adam", &block, nullptr), ZORV_NOT_BLOCKED);
-  EXPECT_EQ(block.status, ZORV_DONE);
   EXPECT_EQ(block.seconds_left, 77U) << "written behind the caller's structure";
-
-  daemon.process().send(SIGSTOP);
-  EXPECT_EQ(ask("eve_", 200), "2 1 0");
-  daemon.process().send(SIGCONT);
   EXPECT_EQ(zorv_forget_failures("eve_", nullptr), ZORV_DONE);
   EXPECT_EQ(ask("eve_"), "0 0 0");
 }
 
-// Whoever has the daemon's name, or the policy's, answers as it likes: at worst a user is "blocked"
-// for an unknown time.
+// Where the time is not told, or not in time, a user is "blocked" for an unknown one.
 TEST(Zorv, SurvivesAnything) {
-  const char* const sound = R"({"error": 0})";
+  const std::string row_of_anybody = std::string("\1\0\0\0\0\0\0\0\1", 9) + std::string(1063, '\0');
   const struct {
-    std::optional<std::string> check;
-    std::optional<std::string> query;
-    std::optional<std::string> policy;
+    int pause_ms;  // before the first and the last of the three answers
+    std::string query;
+    std::string policy;
     const char* expected;
-  } cases[] = {
-      {"-1", kRow, sound, "2 8 0"},
-      {std::string(100000, '1'), kRow, sound, "2 8 0"},
-      {std::nullopt, kRow, sound, "2 4 0"},
-      {"1", std::nullopt, sound, "1 0 ?"},
-      {"1", std::string(24, '\xff'), sound, "1 0 ?"},
-      {"1", kRow, sound, "1 0 0"},
-      {"1", kRow, std::nullopt, "1 0 ?"},
-      {"1", kRow, "", "1 0 ?"},
-      {"1", kRow, R"({"error": 1, "data": {"global": {"enable": true}}})", "1 0 ?"},
-      {"1", kRow, R"({"data": {"global": {"enable": true}}})", "1 0 ?"},
-      {"1", kRow, R"({"error": 0, "data": {"global": {"enable": true, "time": -3}}})", "1 0 0"},
+  } rows[] = {
+      {0, row_of_anybody, R"({"error": 0})", "1 0 0"},
+      {1200, row_of_anybody, R"({"error": 0})", "1 0 ?"},
+      {0, std::string(24, '\xff'), R"({"error": 0})", "1 0 ?"},
+      {0, row_of_anybody, R"({"error": 1, "data": {"global": {"enable": true}}})", "1 0 ?"},
   };
-  for (const auto& one : cases) {
-    const harness::FakeService policy("vpncaas", "read_json", one.policy);
+  for (const auto& row : rows) {
+    const auto slowly = [&row](const std::string& answer) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(row.pause_ms));
+      return answer;
+    };
+    const harness::FakeService policy("vpncaas",
+                                      {{"read_json", [&] { return slowly(row.policy); }}});
     const harness::FakeService zorvd(
-        kZorvd, {{"db_privilege_user_block_check", [&] { return one.check; }},
-                 {"db_privilege_user_block_query", [&] { return one.query; }}});
-    EXPECT_EQ(ask("eve"), one.expected) << one.policy.value_or("none");
-    EXPECT_EQ(zorv_count_failure("eve", nullptr), ZORV_INVALID);
+        "@/var/run/zorvd.sock", {{"db_privilege_user_block_check", [&] { return slowly("1"); }},
+                                 {"db_privilege_user_block_query", [&] { return row.query; }}});
+    EXPECT_EQ(ask("eve", 2000), row.expected) << &row - rows;
   }
 }
 
-// The first answer takes more than half of the deadline, so that the last one comes too late.
-TEST(Zorv, SharesTheDeadlineAmongItsQuestions) {
-  const auto slowly = [](const char* answer) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-    return answer;
-  };
-  const harness::FakeService zorvd(kZorvd,
-                                   {{"db_privilege_user_block_check", [=] { return slowly("1"); }},
-                                    {"db_privilege_user_block_query", [] { return kRow; }}});
-  const harness::FakeService policy("vpncaas",
-                                    {{"read_json", [=] { return slowly(R"({"error": 0})"); }}});
-  EXPECT_EQ(ask("eve", 2000), "1 0 ?");
-  EXPECT_EQ(policy.calls().size(), 1U);
-}
-
-// A stranger who has taken the daemon's name is not told anything, and the refused allow list, of
-// which the bus would speak on standard error, is not spoken of.
-TEST(Zorv, TellsASquatterNothing) {
+// The bus, which would speak of the allow list when somebody else has the daemon's name, is silent.
+TEST(Zorv, SpeaksOnlyWhereAsked) {
   if (geteuid() != 0) {
     GTEST_SKIP() << "only root can be somebody else";
   }
   mkdir((harness::test_root() + "/etc/config/kxbus").c_str(), 0755);
-  harness::write_file("/etc/config/kxbus/zorvd.allow", "server 12345\n");
-  chmod((harness::test_root() + "/etc/config/kxbus/zorvd.allow").c_str(), 0666);
+  harness::write_file("/etc/config/kxbus/zorvd.allow", "nonsense\n");
   chmod(harness::test_root().c_str(), 0777);
   ASSERT_EQ(seteuid(12345), 0);
-  const harness::FakeService squatter(kZorvd, "db_privilege_user_block_check", "1");
+  const harness::FakeService squatter("@/var/run/zorvd.sock", {});
   ASSERT_EQ(seteuid(0), 0);
   testing::internal::CaptureStderr();
-  EXPECT_EQ(ask("eve"), "2 4 0");
-  EXPECT_EQ(zorv_count_failure("eve", nullptr), ZORV_REFUSED);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-  EXPECT_EQ(squatter.calls(), Texts{});
-}
-
-TEST(Zorv, LogsOnlyWhereAsked) {
   const zorv_call logging{sizeof logging, 0, ZORV_LOG_LINES};
-  EXPECT_EQ(zorv_record_login(&kAlice, nullptr), ZORV_AWAY);
-  EXPECT_EQ(zorv_count_failure("a\n%s", &logging), ZORV_AWAY);
-  const std::vector<harness::LogLine> lines = harness::log_lines();
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0].level + " " + lines[0].module + " " + lines[0].function + ":" + lines[0].text,
-            "ERROR libzorv zorv_count_failure:a_%s: the daemon does not run\n");
-}
-
-TEST(Zorv, NamesKindsAndStatuses) {
-  EXPECT_EQ(zorv_server_type("OpenVPN"), ZORV_OPENVPN_SERVER);
-  EXPECT_EQ(zorv_server_type("openvp"), 0);
-  EXPECT_EQ(zorv_server_type(nullptr), 0);
-  EXPECT_EQ(zorv_client_type(ZORV_WIREGUARD_SERVER), ZORV_WIREGUARD_CLIENT);
-  EXPECT_EQ(zorv_client_type(ZORV_WIREGUARD_CLIENT), 0);
-  EXPECT_STREQ(zorv_status_text(ZORV_NO_MEMORY), "no memory");
-  EXPECT_STREQ(zorv_status_text(-1), "unknown status");
-  EXPECT_STREQ(zorv_status_text(ZORV_NO_MEMORY + 1), "unknown status");
+  EXPECT_EQ(zorv_record_login(&kAlice, nullptr), ZORV_REFUSED);
+  EXPECT_EQ(zorv_count_failure("a\n%s", &logging), ZORV_REFUSED);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(harness::log_texts("libzorv"),
+            Texts{std::string("ERROR a_%s: ") + zorv_status_text(ZORV_REFUSED) + "\n"});
 }
 
 }  // namespace
