@@ -163,16 +163,16 @@ TEST(WireguardNames, AreTheFilesThenTheCommentsThenTheKeys) {
 
 TEST(WireguardBook, OfAnotherWatcherOrDamagedIsLeftAlone) {
   BookFile file("", "wg0");
-  BookFile other("", "wg0");
   EXPECT_TRUE(file.lock());
-  EXPECT_FALSE(other.lock());
+  EXPECT_FALSE(BookFile("", "wg0").lock());
   Book book;
   book.setup = {"first", 1};
-  book.pending.push_back({true, "\xff\"\n", "", "", 5, 6, 7, 8});
+  book.pending.push_back({true, "\xff\"\n", "192.0.2.7", "10.0.0.2", kEpoch + 5, 0, 0, 0});
+  book.pending.push_back({false, "b", "192.0.2.7", "10.0.0.2", kEpoch + 5, 6, 7, 8});
   ASSERT_TRUE(file.write(book));
-  const std::optional<Book> read = file.read();
-  ASSERT_TRUE(read && read->pending.size() == 1);
-  EXPECT_EQ(read->pending[0].name, "?\"\n");
+  std::optional<Book> read = file.read();
+  ASSERT_TRUE(read);
+  EXPECT_EQ(told(*read), "in 5 ?\"\n, out 5 b 6 s 7/8");
   harness::write_file("/wg0.json", "{\"looked\": 5}");
   EXPECT_EQ(file.read()->setup.boot, "");
   EXPECT_EQ(harness::read_file("/wg0.json.damaged"), "{\"looked\": 5}");
