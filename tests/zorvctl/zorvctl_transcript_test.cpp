@@ -13,25 +13,26 @@ class Transcript : public testing::TestWithParam<std::string> {
  protected:
   // In the root, with the programs of this build in front; or one of three words of the test's own.
   std::string answer_to(const std::string& command) {
-    std::string answer;
     if (command.starts_with("sql ")) {
+      std::string answer;
       for (const std::string& row : harness::sql(command.substr(4))) {
         answer += row + "\n";
       }
-    } else if (command == "stop platformd") {
-      platform_.reset();
-    } else if (command == "start platformd") {
-      platform_.emplace();
-    } else {
-      const std::string program = harness::program("zorvctl");
-      const std::string folder = program.substr(0, program.rfind('/'));
-      const auto [status, out, err] =
-          harness::run({"/bin/sh", "-c",
-                        "exec 2>&1; cd $ZORV_ROOT; export SOURCE=" ZORV_SOURCE " PATH=" + folder +
-                            ":$PATH; " + command});
-      answer = out + (status == 0 ? "" : "[" + std::to_string(status) + "]\n");
+      return answer;
     }
-    return answer;
+    if (command == "stop platformd") {
+      platform_.reset();
+      return "";
+    }
+    if (command == "start platformd") {
+      platform_.emplace();
+      return "";
+    }
+    const auto [status, out, err] = harness::run(
+        {"/bin/sh", "-c",
+         "exec 2>&1; cd $ZORV_ROOT; export SOURCE=" ZORV_SOURCE " PATH=${0%/*}:$PATH; " + command,
+         harness::program("zorvctl")});
+    return out + (status == 0 ? "" : "[" + std::to_string(status) + "]\n");
   }
 
   harness::Daemon daemon_;
