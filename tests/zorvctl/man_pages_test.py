@@ -1,8 +1,5 @@
 #!/usr/bin/env python3
-"""The man pages name exactly the options, nouns and verbs that the programs' own help names.
-
-man_pages_test.py PROGRAM_FOLDER MAN_FOLDER
-"""
+"""man_pages_test.py PROGRAM_FOLDER MAN_FOLDER: the pages name what the programs' own help names."""
 import re
 import subprocess
 import sys
@@ -29,10 +26,7 @@ def page(name):
 
 
 def same(what, documented, told):
-    for missing in sorted(told - documented):
-        faults.append(f"{what}: the page lacks {missing}")
-    for invented in sorted(documented - told):
-        faults.append(f"{what}: the page invents {invented}")
+    faults.extend(f"{what}: only one of the page and the help has {word}" for word in sorted(documented ^ told))
 
 
 programs, manuals = sys.argv[1:]
@@ -40,9 +34,7 @@ faults = []
 
 for program in ("zorvd", "platformd", "notify"):
     told = set(OPTION.findall(help_of(program)))
-    if not told:
-        faults.append(f"{program}: no help")
-    same(program, set(OPTION.findall(page(f"{program}.8"))), told)
+    same(program, set(OPTION.findall(page(f"{program}.8"))), told or {"no help"})
 
 text = page("zorvctl.1")
 told = set(OPTION.findall(help_of("zorvctl")))
