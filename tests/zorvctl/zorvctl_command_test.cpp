@@ -77,8 +77,8 @@ TEST(Lists, ShowTheRowsThatAreAskedForInOrder) {
       {"-n 7 --offset 9 -r -S @0", "ORDER BY id LIMIT 7 OFFSET 9"},
       {"-n 0 username=u1 limit_count=14", "WHERE id = 2 AND username = 'u1'"},
       {"-n 0 -S @4000 --sort limit_count", "WHERE timestamp >= 4000 ORDER BY limit_count"},
-      {"-n 9 --offset 1 -S @4000 -U @4050 username=u1",
-       "WHERE timestamp BETWEEN 4000 AND 4050 AND username = 'u1' ORDER BY id DESC LIMIT 9 OFFSET "
+      {"-n 9 --offset 1 -S @4000 -U @4051 username=u1",
+       "WHERE timestamp BETWEEN 4000 AND 4051 AND username = 'u1' ORDER BY id DESC LIMIT 9 OFFSET "
        "1"},
   };
   for (const auto& [words, rows] : lists) {
