@@ -57,7 +57,7 @@ TEST(Answers, EndWithAStatusAndASentenceEach) {
 TEST(Lists, ShowTheRowsThatAreAskedForInOrder) {
   const harness::Daemon daemon;
   harness::insert_rows("privilege_user_block", 4203, "username, limit_count, timestamp",
-                       "'u' || i % 3, i * 7 % 4207, i");
+                       "'u' || (i % 3), i * 7 % 4207, i");
   const auto expect_list = [](const std::string& words, const std::string& rows) {
     Words ids;
     for (const std::string& line :
@@ -75,7 +75,8 @@ TEST(Lists, ShowTheRowsThatAreAskedForInOrder) {
       {"", "ORDER BY id DESC LIMIT 50"},
       {"-n 7 --offset 4200", "ORDER BY id DESC LIMIT 7 OFFSET 4200"},
       {"-n 7 --offset 9 -r -S @0", "ORDER BY id LIMIT 7 OFFSET 9"},
-      {"-n 0 username=u1 limit_count=14", "WHERE id = 2 AND username = 'u1'"},
+      {"-n 0 username=u2 limit_count=14",
+       "WHERE username = 'u2' AND limit_count = 14 ORDER BY id DESC"},
       {"-n 0 -S @4000 --sort limit_count", "WHERE timestamp >= 4000 ORDER BY limit_count"},
       {"-n 9 --offset 1 -S @4000 -U @4051 username=u1",
        "WHERE timestamp BETWEEN 4000 AND 4051 AND username = 'u1' ORDER BY id DESC LIMIT 9 OFFSET "
