@@ -1,6 +1,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include "book_file.h"
 #include "harness/test_root.h"
 #include "peer_names.h"
@@ -116,6 +118,36 @@ TEST(WireguardSessions, WhatWasBeforeTheFirstLookIsNobodys) {
   EXPECT_EQ(told(book), "in 1003 gone, in 1004 new, out 900 live 0 s 0/0");
   look(book, {"first", 0}, {}, {kEpoch + 1010, 1010}, name_of);
   EXPECT_EQ(told(book), "out 1005 gone 2 s 10/20, out 1005 new 1 s 20/30");
+}
+
+// On a real server a client came, roamed, was away for two minutes, came again and was removed.
+TEST(WireguardSessions, OfARealServer) {
+  std::ifstream file(ZORV_SOURCE "/tests/data/wireguard/dump.txt");
+  Book book;
+  uint64_t when = 0;
+  std::string dump;
+  const auto take = [&] {
+    if (const auto peers = read_dump(dump)) {
+      look(book, {"b", 1}, *peers, {1795291720 + when, 1000 + when},
+           [](const std::string& key) { return key.substr(0, 4); });
+    }
+    dump.clear();
+  };
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with('#')) {
+      take();
+      when = std::strtoul(line.c_str() + std::min(line.rfind("(t="), line.size() - 3) + 3, nullptr,
+                          10);
+    } else {
+      dump += line + "\n";
+    }
+  }
+  take();
+  ASSERT_EQ(book.pending.size(), 2U);
+  const Event& out = book.pending.back();
+  EXPECT_EQ(fmt::format("{} {} {} {} {}/{}", out.name, out.source_ip, out.vpn_ip, out.uptime,
+                        out.received, out.sent),
+            "dyrM 10.91.0.2 10.55.0.2 331 23804/22612");
 }
 
 TEST(WireguardDump, EndpointsAndAddresses) {
