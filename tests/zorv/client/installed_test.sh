@@ -25,11 +25,9 @@ runs zorv-options <<<'#include <global_options.h>
 #include <nc_msg_db.h>
 JsonValue value;
 int main() { return zorv::GlobalConfig().load("global", value); }'
-status=0
 runs zorv-client <<<'#include <zorv_api_db.h>
 #include <zorv_api_mobile.h>
 zorv_mobile_gen_uuid_data_set request;
 zorv_mobile_gen_uuid_data_get* answer;
-int main() { return zorv_mobile_gen_zorv_uuid(&request, &answer) + clean_conn_server_log(); }
-' || status=$?
-[ "$status" -eq 2 ] # nobody listens below that root
+int main() { return zorv_mobile_gen_zorv_uuid(&request, &answer) + clean_conn_server_log() != 2; }
+' # nobody listens below that root
