@@ -19,7 +19,7 @@ TEST(TimeFormat, FollowsTheSettingsFile) {
       {"date_format = 2\ntime_format = 12\ndate_format = 7\ntime_format = 24",
        "01/02/1970 20:30:00"},
       {"  date_format=8\r\n\ttime_format =12\r", "01.02.1970 08:30:00 PM"},
-      {"date_format = 1\ndate_format = 9\ntime_format = 12\ntime_format = 1 2\n", kDefault},
+      {"date_format = 1\ndate_format = 9\ntime_format = 12\ntime_format = 12 2\n", kDefault},
       {"date_format = 1\ndate_format = -1\ntime_format = 12\ntime_format =\n", kDefault},
       {"date_format = 1\ndate_format = x\ntime_format: 12\n", kDefault},
       {"date_format = 5\n" + std::string(4080, '#'), "02.01.1970 20:30:00"},
