@@ -144,7 +144,6 @@ TEST(Schema, EachTableDeletesAndCleansItsOwnRows) {
   }
   EXPECT_EQ(zorv_api::forget_failures("three"), KX_SUCCESS);
   EXPECT_EQ(ids(zorv::kUserBlock, filtered("limit_count", "2")), Ids{2});
-  // A second delete runs the text of the first as well, which ends in no statement.
   EXPECT_EQ(zorv_api::remove(zorv::kDeviceInfo, 9), KX_SUCCESS);
   EXPECT_EQ(zorv_api::remove(zorv::kServerList, 9), KX_SUCCESS);
   std::vector<record_uint64> totals;

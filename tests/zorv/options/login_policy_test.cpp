@@ -1,29 +1,13 @@
-// The login policy as the service tells it, and whom it blocks.
+// Whom the login policy blocks.
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <tuple>
 
-#include "json_ref.h"
 #include "login_policy.h"
 
 namespace {
 
 using enum zorv::BlockState;
-
-TEST(LoginPolicy, IsReadAsTheServiceTellsIt) {
-  const std::pair<const char*, std::tuple<bool, int, double>> cases[] = {
-      {R"({"enable": true, "limit": 3.9, "time": 0.5})", {true, 0, 0.5}},
-      {R"({"enable": false, "limit": 4294967296})", {false, INT_MAX, 0}},
-      {R"({"enable": "true", "limit": -4294967297})", {false, INT_MIN, 0}},
-  };
-  for (const auto& [global, expected] : cases) {
-    const JsonRef reply(
-        json_pack("{s:{s:o}}", "data", "global", json_loads(global, JSON_DECODE_ANY, nullptr)));
-    const zorv::LoginPolicy policy = zorv::login_policy_of(reply.get());
-    EXPECT_EQ(std::tuple(policy.enabled, policy.limit, policy.minutes), expected) << global;
-  }
-}
 
 TEST(LoginPolicy, BlocksFromTheLimitUntilTheTimeIsOver) {
   using Case = std::tuple<zorv::LoginPolicy, int, uint64_t, int64_t, zorv::BlockState, uint64_t>;

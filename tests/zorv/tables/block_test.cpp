@@ -39,7 +39,8 @@ namespace {
 
 TEST(Block, IsCountedToldAndLiftedByThePolicy) {
   constexpr const char* kOn = R"({"enable": true, "limit": 2, "time": 5})";
-  constexpr const char* kOff = R"({"enable": false, "limit": 1, "time": 5})";
+  constexpr const char* kOff = R"({"enable": "true", "limit": 1, "time": 5})";
+  constexpr const char* kMany = R"({"enable": true, "limit": 4294967298, "time": 5})";
   constexpr const char* kFailed = R"({"enable": true, "limit": 2}}, "error": 0.0, "x": {"y": 1)";
   constexpr const char* kUnreadable = R"({"enable": true, "limit": 2}}} and {"more": {"y": 1)";
   const std::tuple<const char*, std::string, std::string, std::string, Texts, Texts> cases[] = {
@@ -49,6 +50,7 @@ TEST(Block, IsCountedToldAndLiftedByThePolicy) {
       {kOn, "o'brien%sb%n%%", "ffd", "", {}, {"0020 o'brien%sb%n%%", "0021 o'brien%sb%n%%"}},
       {kOn, "f", "fffd", "", {}, {"0020 f"}},
       {kOn, "g", "fffxxc", "", {}, {"0020 g", "0020 gx", "0021 gx"}},
+      {kMany, "a", "ff?", "0", {"a|2"}, {}},
       {kOff, "h", "xfd?", "0", {}, {}},
       {kUnreadable, "", "fxf?", "-1", {"|2", "x|1"}, {}},
       {kFailed, "l", "fffxd?", "-1", {"lx|1"}, {}},
