@@ -9,7 +9,7 @@
 
 namespace {
 
-// What the two writers make of a value, both where they differ.
+// By both writers, where they differ.
 std::string written(const JsonValue& value) {
   std::string text;
   value.toString(text);
@@ -50,10 +50,9 @@ TEST(JsonValue, BecomesOneKindAfterTheOtherAndIsWrittenInBothStyles) {
 TEST(JsonValue, ErasesChildrenButNotTheContainer) {
   JsonValue value;
   value << 1 << "two" << 3 << "four";
-  *value[1U] = "2";
   value[0U]->append(std::make_unique<JsonValue>().release());
   value.erase(2U);
-  EXPECT_EQ(written(value), R"([[null],"2","four"])");
+  EXPECT_EQ(written(value), R"([[null],"two","four"])");
   value.erase();
   EXPECT_EQ(written(value), "[]");
   value["keep"] = 1;

@@ -23,11 +23,9 @@ TEST(DefaultGateway, InterfaceNamesTellKindAndNumber) {
       {"ztunc2501", 0, "4096 1 FENLO_CLIENT1 Fenlo"},
       {"wgc3002", 0, "65536 2 WG_CLIENT2 Wireguard"},
       {"ppp-1251", 0, "512 -1 L2TP_CLIENT-1 L2TP/IPSec"},
-      // Beyond 32 bits the number is the limit.
       {"tun-4294969299", 0, "65536 -2648 WG_CLIENT-2648 Wireguard"},
       // Found anywhere, read behind the prefix's length from the start.
       {"xx 2001tun", 0, "1024 1 OPENVPN_CLIENT1 OpenVPN"},
-      // No prefix: the incoming number counts.
       {"eth0", 1024, "256 24 PPTP_CLIENT24 PPTP"},
   };
   for (const auto& [ifname, incoming, expected] : cases) {
@@ -70,7 +68,6 @@ TEST(DefaultGateway, ClientsThatGoAreTakenOut) {
       {both, {1024, 1}, Removal::changed, second + off + "}"},
       {both, {65536, 4}, Removal::changed, gw1 + off + "}"},
       {gw1 + off + gw2, {1024, 1}, Removal::changed, R"({"as_gw_en":0)" + off + gw2},
-      // Without failover the backup is (0, 0).
       {gw1 + off + gw2, {0, 0}, Removal::changed, gw1 + off + "}"},
       {gw1 + off + ",\"failover_interval\":1}", {0, 0}, Removal::changed, gw1 + off + "}"},
       {gw1 + off + "}", {0, 0}, Removal::unchanged, gw1 + off + "}"},
