@@ -9,7 +9,6 @@
 
 namespace {
 
-// By both writers, where they differ.
 std::string written(const JsonValue& value) {
   std::string text;
   value.toString(text);

@@ -79,7 +79,6 @@ TEST(Logger, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
     ZORV_LOG(warn, "waited\n");
     return log_module._iot_lock_fd_ + 1;
   });
-  // The line is seen waiting: its process stands in the kernel's list of those who wait.
   const std::string wait = "grep -q -e '-> .* " + std::to_string(line.pid()) + " ' /proc/locks";
   EXPECT_TRUE(harness::eventually([&wait] { return system(wait.c_str()) == 0; }));
   close(log_module._iot_lock_fd_);

@@ -179,7 +179,6 @@ TEST_F(StoreTest, RowsThatOthersWroteAreReadWithoutDamage) {
   EXPECT_EQ(rows[1].timestamp, ~0ULL - 4);
   EXPECT_EQ(rows[2].id, INT32_MAX);
   EXPECT_STREQ(rows[2].username, "\xff");
-  EXPECT_EQ(rows[2].limit, -12);
   EXPECT_EQ(store::delete_row(*table_, 5000000000), 0);
   EXPECT_EQ(sql("SELECT id FROM probe"), (Texts{"1", "2"}));
 
