@@ -42,8 +42,6 @@ TEST(GlobalConfigFile, SaveReplacesKnownSectionsOrEmptiesTheFile) {
   const std::string file = harness::test_root() + kOptionsFile;
   using State = zorv::OptionsFile::State;
   using enum zorv::OptionsFile::State;
-  // What stands before, what that is, the patch, what stands then, the errors, whether it is
-  // applied.
   using Case = std::tuple<std::string, State, const char*, std::string, Lines, bool>;
   const Case cases[] = {
       {defaults, read, patch, enabled, {}, true},

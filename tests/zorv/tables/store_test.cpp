@@ -149,9 +149,8 @@ TEST_F(StoreTest, DeleteTextsAccumulateOrAreRestored) {
   using enum zorv::DeleteText;
   // Of the steps a digit deletes that id, 'c' cleans.
   const std::tuple<zorv::DeleteText, std::string, Texts, bool> cases[] = {
-      {accumulates, "23", {"1"}, true},
-      {accumulates, "2c", {"1", "3"}, false},
-      {restored, "23", {"1"}, false},
+      {accumulates, "23", {"1"}, true}, {accumulates, "2c", {"1", "3"}, false},
+      {accumulates, "c2", {}, true},    {restored, "23", {"1"}, false},
       {restored, "2c2cc", {}, false},
   };
   for (const auto& [kind, steps, left, failed] : cases) {
