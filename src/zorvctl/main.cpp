@@ -19,6 +19,7 @@ constexpr const char* kFooter =
     "Examples:\n"
     "  zorvctl server-log list              the latest connections\n"
     "  zorvctl server-log list username=alice -S yesterday -j\n"
+    "  zorvctl sessions --open              who is connected now\n"
     "  zorvctl block list                   who is blocked, and for how long\n"
     "  zorvctl block remove alice\n\n"
     "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked (only\n"
@@ -28,6 +29,7 @@ void add_nouns(CLI::App& program, Run* run) {
   program.require_subcommand(1);
   program.set_version_flag("--version", "zorvctl " ZORV_VERSION, "Print the version");
   add_table_nouns(program, run);
+  add_sessions_noun(program, run);
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);

@@ -57,7 +57,7 @@ TEST_P(Transcript, IsWhatHappens) {
 
 INSTANTIATE_TEST_SUITE_P(, Transcript,
                          testing::Values("words", "values", "names", "deleting", "blocks",
-                                         "options"),
+                                         "sessions", "options"),
                          [](const auto& name) { return name.param; });
 
 }  // namespace

@@ -1,6 +1,3 @@
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 
 #include <ctime>
@@ -11,6 +8,7 @@
 #include "decimal_option.h"
 #include "exit_status.h"
 #include "list_options.h"
+#include "output_options.h"
 #include "record_query.h"
 
 namespace zorvctl {
@@ -27,29 +25,6 @@ std::string wrapped(const std::string& text) {
     line = blank + 1;
   }
   return result + text.substr(line);
-}
-
-// "table, json (one object a line) or csv", or with commas alone and no remarks.
-std::string format_names(bool for_help) {
-  std::string names;
-  for (const Format* format : kFormats) {
-    const bool last = format == kFormats.back();
-    names += names.empty() ? "" : for_help && last ? " or " : ", ";
-    names += format->name;
-    if (for_help && *format->remark != '\0') {
-      names += fmt::format(" ({})", format->remark);
-    }
-  }
-  return names;
-}
-
-CLI::Validator output_format() {
-  return {[](std::string& text) -> std::string {
-            return find_format(text) != nullptr
-                       ? ""
-                       : fmt::format("'{}' is none of {}", text, format_names(false));
-          },
-          ""};
 }
 
 std::vector<ComputedColumn> session_columns() {
@@ -69,18 +44,6 @@ MakeComputed computed_columns_of(const zorv::TableSchema& table) {
                                        : nullptr;
 }
 
-Style output_style(const ListOptions& options) {
-  Style style;
-  style.zone = options.zone();
-  style.heading = !options.quiet;
-  style.terminal = isatty(STDOUT_FILENO) == 1;
-  winsize size{};
-  if (style.terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
-    style.columns = size.ws_col;
-  }
-  return style;
-}
-
 int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   RecordQuery query;
   if (const int status = read_query(table, options, &query); status != kDone) {
@@ -96,29 +59,17 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
     writer->add(record);
     return true;
   };
-  // How far a long fetch has come, on the last line of a terminal.
-  bool progress_shown = false;
-  events.on_wait = [&](unsigned long long read, unsigned long long total) {
-    if (isatty(STDERR_FILENO) == 1) {
-      fmt::print(stderr, "\r{} of {} read", read, total);
-      progress_shown = true;
-    }
-  };
-  const auto clear_progress = [&] {
-    if (progress_shown) {
-      fmt::print(stderr, "\r\x1b[K");
-      progress_shown = false;
-    }
-  };
+  Progress progress;
+  events.on_wait = progress;
   events.on_page_end = [&] {
-    clear_progress();
+    progress.clear();
     writer->end_page();
     printed = print(out) && printed;
     out.clear();
   };
   QueryResult result;
   const int status = run_query(table, query, events, &result);
-  clear_progress();
+  progress.clear();
   if (!flush_output() || !printed) {
     return kFailed;
   }
@@ -147,26 +98,13 @@ std::string list_footer(const zorv::TableSchema& table) {
       table.find("username") != nullptr ? "username" : "user_id", table.time->name);
 }
 
-// Keeps an option's text, also an empty one, which is a wrong value and not a missing option.
-CLI::callback_t given(std::optional<std::string>& target) {
-  return [&target](const CLI::results_t& words) {
-    target = words.front();
-    return true;
-  };
-}
-
 }  // namespace
 
 void add_list_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
   auto options = std::make_shared<ListOptions>();
-  options->output = kFormats.front()->name;
   CLI::App* verb =
       noun.add_subcommand("list", fmt::format("Show {}, the newest first", table.plural));
-  verb->add_option("-o,--output", options->output, format_names(true))
-      ->check(output_format())
-      ->type_name("FORMAT");
-  verb->add_flag_callback(
-      "-j,--json", [options] { options->output = "json"; }, "The same as -o json");
+  add_output_options(*verb, options.get());
   verb->add_option(
           "-n,--limit", options->limit,
           fmt::format("At most N {} ({} if not given, 0 for all)", table.plural, kDefaultLimit))
@@ -188,8 +126,6 @@ void add_list_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
     verb->add_option("-U,--until", given(options->until), "Only up to this time")
         ->type_name("TIME");
   }
-  verb->add_flag("--utc", options->utc, "Times, shown and given, are in UTC");
-  verb->add_flag("-q,--quiet", options->quiet, "No heading, and no word about further records");
   verb->footer(list_footer(table));
   verb->callback([&table, options, run] {
     *run = [&table, options] { return list_records(table, *options); };

@@ -43,8 +43,18 @@ int read_filter(const zorv::TableSchema& table, const std::string& word, Zone zo
   return kDone;
 }
 
-int read_window_end(const char* option, const std::optional<std::string>& text, Zone zone,
-                    std::optional<unsigned long long>* ret) {
+}  // namespace
+
+std::string field_names(const zorv::TableSchema& table) {
+  std::string names;
+  for (const zorv::Field& field : table.fields) {
+    names += (names.empty() ? "" : ", ") + std::string(field.name);
+  }
+  return names;
+}
+
+int read_time(const char* option, const std::optional<std::string>& text, Zone zone,
+              std::optional<unsigned long long>* ret) {
   if (!text) {
     return kDone;
   }
@@ -58,16 +68,6 @@ int read_window_end(const char* option, const std::optional<std::string>& text, 
   }
   *ret = seconds;
   return kDone;
-}
-
-}  // namespace
-
-std::string field_names(const zorv::TableSchema& table) {
-  std::string names;
-  for (const zorv::Field& field : table.fields) {
-    names += (names.empty() ? "" : ", ") + std::string(field.name);
-  }
-  return names;
 }
 
 int read_query(const zorv::TableSchema& table, const ListOptions& options, RecordQuery* ret_query) {
@@ -86,10 +86,9 @@ int read_query(const zorv::TableSchema& table, const ListOptions& options, Recor
       return status;
     }
   }
-  const int status = read_window_end("--since", options.since, options.zone(), &ret_query->since);
-  return status != kDone
-             ? status
-             : read_window_end("--until", options.until, options.zone(), &ret_query->until);
+  const int status = read_time("--since", options.since, options.zone(), &ret_query->since);
+  return status != kDone ? status
+                         : read_time("--until", options.until, options.zone(), &ret_query->until);
 }
 
 }  // namespace zorvctl

@@ -12,8 +12,16 @@ namespace zorvctl {
 
 inline constexpr unsigned long long kDefaultLimit = 50;
 
-struct ListOptions {
-  std::string output;
+// How records are shown.
+struct OutputOptions {
+  std::string output;  // the format's name
+  bool utc = false;
+  bool quiet = false;
+
+  Zone zone() const { return utc ? Zone::utc : Zone::local; }
+};
+
+struct ListOptions : OutputOptions {
   unsigned long long limit = kDefaultLimit;
   unsigned long long offset = 0;
   bool reverse = false;
@@ -21,14 +29,15 @@ struct ListOptions {
   std::vector<std::string> filters;
   std::optional<std::string> since;
   std::optional<std::string> until;
-  bool utc = false;
-  bool quiet = false;
-
-  Zone zone() const { return utc ? Zone::utc : Zone::local; }
 };
 
 // "id, username, ...".
 std::string field_names(const zorv::TableSchema& table);
+
+// The time that was given with an option, none where it was not given. kDone, or kUsage after a
+// complaint.
+int read_time(const char* option, const std::optional<std::string>& text, Zone zone,
+              std::optional<unsigned long long>* ret);
 
 // kDone, or kUsage after a complaint that names the wrong word.
 int read_query(const zorv::TableSchema& table, const ListOptions& options, RecordQuery* ret_query);

@@ -1,0 +1,142 @@
+#include <CLI/CLI.hpp>
+
+#include <ctime>
+#include <memory>
+
+#include "commands.h"
+#include "daemon_answer.h"
+#include "decimal_option.h"
+#include "exit_status.h"
+#include "output_options.h"
+#include "record_query.h"
+#include "sessions.h"
+
+namespace zorvctl {
+namespace {
+
+using zorv::Meaning;
+
+// As the writers take it.
+struct SessionRow {
+  char username[kTextSize];
+  int vpn_type;
+  char source_ip[kTextSize];
+  char vpn_ip[kTextSize];
+  record_uint64 start;
+  record_uint64 end;
+  int state;
+  record_uint64 uptime;
+  record_int64 tx_total;
+  record_int64 rx_total;
+};
+
+constexpr zorv::CodeWord kStates[] = {{kConnected, "still connected"},
+                                      {kEnded, "ended"},
+                                      {kBrokenOff, "broken off"},
+                                      {kNoLogin, "login not recorded"}};
+
+constexpr zorv::Field kFields[] = {
+    zorv::field<&SessionRow::username>("username", "USER", Meaning::text),
+    zorv::code<&SessionRow::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols),
+    zorv::field<&SessionRow::source_ip>("source_ip", "SOURCE", Meaning::text),
+    zorv::field<&SessionRow::vpn_ip>("vpn_ip", "VPN IP", Meaning::text),
+    zorv::field<&SessionRow::start>("start", "START", Meaning::time),
+    zorv::field<&SessionRow::uptime>("uptime", "DURATION", Meaning::seconds),
+    zorv::field<&SessionRow::tx_total>("tx_total", "SENT", Meaning::bytes),
+    zorv::field<&SessionRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
+    zorv::field<&SessionRow::end>("end", "END", Meaning::time),
+    zorv::code<&SessionRow::state>("state", "STATE", kStates),
+};
+
+SessionRow row_of(const Session& session, uint64_t now) {
+  SessionRow row{};
+  zorv::copy_text(row.username, session.username);
+  zorv::copy_text(row.source_ip, session.source_ip);
+  zorv::copy_text(row.vpn_ip, session.vpn_ip);
+  row.vpn_type = session.vpn_type;
+  row.start = session.start;
+  row.end = session.end;
+  row.state = session.state;
+  const uint64_t end = session.state == kConnected ? now : session.end;
+  row.uptime = end > session.start ? end - session.start : 0;
+  row.tx_total = session.tx_total;
+  row.rx_total = session.rx_total;
+  return row;
+}
+
+struct SessionOptions : OutputOptions {
+  unsigned long long limit = 0;
+  bool open = false;
+  std::optional<std::string> at;
+  std::string user;
+};
+
+int read_sessions(SessionJoiner* ret_joiner) {
+  RecordQuery all;
+  all.descending = false;
+  Progress progress;
+  QueryEvents events;
+  events.on_record = [&](const void* record) {
+    ret_joiner->add(*static_cast<const db_conn_server_log*>(record));
+    return true;
+  };
+  events.on_wait = std::ref(progress);
+  const int status = run_query(zorv::kServerLog, all, events);
+  progress.clear();
+  return report_status(status, "list the sessions");
+}
+
+int show_sessions(const SessionOptions& options) {
+  std::optional<unsigned long long> at;
+  if (const int status = read_time("--at", options.at, options.zone(), &at); status != kDone) {
+    return status;
+  }
+  SessionJoiner joiner;
+  if (const int status = read_sessions(&joiner); status != kDone) {
+    return status;
+  }
+  std::string out;
+  const auto writer =
+      find_format(options.output)->make_writer({kFields, nullptr, output_style(options)}, &out);
+  const auto now = static_cast<uint64_t>(std::time(nullptr));
+  unsigned long long shown = 0;
+  for (const Session& session : joiner.newest_first()) {
+    const bool is_wanted = (options.user.empty() || session.username == options.user) &&
+                           (!options.open || session.state == kConnected) &&
+                           (!at || session.covers(*at));
+    if (is_wanted && (options.limit == 0 || shown < options.limit)) {
+      const SessionRow row = row_of(session, now);
+      writer->add(&row);
+      ++shown;
+    }
+  }
+  writer->end_page();
+  return print(out) && flush_output() ? kDone : kFailed;
+}
+
+}  // namespace
+
+void add_sessions_noun(CLI::App& program, Run* run) {
+  auto options = std::make_shared<SessionOptions>();
+  CLI::App* noun = program.add_subcommand(
+      "sessions", "Show who is connected and who was: logins and logouts joined");
+  noun->add_option("user", options->user, "Only this user's")->type_name("USER");
+  noun->add_flag("--open", options->open, "Only those that are still connected");
+  noun->add_option("--at", given(options->at), "Only those that were connected then")
+      ->type_name("TIME");
+  noun->add_option("-n,--limit", options->limit, "At most N sessions (0, all, if not given)")
+      ->transform(decimal())
+      ->type_name("N");
+  add_output_options(*noun, options.get());
+  noun->footer(
+      "A session without a logout is still connected, or broken off where a later login has its\n"
+      "address in the tunnel or its interface. One whose login is not in the log any more, or\n"
+      "never was, shows when it must have begun.\n\n"
+      "Examples:\n"
+      "  zorvctl sessions --open\n"
+      "  zorvctl sessions --at \"2026-11-21 04:10\"\n"
+      "  zorvctl sessions alice -j");
+  noun->callback([options, run] { *run = [options] { return show_sessions(*options); }; });
+}
+
+}  // namespace zorvctl
