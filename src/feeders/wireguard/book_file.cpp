@@ -185,7 +185,14 @@ BookFile::BookFile(std::string_view folder, const std::string& interface)
 bool BookFile::lock() {
   const std::string path = path_ + ".lock";
   lock_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-  return (lock_.valid() && flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) || complain(path);
+  if (lock_.valid() && flock(lock_.get(), LOCK_EX | LOCK_NB) == 0) {
+    return true;
+  }
+  if (errno != EWOULDBLOCK) {
+    return complain(path);
+  }
+  fmt::print(stderr, "zorv-wireguard: {} is held by another zorv-wireguard\n", path);
+  return false;
 }
 
 std::optional<Book> BookFile::read() const {

@@ -43,6 +43,7 @@ struct Session {
   uint64_t last = 0;           // sign of life
   uint64_t received_then = 0;  // the counters when it began
   uint64_t sent_then = 0;
+  bool operator==(const Session&) const = default;
 };
 
 struct KnownPeer {
@@ -51,6 +52,7 @@ struct KnownPeer {
   uint64_t sent = 0;
   uint64_t heard = 0;  // the last sign of life on the steady clock
   std::optional<Session> session;
+  bool operator==(const KnownPeer&) const = default;
 };
 
 // A row to come.
@@ -63,6 +65,7 @@ struct Event {
   uint64_t uptime = 0;  // this and the rest: of a logout
   uint64_t received = 0;
   uint64_t sent = 0;
+  bool operator==(const Event&) const = default;
 };
 
 struct Book {
@@ -70,6 +73,7 @@ struct Book {
   uint64_t looked = 0;  // when that was, on the steady clock
   std::map<std::string, KnownPeer> peers;
   std::deque<Event> pending;  // in the order in which they are to be recorded
+  bool operator==(const Book&) const = default;
 };
 
 using NameOf = std::function<std::string(const std::string& key)>;

@@ -64,13 +64,13 @@ bool Watcher::open() {
   std::optional<Book> book = file_.read();
   if (book) {
     book_ = std::move(*book);
+    saved_ = book_;
   }
   return book.has_value();
 }
 
 bool Watcher::look() {
   const Setup setup{boot_identifier(), if_nametoindex(interface_.c_str())};
-  const size_t known = book_.pending.size();
   std::optional<std::vector<Peer>> peers = std::vector<Peer>();
   if (setup.index != 0) {
     peers = dump_interface(interface_, !look_trouble_.empty());
@@ -87,16 +87,26 @@ bool Watcher::look() {
                book_.pending.front().name);
     book_.pending.pop_front();
   }
-  // A row to come is on the disk before it goes out, so that it is not lost on the way.
-  const bool is_due = book_.pending.size() != known || now.steady - saved_ >= kSaveInterval;
-  const bool is_saved = !is_due || save();
+  const bool is_saved = !is_due_to_be_saved(now.steady) || save();
   return deliver() && is_saved && peers.has_value();
+}
+
+// A row to come is on the disk before it goes out, so that it is not lost on the way. When nothing
+// happens nothing is written.
+bool Watcher::is_due_to_be_saved(uint64_t now) const {
+  if (book_.pending != saved_.pending || book_.setup != saved_.setup) {
+    return true;
+  }
+  return now - saved_at_ >= kSaveInterval && book_.peers != saved_.peers;
 }
 
 bool Watcher::save() {
   const bool is_saved = file_.write(book_);
   report(&file_trouble_, is_saved ? "" : std::string("state: ") + std::strerror(errno));
-  saved_ = is_saved ? seconds_of(CLOCK_BOOTTIME) : saved_;
+  if (is_saved) {
+    saved_ = book_;
+    saved_at_ = seconds_of(CLOCK_BOOTTIME);
+  }
   return is_saved;
 }
 

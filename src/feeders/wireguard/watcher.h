@@ -30,6 +30,7 @@ class Watcher {
   bool save();
 
  private:
+  bool is_due_to_be_saved(uint64_t now) const;
   bool deliver();
   void report(std::string* last, const std::string& now);
 
@@ -37,7 +38,8 @@ class Watcher {
   PeerNames names_;
   BookFile file_;
   Book book_;
-  uint64_t saved_ = 0;        // on the steady clock
+  Book saved_;
+  uint64_t saved_at_ = 0;     // on the steady clock
   std::string look_trouble_;  // what was reported last, "" for nothing
   std::string call_trouble_;
   std::string file_trouble_;
