@@ -22,8 +22,8 @@ constexpr const char* kFooter =
     "  zorvctl sessions --open              who is connected now\n"
     "  zorvctl block list                   who is blocked, and for how long\n"
     "  zorvctl block remove alice\n\n"
-    "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked (only\n"
-    "block check).";
+    "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked,\n"
+    "5 unknown whether blocked (both only block check).";
 
 void add_nouns(CLI::App& program, Run* run) {
   program.require_subcommand(1);

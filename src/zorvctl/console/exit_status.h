@@ -16,6 +16,7 @@ enum ExitStatus : int {
   kUsage = 2,        // the words of the command line are wrong; nothing was asked of the daemon
   kUnreachable = 3,  // the daemon did not answer
   kBlocked = 4,      // only "block check": the user is blocked
+  kUnknown = 5,      // only "block check": the daemon cannot tell
 };
 
 // One line on stderr, in front of it the program's name.

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "block_time.h"
 #include "commands.h"
 #include "daemon_answer.h"
 #include "display_text.h"
@@ -49,19 +50,32 @@ bool fits(const std::string& username) {
   return false;
 }
 
+std::string blocked_text(const std::string& username) {
+  uint64_t seconds = 0;
+  const zorv_api::CallDeadline deadline(zorv_api::kTimeoutMs);
+  return zorv_api::ask_seconds_left(username, deadline, seconds)
+             ? fmt::format("blocked, {} left", duration_text(seconds))
+             : "blocked";
+}
+
 int check(const std::string& username, bool quiet) {
   if (!fits(username)) {
     return kUsage;
   }
-  // One that the daemon cannot judge by its policy is not blocked.
   auto answer = zorv_api::BlockAnswer::unknown;
   const int status = report_status(zorv_api::check_block(username, answer), "check the user");
   if (status != kDone) {
     return status;
   }
+  if (answer == zorv_api::BlockAnswer::unknown) {
+    complain("whether {} is blocked is unknown: the daemon cannot read the login policy {}",
+             display_text(username), zorv::kLoginPolicyFile);
+    return kUnknown;
+  }
   const bool blocked = answer == zorv_api::BlockAnswer::blocked;
   if (!quiet) {
-    print(fmt::format("{}: {}\n", display_text(username), blocked ? "blocked" : "not blocked"));
+    print(fmt::format("{}: {}\n", display_text(username),
+                      blocked ? blocked_text(username) : "not blocked"));
   }
   return blocked ? kBlocked : kDone;
 }
@@ -174,9 +188,11 @@ void add_check_and_fail_verbs(CLI::App& noun, const zorv::TableSchema& /*table*/
   const UserVerb checked(noun, "check", "Say whether a user is blocked");
   checked.verb->add_flag("-q,--quiet", *checked.quiet, "Only the exit status");
   checked.verb->footer(
-      "Ends with 4 when the user is blocked, with 0 when not. A check also does what a login's\n"
-      "check does: a user whose block time is over is forgotten, and while the policy is off,\n"
-      "everyone is.");
+      "Ends with 4 when the user is blocked, with 0 when not, with 5 when the daemon cannot tell,\n"
+      "because it cannot read the login policy: a server then lets the user try. A check also "
+      "does\n"
+      "what a login's check does: a user whose block time is over is forgotten, and while the\n"
+      "policy is off, everyone is.");
   checked.verb->callback([=] { *run = [=] { return check(*checked.username, *checked.quiet); }; });
 
   const UserVerb failed(noun, "fail", "Count one failed login of a user");
