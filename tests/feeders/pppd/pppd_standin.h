@@ -1,14 +1,15 @@
-// Stands in for pppd, in whatever program includes this once: its variables, hooks and notifiers,
-// with zorv.so loaded. A test sets the variables and says what happens on the link; what pppd would
-// do then is done here.
+// Stands in for pppd, in whatever program includes this once: its variables, hooks and notifiers. A
+// test sets the variables and says what happens on the link; pppd's part of it is done here.
 #pragma once
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <map>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -36,7 +37,7 @@ std::string answer;                                // to the caller whose name w
 std::map<std::string, std::string> machine_files;  // by their paths
 std::string kernel_l2tp;              // pppd's device is the kernel's L2TP socket to this address
 int end_of_right_password = EXIT_OK;  // which lets in
-std::multimap<notifier**, std::pair<notify_func, void*>> notifiers;
+std::multimap<notifier**, notify_func> notifiers;
 
 }  // namespace standin
 
@@ -57,24 +58,18 @@ ipcp_options ipcp_gotoptions[NUM_PPP], ipcp_hisoptions[NUM_PPP];
 void add_options(option_t* table) {
   standin::options = table;
 }
-void add_notifier(notifier** chain, notify_func function, void* context) {
-  standin::notifiers.insert({chain, {function, context}});
+void add_notifier(notifier** chain, notify_func function, void*) {
+  standin::notifiers.insert({chain, function});
 }
-// Of pppd's formats the plugin uses %s and %q, which quotes.
+// One of pppd's formats is its own: %q, which quotes.
 void warn(char* text, ...) {
-  std::string line;
+  const std::string format = std::regex_replace(text, std::regex("%q"), "\"%s\"");
+  char line[256];
   va_list values;
   va_start(values, text);
-  for (; *text != '\0'; ++text) {
-    if (*text != '%') {
-      line += *text;
-      continue;
-    }
-    const std::string value = va_arg(values, const char*);
-    line += *++text == 'q' ? '"' + value + '"' : value;
-  }
+  vsnprintf(line, sizeof line, format.c_str(), values);
   va_end(values);
-  standin::told.push_back(line);
+  standin::told.emplace_back(line);
 }
 void notice(char*, ...) __attribute__((alias("warn")));
 void error(char*, ...) __attribute__((alias("warn")));
@@ -88,17 +83,14 @@ int get_secret(int, char* name, char*, char* secret, int* length, int) {
 
 // The machine's side of it.
 int getpeername(int, sockaddr* name, socklen_t* size) {
-  sockaddr_pppol2tp end{};
-  end.sa_family = AF_PPPOX;
-  end.sa_protocol = PX_PROTO_OL2TP;
-  inet_pton(AF_INET, standin::kernel_l2tp.c_str(), &end.pppol2tp.addr.sin_addr);
-  memcpy(name, &end, sizeof end);
-  *size = sizeof end;
-  return standin::kernel_l2tp.empty() ? -1 : 0;
+  auto* const end = reinterpret_cast<sockaddr_pppol2tp*>(name);
+  end->sa_family = AF_PPPOX;
+  end->sa_protocol = PX_PROTO_OL2TP;
+  *size = sizeof *end;
+  return inet_pton(AF_INET, standin::kernel_l2tp.c_str(), &end->pppol2tp.addr.sin_addr) - 1;
 }
 FILE* fopen(const char* path, const char* mode) {
-  static const auto real =
-      reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
+  static const auto real = reinterpret_cast<decltype(&fopen)>(dlsym(RTLD_NEXT, "fopen"));
   const auto file = standin::machine_files.find(path);
   return file == standin::machine_files.end()
              ? real(path, mode)
@@ -110,14 +102,7 @@ namespace standin {
 
 void tell(notifier** chain, int value = 0) {
   const auto [first, end] = notifiers.equal_range(chain);
-  for (auto call = first; call != end; ++call) {
-    call->second.first(call->second.second, value);
-  }
-}
-
-template <size_t Size>
-void put(char (&to)[Size], const std::string& from) {
-  to[from.copy(to, Size - 1)] = '\0';
+  std::for_each(first, end, [&](const auto& entry) { entry.second(nullptr, value); });
 }
 
 // A link begins, with the variables as they are.
@@ -135,14 +120,14 @@ void give_up(int why = EXIT_PEER_AUTH_FAILED) {
 }
 
 void let_in(const std::string& name, int proof) {
-  put(peer_authname, name);
+  strcpy(peer_authname, name.c_str());
   auth_done[0] |= proof;
   tell(&auth_up_notifier);
 }
 
 int verify_response(int, char*, unsigned char* secret, int length, unsigned char*,
                     unsigned char* response, char*, int) {
-  return response[0] == length && memcmp(response + 1, secret, response[0]) == 0;
+  return memcmp(response, secret, length) == 0;
 }
 
 enum Method { kPap = 0, kMd5 = CHAP_MD5, kMschap2 = CHAP_MICROSOFT_V2 };
@@ -151,24 +136,19 @@ enum Method { kPap = 0, kMd5 = CHAP_MD5, kMschap2 = CHAP_MICROSOFT_V2 };
 bool give_name(Method method, std::string name, std::string password = "right") {
   char message[256] = "";
   char* text = message;
-  wordlist* nothing = nullptr;
   chap_digest_type digest{};
   digest.code = method;
   digest.verify_response = verify_response;
   unsigned char challenge[] = {3, 0x0a, 0xff, 0x00};
-  std::string response = static_cast<char>(password.size()) + password;
-  char server[] = "server";
-  int verdict = method == kPap
-                    ? pap_auth_hook(name.data(), password.data(), &text, &nothing, &nothing)
-                    : chap_verify_hook(name.data(), server, 1, &digest, challenge,
-                                       reinterpret_cast<unsigned char*>(response.data()), message,
-                                       sizeof message);
+  auto* const response = reinterpret_cast<unsigned char*>(password.data());
+  const int verdict = method == kPap
+                          ? pap_auth_hook(name.data(), password.data(), &text, nullptr, nullptr)
+                          : chap_verify_hook(name.data(), user, 1, &digest, challenge, response,
+                                             message, sizeof message);
   answer = text;
-  if (verdict < 0) {
-    verdict = password == "right";
-  }
-  if (verdict == 0 || end_of_right_password != EXIT_OK) {
-    give_up(verdict == 0 ? EXIT_PEER_AUTH_FAILED : end_of_right_password);
+  const bool is_right = verdict < 0 ? password == "right" : verdict != 0;
+  if (!is_right || end_of_right_password != EXIT_OK) {
+    give_up(is_right ? end_of_right_password : EXIT_PEER_AUTH_FAILED);
     return false;
   }
   const int proof = method == kPap ? PAP_PEER : CHAP_PEER;
@@ -178,14 +158,8 @@ bool give_name(Method method, std::string name, std::string password = "right") 
   return true;
 }
 
-// The kernel's counters of the interface.
-void count(const std::string& rx, const std::string& tx) {
-  machine_files["/sys/class/net/ppp0/statistics/rx_bytes"] = rx;
-  machine_files["/sys/class/net/ppp0/statistics/tx_bytes"] = tx;
-}
-
 void up() {
-  put(ifname, "ppp0");
+  strcpy(ifname, "ppp0");
   inet_pton(AF_INET, "10.0.0.1", &ipcp_gotoptions[0].ouraddr);
   inet_pton(AF_INET, "10.0.0.2", &ipcp_hisoptions[0].hisaddr);
   tell(&ip_up_notifier);
