@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <map>
@@ -35,8 +34,7 @@ std::vector<std::string> told;  // the server's log
 option_t* options;
 std::string answer;                                // to the caller whose name was given last
 std::map<std::string, std::string> machine_files;  // by their paths
-std::string kernel_l2tp;              // pppd's device is the kernel's L2TP socket to this address
-int end_of_right_password = EXIT_OK;  // which lets in
+std::string kernel_l2tp;  // pppd's device is the kernel's L2TP socket to this address
 std::multimap<notifier**, notify_func> notifiers;
 
 }  // namespace standin
@@ -102,7 +100,9 @@ namespace standin {
 
 void tell(notifier** chain, int value = 0) {
   const auto [first, end] = notifiers.equal_range(chain);
-  std::for_each(first, end, [&](const auto& entry) { entry.second(nullptr, value); });
+  for (auto call = first; call != end; ++call) {
+    call->second(nullptr, value);
+  }
 }
 
 // A link begins, with the variables as they are.
@@ -125,20 +125,18 @@ void let_in(const std::string& name, int proof) {
   tell(&auth_up_notifier);
 }
 
-int verify_response(int, char*, unsigned char* secret, int length, unsigned char*,
-                    unsigned char* response, char*, int) {
-  return memcmp(response, secret, length) == 0;
-}
-
 enum Method { kPap = 0, kMd5 = CHAP_MD5, kMschap2 = CHAP_MICROSOFT_V2 };
 
-// The caller gives a name and a password: true if that lets in, which is told as pppd tells it.
-bool give_name(Method method, std::string name, std::string password = "right") {
+// The caller gives a name and a password: true if that lets in, which is told as pppd tells it. A
+// right password does, unless the link ends.
+bool give_name(Method method, std::string name, std::string password = "right", int end = EXIT_OK) {
   char message[256] = "";
   char* text = message;
   chap_digest_type digest{};
   digest.code = method;
-  digest.verify_response = verify_response;
+  digest.verify_response = [](int, char*, unsigned char* secret, int length, unsigned char*,
+                              auto* response, char*,
+                              int) { return int{memcmp(response, secret, length) == 0}; };
   unsigned char challenge[] = {3, 0x0a, 0xff, 0x00};
   auto* const response = reinterpret_cast<unsigned char*>(password.data());
   const int verdict = method == kPap
@@ -147,8 +145,8 @@ bool give_name(Method method, std::string name, std::string password = "right") 
                                              message, sizeof message);
   answer = text;
   const bool is_right = verdict < 0 ? password == "right" : verdict != 0;
-  if (!is_right || end_of_right_password != EXIT_OK) {
-    give_up(is_right ? end_of_right_password : EXIT_PEER_AUTH_FAILED);
+  if (!is_right || end != EXIT_OK) {
+    give_up(is_right ? end : EXIT_PEER_AUTH_FAILED);
     return false;
   }
   const int proof = method == kPap ? PAP_PEER : CHAP_PEER;
