@@ -48,19 +48,14 @@ TEST(Hook, WithoutTheDaemonRefusesOnlyWhereAPasswordIsWrongOrUnchecked) {
       {kDisconnect, "", 0, "alice is not recorded: the daemon is not running"},
       {kVerify, "/tmp/file", 0, "alice may be blocked"},
       {kVerify, "", 0, "alice may be blocked", "password=secret"},
-      {kVerify, "-- true", 0, "alice may be blocked"},
       {kVerify, "-- false", 1, "alice may be blocked"},
       {kVerify, "/bin/true /tmp/file", 1, "'/bin/true'"},
-      {kVerify, "--checker /bin/true", 1, "'--checker'"},
       {kVerify, "--help", 1, "'--help'"},
       {kVerify, "--", 1, "behind --"},
-      {kVerify, "/bin/true", 1, "'/bin/true'", "password=secret"},
       {kVerify, "X -- true", 1, "'X'"},
-      {kVerify, "--on-daemon-away accept -- true", 0, "alice may be blocked"},
       {kVerify, "--on-daemon-away refuse --deadline 1 -- true", 1, "nobody can say"},
       {kVerify, "--on-daemon-away refuse /tmp/file", 1, "nobody can say"},
       {kRenegotiation, "--on-daemon-away refuse -- true", 0, ""},
-      {kVerify, "--on-daemon-away /tmp/file", 1, "'--on-daemon-away'"},
       {kVerify, "--on-daemon-away never -- true", 1, "'--on-daemon-away'"},
       {kVerify, "--deadline 0 -- true", 1, "'--deadline'"},
       {kVerify, "--deadline 61 -- true", 1, "'--deadline'"},
@@ -125,7 +120,6 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   expect_run(kVerify, "-- false", 1, "", "session_state=ExpiredEmptyUser");
   expect_run(kVerify, "-- sh -c 'exit 2'", 2, "");
   expect_run(kVerify, "-- sh -c 'kill -9 $$'", 1, "");
-  expect_run(kVerify, "-- sh -c no-such-program", 1, "");
   expect_run(kVerify, "-- /no/such/checker /tmp/file", 1, "");
   EXPECT_EQ(sql(failures), Lines{"alice|3"}) << "a token is no login that forgets them";
 
@@ -149,9 +143,6 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   const std::string credentials = harness::test_root() + "/credentials";
   expect_run(kVerify, credentials, 1, failure, "username= common_name=");
   expect_run(kVerify, credentials, 0, "", "username=bob");
-  expect_run(kVerify, "/no/such/file", 0, "", "username= common_name=");
-  zorvctl({"block", "remove", "alice"});
-  expect_run(kVerify, "-- true", 0, "");
 }
 
 TEST(Hook, RecordsAClientsConnections) {
@@ -175,19 +166,17 @@ TEST(Hook, RecordsAClientsConnections) {
 }
 
 TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
-  const struct {
+  struct Case {
     const char* variables[5];  // ended by a null pointer, as all are
-    // Name, device, addresses and time of the login; uptime, time, bytes sent and received.
-    const char* records;
-  } cases[] = {
-      {{}, "||||77 0|77|0|0"},
+    const char* records;       // of the login up to its time; of the logout from the uptime on
+  };
+  const Case cases[] = {
       {{"username=a=b", "username=c", "no equals sign", "=e"}, "a=b||||77 0|77|0|0"},
       {{"username=", "common_name=cert", "trusted_ip6=::1"}, "cert||::1||77 0|77|0|0"},
-      {{"ifconfig_pool_remote_ip6=fd00::2"}, "|||fd00::2|77 0|77|0|0"},
       {{"ifconfig_pool_remote_ip6=::2", "ifconfig_pool_remote_ip=10.0.0.2"},
        "|||10.0.0.2,::2|77 0|77|0|0"},
-      {{"IV_VER=2.6", "IV_PLAT_VER=12", "IV_PLAT=win"}, "|win 12, OpenVPN 2.6|||77 0|77|0|0"},
-      {{"IV_VER=2.6", "IV_HWADDR=a:b"}, "|OpenVPN 2.6, a:b|||77 0|77|0|0"},
+      {{"IV_VER=2.6", "IV_PLAT_VER=12", "IV_PLAT=win", "IV_HWADDR=a:b"},
+       "|win 12, OpenVPN 2.6, a:b|||77 0|77|0|0"},
       {{"time_duration=11", "bytes_sent=-1", "bytes_received=12x"}, "||||77 11|77|0|0"},
       {{"time_duration=9223372036854775807", "time_unix=1"}, "||||1 9223372036854775807|77|0|0"},
       {{"bytes_sent=9223372036854775808", "bytes_received=99999999999999999999"},
@@ -206,12 +195,9 @@ TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
 
 TEST(OpenVpn, TextsAreCutBetweenTwoCharacters) {
   const std::string euros = fmt::format("{:\u20ac<1000}", "");
-  const auto record = zorvctl::login_record(
-      {{"username", euros}, {"IV_PLAT", euros}, {"trusted_ip", euros}, {"dev", euros}}, 0);
-  for (const char* field :
-       {record.username, record.device_info, record.source_ip, record.outgoing}) {
-    EXPECT_EQ(field, euros.substr(0, 1023));
-  }
+  const auto record = zorvctl::login_record({{"username", euros}, {"IV_PLAT", euros}}, 0);
+  EXPECT_EQ(record.username, euros.substr(0, 1023));
+  EXPECT_EQ(record.device_info, euros.substr(0, 1023));
 }
 
 }  // namespace
