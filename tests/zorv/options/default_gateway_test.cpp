@@ -19,10 +19,8 @@ using Lines = std::vector<std::string>;
 TEST(DefaultGateway, InterfaceNamesTellKindAndNumber) {
   const std::tuple<const char*, int, const char*> cases[] = {
       {"ppp1250", 0, "512 0 L2TP_CLIENT0 L2TP/IPSec"},
-      {"ztunc2499", 0, "1024 499 OPENVPN_CLIENT499 OpenVPN"},
       {"ztunc2501", 0, "4096 1 FENLO_CLIENT1 Fenlo"},
       {"wgc3002", 0, "65536 2 WG_CLIENT2 Wireguard"},
-      {"ppp-1251", 0, "512 -1 L2TP_CLIENT-1 L2TP/IPSec"},
       {"tun-4294969299", 0, "65536 -2648 WG_CLIENT-2648 Wireguard"},
       // Found anywhere, read behind the prefix's length from the start.
       {"xx 2001tun", 0, "1024 1 OPENVPN_CLIENT1 OpenVPN"},
