@@ -1,5 +1,4 @@
-// Peers that break the rules, come in crowds, linger or have gone, and what they cost everybody
-// else; signals and the end of serving; servers that answer what no server should.
+// Peers that break the rules, come in crowds or have gone; signals and the end of serving.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -8,6 +7,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <deque>
 
@@ -41,6 +41,12 @@ void callback(const char* name, kx_io* io, int fd) {
   } else if (method == "wake") {
     woken->send(kGood);
   }
+  std::size_t length = 0;
+  if (const auto* bytes = static_cast<const char*>(kx_io_read(io, &length))) {
+    const std::string behind(bytes + length, 8192 - std::min<std::size_t>(length, 8191));
+    EXPECT_EQ(behind, std::string(behind.size(), '\0')) << "left by other requests or replies";
+  }
+  kx_io_write(io, std::string(9000, 'r').data(), 9000);
   if (delivered == 0) {
     kx_reply(io);
   }
@@ -48,11 +54,17 @@ void callback(const char* name, kx_io* io, int fd) {
 
 int kept_open = 0;  // by the test
 
-// Memory as peers send it.
+// Memory as peers send it: the rest of its last page is not zero.
 int make_memfd(off_t size, unsigned seals, unsigned flags = 0) {
   const int made = memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING | flags);
   kept_open += made >= 0 ? 1 : 0;
-  return ftruncate(made, size) == 0 && fcntl(made, F_ADD_SEALS, seals) == 0 ? made : -1;
+  const bool sized = ftruncate(made, size) == 0;
+  void* page = mmap(nullptr, 4096, PROT_WRITE, MAP_SHARED, made, (size - 1) / 4096 * 4096);
+  if (page != MAP_FAILED) {
+    memset(static_cast<char*>(page) + size % 4096, 'x', static_cast<size_t>(4096 - size % 4096));
+    munmap(page, 4096);
+  }
+  return sized && fcntl(made, F_ADD_SEALS, seals) == 0 ? made : -1;
 }
 
 // Clients queue up while nobody serves; then all are served in this thread, in order, until one
@@ -69,7 +81,6 @@ class Hostile : public testing::Test {
     }
     before_ = harness::open_descriptors();
     server = kx_create(harness::kBusAddress, 128, 1, callback);
-    ASSERT_NE(server, nullptr);
   }
   const RawSocket& client(int expected) {
     expected_.push_back(expected);
@@ -112,7 +123,9 @@ TEST_F(Hostile, WrongPacketsAndDescriptorsAreRefusedAndClosed) {
         Frame{.method = std::string(256, 'm')}, Frame{.method = std::string("echo\0", 5)}}) {
     ask(wrong.bytes());
   }
-  ask(body, KX_SUCCESS);
+  for (const std::size_t size : {1u, 7192u, 65536u, 12u, 3u}) {
+    ask(Frame{.body = std::string(size, 'q')}.bytes(), KX_SUCCESS);
+  }
   constexpr std::int64_t kGiga = 1 << 30;
   const int good = make_memfd(100'000, kAllSeals);
   const auto row = [this](unsigned flags, std::int64_t length, const std::vector<int>& passed,
@@ -125,7 +138,17 @@ TEST_F(Hostile, WrongPacketsAndDescriptorsAreRefusedAndClosed) {
   row(kBody, 99'999, {good});
   row(kBody, 100'000, {good, STDERR_FILENO});
   row(kBody, 100'000, {STDERR_FILENO});
-  row(0, 0, {good});
+  // The last close of a socket that lingers waits for as long; here that would be the server's.
+  int lingering[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, lingering), 0);
+  linger setting{1, 60};
+  socklen_t length = sizeof setting;
+  kept_open += 2;
+  for (const int end : lingering) {
+    setsockopt(end, SOL_SOCKET, SO_LINGER, &setting, length);
+  }
+  row(0, 0, {lingering[0]});
+  row(kPassed, 0, {lingering[1]}, KX_SUCCESS);
   row(0, 0, std::vector<int>(253, good));
   for (unsigned seal = 1; seal <= kAllSeals; seal <<= 1) {
     row(kBody, 100'000, {make_memfd(100'000, kAllSeals & ~seal)});
@@ -135,6 +158,10 @@ TEST_F(Hostile, WrongPacketsAndDescriptorsAreRefusedAndClosed) {
   }
   ask(kStop, KX_SUCCESS);
   serve();
+  for (const int end : lingering) {
+    getsockopt(end, SOL_SOCKET, SO_LINGER, &setting, &length);
+    EXPECT_EQ(setting.l_onoff, 0);
+  }
 }
 
 TEST_F(Hostile, OnesThatHangUpOrSayMoreAreNotServed) {
@@ -163,32 +190,8 @@ TEST_F(Hostile, ACrowdOfMuteOnesIsRefusedAndEverybodyElseServed) {
   serve();
 }
 
-// The last close of a socket that lingers waits for as long; here that would be the server's.
-TEST_F(Hostile, LingeringSocketsDoNotStopTheServer) {
-  const RawSocket listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr name{};
-  socklen_t length = sizeof name;
-  listen(listener.get(), 8);
-  getsockname(listener.get(), &name, &length);
-  for (const std::uint32_t flags : {0U, std::uint32_t{kBody}, std::uint32_t{kPassed}}) {
-    const RawSocket lingering(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    ASSERT_EQ(connect(lingering.get(), &name, length), 0);
-    const linger a_minute{1, 60};
-    setsockopt(lingering.get(), SOL_SOCKET, SO_LINGER, &a_minute, sizeof a_minute);
-    const std::string unsent(1 << 20, 'x');
-    while (send(lingering.get(), unsent.data(), unsent.size(), MSG_DONTWAIT) > 0) {
-    }
-    ask(Frame{.flags = flags}.bytes(), flags == kPassed ? KX_SUCCESS : KX_IS_INVALID,
-        {lingering.get()});
-  }
-  kept_open = 1;
-  ask(kStop, KX_SUCCESS);
-  serve();
-}
-
 using Signal = Hostile;
 
-// Some are silent, some have asked; all have an answer, the one that brings the signal its own.
 TEST_F(Signal, StopsTheServerAfterTheReplyAndEverybodyIsTold) {
   for (int i = 0; i < 20; ++i) {
     client(KX_IS_PAUSED);
@@ -228,7 +231,9 @@ TEST(HostileClient, IsToldWhenItWasSilentForItsTime) {
 TEST(HostileClient, IsToldWhenDescriptorsRunOut) {
   kx_set_log([](const char*) {});
   server = kx_create(harness::kBusAddress, 4, 1, harness::bus_callback);
-  const harness::Child serving([] { return kx_start(server); });
+  kx_signal(SIGTERM, [](int) { kx_stop(server); });
+  harness::Child serving(
+      [] { return kx_start(server) + (clock() > CLOCKS_PER_SEC / 2 ? 100 : 0); });
   const int lowest = dup(STDERR_FILENO);
   close(lowest);
   rlimit usual{};
@@ -241,11 +246,7 @@ TEST(HostileClient, IsToldWhenDescriptorsRunOut) {
     ASSERT_EQ(prlimit(serving.pid(), RLIMIT_NOFILE, &usual, nullptr), 0);
     EXPECT_EQ(bus_call("echo", ""), KX_SUCCESS);
   }
-  clockid_t clock = 0;
-  timespec used{.tv_sec = 1, .tv_nsec = 0};
-  clock_getcpuclockid(serving.pid(), &clock);
-  clock_gettime(clock, &used);
-  EXPECT_TRUE(used.tv_sec == 0 && used.tv_nsec < 500'000'000) << used.tv_nsec;
+  EXPECT_EQ(serving.stop(), KX_SUCCESS) << "100: it has been spinning";
 }
 
 TEST(HostileServer, AnswersNeverReachTheCallerUnchecked) {
@@ -267,7 +268,6 @@ TEST(HostileServer, AnswersNeverReachTheCallerUnchecked) {
                {reply(KX_IS_PAUSED, 0, 1) + "x"},
                {shared, {make_memfd(70000, kAllSeals & ~F_SEAL_SHRINK)}},
                {reply(0), std::vector<int>(253, good)},
-               {""},
                {std::string(100000, 'K')},
                {kGood}};
   const int before = harness::open_descriptors();
@@ -276,9 +276,6 @@ TEST(HostileServer, AnswersNeverReachTheCallerUnchecked) {
     const RawSocket listener = RawSocket::listening();
     std::thread answering([&] {
       const RawSocket caller = listener.accept();
-      if (row.status == KX_IS_INVALID) {
-        shutdown(caller.get(), SHUT_RD);  // one that refuses before it was asked
-      }
       caller.receive();
       caller.send(row.bytes, row.descriptors);
     });
