@@ -2,11 +2,10 @@
 //
 // Input: requests, each a byte that chooses the method, two bytes (low first) with the length of
 // the payload, and the payload. One choice more: what the policy service answers from then on.
-//
-// The store lives as long as the process. Every connection gets its temporary tables anew, where a
-// failed statement would end them for good, and now and then the tables are emptied.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cassert>
-#include <cstring>
 #include <filesystem>
 #include <thread>
 
@@ -24,7 +23,7 @@ namespace {
 std::string policy;
 sqlite3* side_connection = nullptr;
 
-// Runs for each connection that is opened.
+// Runs for each connection that is opened: a failed statement would end these tables for good.
 int make_temporary_tables(sqlite3* db, char** /*error*/, const sqlite3_api_routines* /*api*/) {
   for (const zorv::TableSchema* schema : zorv::kTables) {
     if (schema->storage == zorv::Storage::temporary) {
@@ -35,19 +34,18 @@ int make_temporary_tables(sqlite3* db, char** /*error*/, const sqlite3_api_routi
   return SQLITE_OK;
 }
 
-int expect_table_as_made(void* /*user*/, int /*count*/, char** texts, char** /*names*/) {
-  static const std::string expected = texts[0];
-  assert(texts[0] == expected);
-  return 0;
-}
-
 // Bounds what the inputs leave behind, and looks whether one of them was more than a value.
 void sweep() {
+  const auto expect_as_made = [](void*, int, char** texts, char**) {
+    static const std::string expected = texts[0];
+    assert(texts[0] == expected);
+    return 0;
+  };
   sqlite3_exec(side_connection,
                "SELECT group_concat(name || sql) FROM sqlite_master;"
                "DELETE FROM conn_server_log; DELETE FROM conn_client_log;"
                "DELETE FROM privilege_user_block;",
-               expect_table_as_made, nullptr, nullptr);
+               expect_as_made, nullptr, nullptr);
   zorv_api::Rows rows;  // a column that does not exist costs the connection its tables
   zorv_api::query(zorv::kServerList, {0, 0, 0, 0, "none", "none"}, rows);
   zorv_api::query(zorv::kDeviceInfo, {0, 0, 0, 0, "none", "none"}, rows);
@@ -78,20 +76,14 @@ void check_call(const char* method, const std::string& payload) {
 }  // namespace
 
 // In place of the library's, which would start the notification tool.
-void os::spawn_detached(const char* file, const char* const* arguments) {
-  for (; *arguments != nullptr; ++arguments) {
-    assert(strlen(file) > 0 && strlen(*arguments) < 1 << 20);
-  }
-}
+void os::spawn_detached(const char* /*file*/, const char* const* /*arguments*/) {}
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
   assert(!os::root().empty());  // script/fuzz makes one
   std::filesystem::create_directories(os::rooted("/etc/config/zorv"));
   std::filesystem::create_directories(os::rooted("/var/lock"));
   __cur_type__ = kLogToStdout;  // fully formatted, and sent nowhere
-  if (freopen("/dev/null", "w", stdout) == nullptr) {
-    abort();
-  }
+  dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
   sqlite3_auto_extension(reinterpret_cast<void (*)()>(make_temporary_tables));
   store::open_tables();
   sqlite3_open(os::rooted(store::kDatabaseFile).c_str(), &side_connection);

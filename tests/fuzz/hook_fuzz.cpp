@@ -2,13 +2,10 @@
 // into every form in which they are shown.
 //
 // Input: "NAME=VALUE" entries, one a line.
-#include <jansson.h>
-
 #include <algorithm>
 #include <cassert>
 #include <cstring>
 
-#include "json_ref.h"
 #include "openvpn_environment.h"
 #include "record_writer.h"
 
@@ -19,17 +16,12 @@ static void check(const db_conn_server_log& record) {
                            &record.outgoing}) {
     assert(strnlen(*text, sizeof *text) < sizeof *text);
   }
-  const auto fields = zorv::kServerLog.fields;
   for (const zorvctl::Format* format : zorvctl::kFormats) {
     std::string out;
-    const auto writer =
-        format->make_writer({fields, nullptr, {zorvctl::Zone::utc, true, true, 80}}, &out);
+    const auto writer = format->make_writer(
+        {zorv::kServerLog.fields, nullptr, {zorvctl::Zone::utc, true, true, 80}}, &out);
     writer->add(&record);
     writer->end_page();
-    if (out.starts_with('{')) {
-      const JsonRef parsed(json_loads(out.c_str(), JSON_DECODE_INT_AS_REAL, nullptr));
-      assert(json_object_size(parsed.get()) == fields.size());
-    }
     for (const char byte : out) {  // none moves the cursor
       assert(byte < 0 || byte == '\n' || byte == '\r' || (byte >= 0x20 && byte != 0x7f));
     }
