@@ -1,7 +1,6 @@
 #include "harness/bus_peer.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <cstring>
 #include <filesystem>
@@ -32,15 +31,6 @@ void bus_callback(const char* method, kx_io* io, int fd) {
   if (name == "fail") {
     kx_io_free(io);
   }
-}
-
-BusServer::BusServer(const char* address, kx_method_callback callback)
-    : server_(kx_create(address, 4, 1, callback)), thread_([this] { kx_start(server_); }) {}
-
-BusServer::~BusServer() {
-  kx_stop(server_);
-  thread_.join();
-  kx_free(server_);
 }
 
 std::string content(const kx_io_owner& io) {
@@ -77,7 +67,6 @@ std::string Frame::bytes() const {
 RawSocket::RawSocket(int socket) : os::Descriptor(socket) {
   const timeval limit{20, 0};
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
 }
 
 RawSocket RawSocket::connected(const char* address) {
@@ -87,10 +76,6 @@ RawSocket RawSocket::connected(const char* address) {
 RawSocket RawSocket::listening(const char* address) {
   RawSocket made = attached(bind, address);
   return listen(made.get(), 0) == 0 ? std::move(made) : RawSocket();
-}
-
-RawSocket RawSocket::accept() const {
-  return RawSocket(accept4(get(), nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 bool RawSocket::send(const std::string& bytes, const std::vector<int>& descriptors) const {
@@ -117,8 +102,7 @@ std::string RawSocket::receive() const {
 
 int RawSocket::status() const {
   const std::string reply = receive();
-  const bool header = reply.size() >= 16 && reply.starts_with("KXBU\x01\x02");
-  return header ? reply[6] : reply.empty() ? -1 : -2;
+  return reply.starts_with("KXBU\x01\x02") && reply.size() >= 16 ? reply[6] : -1;
 }
 
 int open_descriptors(pid_t process) {

@@ -1,7 +1,7 @@
-// Both ends of the bus: a server in a thread, and a peer that speaks the wire by hand, well or
-// badly.
+// Both ends of the bus: a server in a thread, and a peer that speaks the wire by hand.
 #pragma once
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -23,8 +23,13 @@ void bus_callback(const char* method, kx_io* io, int fd);
 // Serves from construction to destruction.
 class BusServer {
  public:
-  explicit BusServer(const char* address = kBusAddress, kx_method_callback callback = bus_callback);
-  ~BusServer();
+  explicit BusServer(const char* address = kBusAddress, kx_method_callback callback = bus_callback)
+      : server_(kx_create(address, 4, 1, callback)), thread_([this] { kx_start(server_); }) {}
+  ~BusServer() {
+    kx_stop(server_);
+    thread_.join();
+    kx_free(server_);
+  }
   BusServer(const BusServer&) = delete;
   BusServer& operator=(const BusServer&) = delete;
 
@@ -59,11 +64,11 @@ struct RawSocket : os::Descriptor {
   explicit RawSocket(int socket = -1);
   static RawSocket connected(const char* address = kBusAddress);
   static RawSocket listening(const char* address = kBusAddress);
-  RawSocket accept() const;
+  RawSocket accept() const { return RawSocket(accept4(get(), nullptr, nullptr, SOCK_CLOEXEC)); }
 
   bool send(const std::string& bytes, const std::vector<int>& descriptors = {}) const;
   std::string receive() const;  // "" at the end
-  int status() const;           // of the reply that comes; -1 for none, -2 for nonsense
+  int status() const;           // of the reply that comes; -1 for none and for nonsense
 };
 
 // How many it has open.

@@ -72,13 +72,9 @@ std::vector<std::string> log_texts(const std::string& module) {
 }
 
 std::vector<std::string> new_log_texts(const std::string& module) {
-  std::vector<std::string> texts = log_texts(module);
+  const auto texts = log_texts(module);
   write_file(kLogFile, "");
   return texts;
-}
-
-bool log_holds(const std::string& text) {
-  return read_file(kLogFile).find(text) != std::string::npos;
 }
 
 std::vector<std::string> notifications(size_t count) {

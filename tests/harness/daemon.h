@@ -40,7 +40,9 @@ std::vector<LogLine> log_lines();
 // Those of one module, as "LEVEL text"; the new ones are those since the last call.
 std::vector<std::string> log_texts(const std::string& module);
 std::vector<std::string> new_log_texts(const std::string& module);
-bool log_holds(const std::string& text);
+inline bool log_holds(const std::string& text) {
+  return read_file(kLogFile).find(text) != std::string::npos;
+}
 
 // The notifications, once there are at least `count` of them (or after some seconds, fewer).
 std::vector<std::string> notifications(size_t count);

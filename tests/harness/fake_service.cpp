@@ -3,7 +3,6 @@
 #include <fstream>
 
 #include "descriptor.h"
-#include "harness/test_root.h"
 #include "kxbus.h"
 
 namespace harness {
@@ -40,10 +39,6 @@ FakeService::FakeService(const char* address, std::map<std::string, Answer> answ
     return kx_start(server);
   });
   kx_free(server);
-}
-
-std::vector<std::string> FakeService::calls() const {
-  return lines_of(read_file(record_));
 }
 
 }  // namespace harness

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "harness/process.h"
+#include "harness/test_root.h"
 
 namespace harness {
 
@@ -22,7 +23,7 @@ class FakeService {
       : FakeService(address, {{method, [reply] { return reply; }}}) {}
 
   // What has been asked so far, in order, as "METHOD REQUEST".
-  std::vector<std::string> calls() const;
+  std::vector<std::string> calls() const { return lines_of(read_file(record_)); }
 
  private:
   std::string record_;
