@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
 # L2TP by real programs: xl2tpd and pppd on both sides, zorv.so in the server's; then within IPsec by
 # strongSwan (IKEv1, a shared secret, transport mode), as other systems' own clients call.
-#
-# l2tp.sh [BUILD_FOLDER]; exits 77 where it cannot run.
 # shellcheck disable=SC2034,SC2154 # shared with guest/ppp.sh
 set -euo pipefail
 here=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")
@@ -54,15 +52,9 @@ start_server
 come_and_guess 10.66.0.1
 kill_and_miss
 
-step "a good login forgets the bad ones, and a name is one however strange"
-be_refused far bob WRONG
-be_refused far bob WRONG
-log_in far bob hunter2
-log_out far bob
-be_refused far bob WRONG
+step "a name is one however strange"
 be_refused far $'eve\'%s%n\x01' WRONG
 eve='^A' && ledger[-1]=${ledger[-1]/$'\x01'/$eve}
-"$bin/zorvctl" block remove bob
 
 step "within IPsec, and the tunnel carried by xl2tpd itself"
 modprobe xfrm_user

@@ -3,9 +3,8 @@
 #
 #   . "$(dirname "$0")/lib.sh" BUILD_FOLDER
 #
-# A script ends with 0, with 77 after saying why it cannot run here (skip), or with 1 after saying
-# what it saw (fail). Whatever it started and made is gone then: processes by their ids and those of
-# its own namespaces, the namespaces, the root.
+# A script ends with 0, with 77 after skip, or with 1 after fail. Whatever it started and made is gone
+# then: processes by their ids and those of its own namespaces, the namespaces, the root.
 # shellcheck shell=bash disable=SC2034,SC2154
 set -euo pipefail
 build=$(cd "$1" && pwd)
@@ -16,9 +15,7 @@ export PATH=$bin:/usr/sbin:/sbin:$PATH
 skip() { echo "skipped: $1"; exit 77; }
 fail() {
   echo "FAILED: $1" >&2
-  for log in "$root"/*.log; do
-    [ ! -s "$log" ] || { echo "-- ${log##*/}"; tail -n 25 "$log"; } >&2
-  done
+  tail -n 25 "$root"/*.log >&2
   exit 1
 }
 

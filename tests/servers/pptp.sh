@@ -1,7 +1,5 @@
 #!/usr/bin/env bash
 # PPTP by real programs: pptpd and pppd with zorv.so on one side, pptp under pppd on the other.
-#
-# pptp.sh [BUILD_FOLDER]; exits 77 where it cannot run.
 # shellcheck disable=SC2034,SC2154 # shared with guest/ppp.sh
 set -euo pipefail
 here=$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")

@@ -21,10 +21,7 @@ exec 3>&1
 fail() {
   {
     echo "FAILED: $1"
-    for log in /run/*.log; do
-      echo "--- $log"
-      tail -n 25 "$log"
-    done
+    tail -n 25 /run/*.log
   } >&3
   exit 1
 }
