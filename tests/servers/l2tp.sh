@@ -96,7 +96,7 @@ swan() { # SIDE WORD ...
 kill -9 "$xl2tpd"
 start_server 'force userspace = yes'
 start_charon server 'local_addrs = 10.99.0.1, 10.98.0.1'
-export -f start_charon until_is swan
+export -f start_charon until_is within swan
 for machine in near far; do
   ip netns exec $machine bash -c "start_charon $machine 'local_addrs = ${address[$machine]}
     remote_addrs = ${server[$machine]}'"

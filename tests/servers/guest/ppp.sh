@@ -29,15 +29,18 @@ step() { echo "$SECONDS s: $1"; }
 set -E
 trap 'fail "a command of the test, line $LINENO of ${BASH_SOURCE[0]}"' ERR
 
-# until_is WHAT COMMAND ...: asks again until it is, for half a minute.
+# within SECONDS COMMAND ...: asks again until it is; false when it is not by then.
 mkfifo /run/never
-until_is() {
-  local what=$1 end=$((SECONDS + 30))
+within() {
+  local end=$((SECONDS + $1))
   shift
   until "$@" >/dev/null 2>&1; do
-    [ $SECONDS -lt $end ] || fail "$what"
+    [ $SECONDS -lt $end ] || return 1
     read -rt 0.05 _ <>/run/never || true
   done
+}
+until_is() { # WHAT COMMAND ...
+  within 30 "${@:2}" || fail "$1"
 }
 
 make_network() {
@@ -130,10 +133,23 @@ await_session() {
   ledger+=("$1 $kind $3 ${address[$2]} ${in_tunnel[$2]} $facts $EPOCHSECONDS")
 }
 
+# call MACHINE USER PASSWORD COMMAND ...: dials until it is. A call may get stuck with the one before,
+# which its server is still about to end.
+call() {
+  local try
+  for try in 1 2 3; do
+    dial "$1" "$2" "$3"
+    ! within 15 "${@:4}" || return 0
+    step "$2 dials once more"
+    hang_up "$1"
+  done
+  fail "no answer to $2"
+}
+
 log_in() { # MACHINE USER PASSWORD
   local count
   count_sessions
-  dial "$@"
+  call "$@" find_session ip-up "$2" "$count"
   await_session 2 "$1" "$2" "$count"
 }
 
@@ -155,8 +171,7 @@ log_out() { # MACHINE USER [COMMAND ...]: as COMMAND ends it, else by hanging up
 be_refused() { # MACHINE USER PASSWORD
   local count
   count_sessions
-  dial "$@"
-  until_is "no failed login of $2" has_told $((${#ledger[@]} + 1))
+  call "$@" has_told $((${#ledger[@]} + 1))
   ledger+=("1 $kind $2 ${address[$1]} - - 0 0 0 $EPOCHSECONDS")
   ! find_session ip-up "$2" "$count" || fail "$2 got in with $3"
   hang_up "$1"
