@@ -92,8 +92,7 @@ end() {
 ctl() { in_server zorvctl "$@"; }
 policy() { echo "{\"global\": {\"enable\": true, \"limit\": $1, \"time\": $2}}" >"$root/etc/config/vpn_block.conf"; }
 
-# start_daemon: leaves its id in $daemon. Abstract addresses belong to a network namespace: it runs in
-# the server's.
+# Leaves its id in $daemon. Abstract addresses belong to a network namespace: it runs in the server's.
 start_daemon() {
   run_in "$server" daemon.log zorvd
   daemon=$pid
@@ -134,8 +133,7 @@ $(rows "$@")"
 }
 rows_are() { [ "$(rows "${@:2}")" = "$1" ]; }
 
-# expect_block_notices ID ...: waits until exactly these have been sent, in this order: 0020 for a
-# user who is blocked now, 0021 for one who is not any more.
+# expect_block_notices ID ...: exactly these are sent, in this order: 0020 is blocked, 0021 not any more.
 expect_block_notices() { await 20 notified "$*" || fail "block notices should be $*, are $(block_notices)"; }
 notified() { [ "$(block_notices)" = "$1" ]; }
 block_notices() {

@@ -6,8 +6,6 @@
 # (10.99.0.2, calls 10.99.0.1) and "far" (10.98.0.2, calls 10.98.0.1). A test gives `kind`, the
 # records' code of its server, dial MACHINE USER PASSWORD, which leaves a process in `client`, and
 # kill_server MACHINE, after which callers are served again.
-#
-# To start a program takes a guest a tenth of a second: what is asked again and again is done by bash.
 
 build=$1
 bin=$build/bin
@@ -39,9 +37,7 @@ within() {
     read -rt 0.05 _ <>/run/never || true
   done
 }
-until_is() { # WHAT COMMAND ...
-  within 30 "${@:2}" || fail "$1"
-}
+until_is() { within 30 "${@:2}" || fail "$1"; } # WHAT COMMAND ...
 
 make_network() {
   local machine net
@@ -89,10 +85,7 @@ start_daemon() {
   until_is "zorvd does not serve" env ZORV_ROOT="$1" "$bin/zorvctl" block policy
   until_is "zorvd does not serve" env ZORV_ROOT="$1" "$bin/zorvctl" block list -q
 }
-stop_daemon() {
-  kill "$daemon"
-  wait "$daemon" || true
-}
+stop_daemon() { kill "$daemon" && wait "$daemon" || true; }
 
 hang_up() {
   kill "${client[$1]}" 2>/dev/null || true
@@ -154,10 +147,7 @@ log_in() { # MACHINE USER PASSWORD
 }
 
 # A session that the daemon does not get to know of.
-log_in_unseen() {
-  log_in "$@"
-  unset 'ledger[-1]'
-}
+log_in_unseen() { log_in "$@" && unset 'ledger[-1]'; }
 
 log_out() { # MACHINE USER [COMMAND ...]: as COMMAND ends it, else by hanging up
   local count machine=$1 user=$2
