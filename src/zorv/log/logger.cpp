@@ -1,6 +1,7 @@
 #include "logger.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -109,10 +110,20 @@ class Line {
   std::string spilled_;
 };
 
-// Without O_NONBLOCK a FIFO in the file's place, which anybody could make, would be waited for.
+// Anybody may have put something in the file's place: a link to a file that is to be made, a FIFO
+// to be waited for, a file of his own to be locked. Only a plain file of root's or of this user's
+// counts, under one name.
 int open_lock_file() {
   static const std::string path = os::rooted(kLogLockFile);
-  return open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0777);
+  const int fd =
+      open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0777);
+  struct stat about {};
+  if (fd >= 0 && (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode) || about.st_nlink != 1 ||
+                  (about.st_uid != 0 && about.st_uid != geteuid()))) {
+    close(fd);
+    return -1;
+  }
+  return fd;
 }
 
 // Allocates nothing, so that lines about a lack of memory are written.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <regex>
 
 #include "harness/process.h"
@@ -59,6 +60,17 @@ TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   ZORV_LOG(info, "shown\n");
   EXPECT_TRUE(testing::internal::GetCapturedStdout().ends_with(":shown\n"));
   __cur_type__ = kLogToFile;
+  const std::string other = harness::test_root() + "/other";
+  fs::create_symlink(other, lock);
+  ZORV_LOG(info, "a link\n");
+  EXPECT_FALSE(fs::exists(other));
+  // One that was left open would make the next line wait for its lock.
+  std::ofstream(other).close();
+  fs::remove(lock);
+  fs::create_hard_link(other, lock);
+  ZORV_LOG(info, "a second name\n");
+  EXPECT_EQ(log_module._iot_lock_fd_, -1);
+  fs::remove(lock);
   ASSERT_EQ(mkfifo(lock.c_str(), 0666), 0);
   errno = ENOTTY;
   ZORV_LOG(info, "a FIFO that nobody reads\n");
