@@ -1,3 +1,4 @@
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -48,14 +49,20 @@ struct Search {
   std::optional<Record> found;
 };
 
+// As it stands in a record, where a longer one is cut.
+std::string_view name_of(int text_count, char** texts) {
+  constexpr int kColumn = 1;
+  static_assert(&zorv::kBlockFields[kColumn] ==
+                zorv::named_field(zorv::kBlockFields, "username"));
+  const char* const name = text_count > kColumn ? texts[kColumn] : nullptr;
+  return name != nullptr ? std::string_view(name, strnlen(name, sizeof Record::username - 1)) : "";
+}
+
 int search_callback(void* user, int text_count, char** texts, char** /*names*/) {
   auto& search = *static_cast<Search*>(user);
-  if (!search.found) {
-    Record record{};
-    read_row(table.schema, text_count, texts, &record);
-    if (search.username == record.username) {
-      search.found = record;
-    }
+  // Only the row that is looked for is read: there may be many.
+  if (!search.found && search.username == name_of(text_count, texts)) {
+    read_row(table.schema, text_count, texts, &search.found.emplace());
   }
   return 0;
 }
