@@ -38,13 +38,11 @@ int status_of_errno() {
 int check_memfd(int memfd, std::size_t length) {
   struct stat about {};
   struct statfs system {};
-  if (fstat(memfd, &about) != 0 || fstatfs(memfd, &system) != 0) {
-    return KX_IS_INVALID;
-  }
+  // First of all: the others ask the file's file system, which may be anybody's.
   const int seals = fcntl(memfd, F_GET_SEALS);
-  const bool fits = S_ISREG(about.st_mode) && system.f_type == TMPFS_MAGIC &&
-                    about.st_size == static_cast<off_t>(length) && seals >= 0 &&
-                    (seals & kSeals) == kSeals;
+  const bool fits = seals >= 0 && (seals & kSeals) == kSeals && fstat(memfd, &about) == 0 &&
+                    fstatfs(memfd, &system) == 0 && S_ISREG(about.st_mode) &&
+                    system.f_type == TMPFS_MAGIC && about.st_size == static_cast<off_t>(length);
   return fits ? KX_SUCCESS : KX_IS_INVALID;
 }
 

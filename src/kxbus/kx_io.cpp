@@ -9,6 +9,14 @@
 void kx_io::finish(int status) {
   if (caller.valid()) {
     kxbus::send_status(caller.get(), status);
+    end_call();
+  }
+}
+
+void kx_io::end_call() {
+  if (of_stranger) {
+    answered = std::move(caller);
+  } else {
     caller.reset();
   }
 }
@@ -59,8 +67,15 @@ int kx_reply(kx_io* io) {
   if (io == nullptr || !io->caller.valid()) {
     return KX_IS_INVALID;
   }
+  if (io->of_stranger && !io->buffer.in_packet()) {
+    if (io->buffer.size() > io->most_shared) {
+      io->finish(KX_IS_BUSY);
+      return KX_IS_BUSY;
+    }
+    io->shared = io->buffer.size();
+  }
   const int status = kxbus::send_reply(io->caller.get(), io->buffer);
-  io->caller.reset();
+  io->end_call();
   return status;
 }
 

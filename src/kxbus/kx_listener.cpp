@@ -4,9 +4,13 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 
 namespace kxbus {
 
@@ -57,6 +61,37 @@ int remove_stale(const Address& address) {
   return unlink(address.path()) == 0 || errno == ENOENT ? 0 : errno;
 }
 
+unsigned number_from_environment(const char* name) {
+  const char* const text = secure_getenv(name);
+  return text != nullptr ? static_cast<unsigned>(strtoul(text, nullptr, 10)) : 0;
+}
+
+// The listening socket of that address that a service manager has handed over; none otherwise.
+Descriptor handed_over_socket(const Address& address) {
+  constexpr int kFirst = 3;
+  constexpr unsigned kMost = 64;
+  if (number_from_environment("LISTEN_PID") != static_cast<unsigned>(getpid())) {
+    return {};
+  }
+  const unsigned count = std::min(number_from_environment("LISTEN_FDS"), kMost);
+  for (int socket = kFirst; socket < kFirst + static_cast<int>(count); ++socket) {
+    sockaddr_un bound{};
+    socklen_t bound_length = sizeof bound;
+    int type = 0;
+    int listening = 0;
+    socklen_t length = sizeof type;
+    if (getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &bound_length) == 0 &&
+        bound_length == address.length && memcmp(&bound, address.get(), bound_length) == 0 &&
+        getsockopt(socket, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_SEQPACKET &&
+        getsockopt(socket, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length) == 0 && listening == 1) {
+      fcntl(socket, F_SETFD, FD_CLOEXEC);
+      fcntl(socket, F_SETFL, O_NONBLOCK);
+      return Descriptor(socket);
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 Listener::~Listener() {
@@ -71,6 +106,11 @@ Listener::~Listener() {
 }
 
 int Listener::open(const Address& address, int backlog) {
+  socket_ = handed_over_socket(address);
+  if (socket_.valid()) {
+    handed_over_ = true;
+    return listen(socket_.get(), backlog) == 0 ? 0 : errno;  // callers then see this process's user
+  }
   if (*address.path() != '\0') {
     lock_path_ = address.path() + std::string(".lock");
     if (const int error = lock_file(lock_path_, lock_); error != 0) {

@@ -1,8 +1,11 @@
 #include "kx_server.h"
 
 #include <fcntl.h>
+#include <linux/sockios.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,7 +19,6 @@
 #include "kx_signal.h"
 
 using kxbus::log_line;
-using kxbus::refuse;
 using os::Descriptor;
 
 namespace {
@@ -25,6 +27,7 @@ constexpr int kBacklogUnit = 32;
 constexpr std::size_t kPendingPerUser = 64;
 constexpr std::int64_t kPendingTime = 5000;
 constexpr std::int64_t kListenPause = 100;
+constexpr std::int64_t kLastTime = 200;  // for the requests of those accepted, before the end
 // One event each: a descriptor that a child still holds, being between fork and exec, stays
 // pending.
 constexpr std::uint32_t kOnce = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
@@ -141,10 +144,11 @@ void kx_server::accept_one() {
   if (!kxbus::read_peer(connection.get(), peer)) {
     return;
   }
-  if (!admits(connection.get(), peer)) {
+  const bool stranger = !kxbus::is_own_kind(peer);
+  if (stranger && !admits(connection.get(), peer)) {
     refuse(std::move(connection), KX_IS_REJECT);
-  } else if (!serve(connection, Hangup::check)) {
-    keep(std::move(connection), peer.uid);
+  } else if (!serve(connection, stranger, Hangup::check)) {
+    keep(std::move(connection), peer.uid, stranger);
   }
 }
 
@@ -171,9 +175,6 @@ void kx_server::accept_with_spare() {
 }
 
 bool kx_server::admits(int connection, const kxbus::Peer& peer) {
-  if (kxbus::is_own_kind(peer)) {
-    return true;
-  }
   try {
     if (kxbus::is_allowed_caller(name_, connection, peer, log_budget_)) {
       return true;
@@ -189,7 +190,11 @@ bool kx_server::admits(int connection, const kxbus::Peer& peer) {
 }
 
 // Serves the request of a connection and closes it. False when the request is not there yet.
-bool kx_server::serve(Descriptor& connection, Hangup hangup) {
+bool kx_server::serve(Descriptor& connection, bool stranger, Hangup hangup) {
+  if (stranger && !disposal_.is_harmless(connection.get())) {
+    refuse(std::move(connection), KX_IS_INVALID);
+    return true;
+  }
   kxbus::Incoming incoming;
   const std::span<char> space = request_.buffer.packet_space();
   switch (kxbus::receive_packet(connection.get(), space, kxbus::Wait::no, incoming)) {
@@ -209,14 +214,18 @@ bool kx_server::serve(Descriptor& connection, Hangup hangup) {
     fault = fault_behind_request(connection.get());
   }
   if (fault == KX_SUCCESS) {
-    dispatch(std::move(connection), incoming, frame);
+    dispatch(std::move(connection), stranger, incoming, frame);
     return true;
   }
   refuse(std::move(connection), incoming.out_of_descriptors ? KX_IS_BUSY : fault);
   return true;
 }
 
-void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
+void kx_server::refuse(Descriptor connection, int status) {
+  disposal_.refuse(std::move(connection), status);
+}
+
+void kx_server::dispatch(Descriptor connection, bool stranger, kxbus::Incoming& incoming,
                          const kxbus::RequestFrame& frame) {
   char method[kxbus::kLargestMethod + 1];
   method[frame.method.copy(method, kxbus::kLargestMethod)] = '\0';
@@ -235,6 +244,9 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
     kxbus::stop_lingering(passed);
   }
   request_.caller = std::move(connection);
+  request_.of_stranger = stranger;
+  request_.most_shared = stranger ? most_shared() : 0;
+  request_.shared = 0;
   try {
     callback_(method, &request_, passed);
   } catch (...) {
@@ -242,9 +254,42 @@ void kx_server::dispatch(Descriptor connection, kxbus::Incoming& incoming,
   }
   request_.finish(KX_IS_INVALID);
   request_.buffer.clear();
+  if (!stranger) {
+    return;
+  }
+  const auto place = std::find_if(unread_.begin(), unread_.end(),
+                                  [](const Unread& unread) { return !unread.connection.valid(); });
+  if (request_.shared > 0 && place != unread_.end()) {
+    shutdown(request_.answered.get(), SHUT_RD);
+    *place = {std::move(request_.answered), request_.shared};
+  } else {
+    disposal_.close(std::move(request_.answered));
+  }
 }
 
-void kx_server::keep(Descriptor connection, uid_t uid) {
+// What strangers may be sent in memfds, all of them together. A memfd that nobody reads is memory
+// that nobody gets back, so those that were not read count.
+std::size_t kx_server::most_shared() {
+  std::size_t left = kxbus::kLargestBody;
+  bool place = false;
+  for (Unread& unread : unread_) {
+    int waiting = 0;
+    pollfd peer{unread.connection.get(), 0, 0};
+    if (unread.connection.valid() &&
+        ((ioctl(unread.connection.get(), SIOCOUTQ, &waiting) == 0 && waiting == 0) ||
+         (poll(&peer, 1, 0) > 0 && (peer.revents & POLLHUP) != 0))) {
+      disposal_.close(std::move(unread.connection));
+    }
+    if (unread.connection.valid()) {
+      left -= std::min(left, unread.bytes);
+    } else {
+      place = true;
+    }
+  }
+  return place ? left : 0;
+}
+
+void kx_server::keep(Descriptor connection, uid_t uid, bool stranger) {
   const auto of_user = [uid](const Pending& pending) {
     return pending.connection.valid() && pending.uid == uid;
   };
@@ -265,6 +310,7 @@ void kx_server::keep(Descriptor connection, uid_t uid) {
   }
   slot->connection = std::move(connection);
   slot->uid = uid;
+  slot->stranger = stranger;
   slot->until = now() + kPendingTime;
   slot->arrival = ++arrivals_;
   next_expiry_ = std::min(next_expiry_, slot->until);
@@ -282,7 +328,7 @@ void kx_server::serve_pending(std::uint64_t tag, Hangup hangup) {
     return;  // it was given up while this event waited
   }
   Descriptor connection = take(pending);
-  if (serve(connection, hangup)) {
+  if (serve(connection, pending.stranger, hangup)) {
     return;
   }
   epoll_event event{.events = kOnce, .data = {.u64 = tag}};
@@ -306,7 +352,7 @@ void kx_server::evict_longest(const uid_t* uid) {
     return;
   }
   Descriptor connection = take(*longest);
-  if (!serve(connection, Hangup::check)) {
+  if (!serve(connection, longest->stranger, Hangup::check)) {
     refuse(std::move(connection), KX_IS_BUSY);
   }
 }
@@ -325,30 +371,54 @@ void kx_server::expire() {
       next_expiry_ = std::min(next_expiry_, pending.until);
     } else if (pending.connection.valid() && !stopping_) {
       Descriptor connection = take(pending);
-      if (!serve(connection, Hangup::check)) {
+      if (!serve(connection, pending.stranger, Hangup::check)) {
         refuse(std::move(connection), KX_IS_BUSY);
       }
     }
   }
 }
 
-// Whoever is connected gets an answer, whoever comes later finds nobody.
+// Whoever is connected gets an answer, whoever comes later finds nobody. Where the listening socket
+// was handed over, they wait in it for the next to serve, and who was accepted is served.
 void kx_server::pause_everybody() {
   paused_ = true;
-  shutdown(listener_.socket(), SHUT_RDWR);
+  if (listener_.is_handed_over()) {
+    serve_the_last();
+  } else {
+    shutdown(listener_.socket(), SHUT_RDWR);
+  }
   for (Pending& pending : pending_) {
     if (pending.connection.valid()) {
       refuse(take(pending), KX_IS_PAUSED);
     }
   }
   spare_.reset();
-  for (;;) {
+  while (!listener_.is_handed_over()) {
     Descriptor connection(
         accept4(listener_.socket(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (connection.valid()) {
       refuse(std::move(connection), KX_IS_PAUSED);
     } else if (errno != EINTR && errno != ECONNABORTED) {
       return;
+    }
+  }
+}
+
+// An honest caller sends as soon as it is connected.
+void kx_server::serve_the_last() {
+  const std::int64_t end = now() + kLastTime;
+  for (Pending& pending : pending_) {
+    bool waiting = pending.connection.valid();
+    while (waiting) {
+      pollfd request{pending.connection.get(), POLLIN, 0};
+      const auto time = static_cast<int>(std::max<std::int64_t>(end - now(), 0));
+      waiting = poll(&request, 1, time) < 0 && errno == EINTR;
+    }
+    if (pending.connection.valid()) {
+      Descriptor connection = take(pending);
+      if (!serve(connection, pending.stranger, Hangup::check)) {
+        refuse(std::move(connection), KX_IS_PAUSED);
+      }
     }
   }
 }

@@ -18,6 +18,7 @@
 
 #include "descriptor.h"
 #include "kx_address.h"
+#include "kx_disposal.h"
 #include "kx_io.h"
 #include "kx_listener.h"
 #include "kx_log.h"
@@ -40,6 +41,7 @@ struct kx_server {
   struct Pending {
     os::Descriptor connection;
     uid_t uid = 0;
+    bool stranger = false;
     std::uint32_t generation = 0;
     std::int64_t until = 0;     // milliseconds, monotonic
     std::uint64_t arrival = 0;  // counts up: tells those apart that came in one millisecond
@@ -54,14 +56,17 @@ struct kx_server {
   void accept_one();
   void accept_with_spare();
   bool admits(int connection, const kxbus::Peer& peer);
-  bool serve(os::Descriptor& connection, Hangup hangup);
-  void dispatch(os::Descriptor connection, kxbus::Incoming& incoming,
+  bool serve(os::Descriptor& connection, bool stranger, Hangup hangup);
+  void dispatch(os::Descriptor connection, bool stranger, kxbus::Incoming& incoming,
                 const kxbus::RequestFrame& frame);
-  void keep(os::Descriptor connection, uid_t uid);
+  void refuse(os::Descriptor connection, int status);
+  void keep(os::Descriptor connection, uid_t uid, bool stranger);
   os::Descriptor take(Pending& pending);
   void evict_longest(const uid_t* uid);
   void expire();
   void pause_everybody();
+  void serve_the_last();
+  std::size_t most_shared();
 
   kx_method_callback callback_;
   std::string name_;
@@ -78,5 +83,12 @@ struct kx_server {
   std::uint64_t arrivals_ = 0;
   std::int64_t next_expiry_ = INT64_MAX;  // no slot expires earlier
   kxbus::LogBudget log_budget_;
+  kxbus::Disposal disposal_;
+  // Strangers' replies in memfds, each until it has been read or its caller is gone.
+  struct Unread {
+    os::Descriptor connection;
+    std::size_t bytes = 0;
+  };
+  std::array<Unread, 32> unread_;
   kx_io request_;
 };

@@ -14,8 +14,6 @@ using os::Descriptor;
 
 namespace {
 
-constexpr std::size_t kMostDescriptors = 253;  // SCM_MAX_FD
-
 // A connection that is aborted has nothing to linger for, whatever its sender does meanwhile.
 void discard(Descriptor descriptor) {
   sockaddr nobody{};
@@ -147,19 +145,6 @@ int send_reply(int socket, Buffer& body) {
   const int status = error == ETOOMANYREFS ? KX_IS_BUSY : KX_IO_FAILURE;
   send_status(socket, status);
   return status;
-}
-
-void refuse(Descriptor connection, int status) {
-  const int yes = 1;
-  shutdown(connection.get(), SHUT_RD);
-  setsockopt(connection.get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes);  // tells an empty packet
-  Receipt receipt = Receipt::packet;
-  while (receipt == Receipt::packet || receipt == Receipt::interrupted) {
-    char payload[1];
-    Incoming unread;
-    receipt = receive_packet(connection.get(), payload, Wait::no, unread);
-  }
-  send_status(connection.get(), status);
 }
 
 }  // namespace kxbus

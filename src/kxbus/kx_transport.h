@@ -1,4 +1,4 @@
-// Packets with descriptors over a SEQPACKET socket, and the two ways a server answers.
+// Packets with descriptors over a SEQPACKET socket, and how a server answers.
 //
 // Every descriptor that a peer attaches, up to the 253 that the kernel takes, is received
 // close-on-exec and owned; those beyond the two that a frame can announce are discarded. SIGPIPE is
@@ -14,6 +14,8 @@
 #include "kx_packet.h"
 
 namespace kxbus {
+
+inline constexpr std::size_t kMostDescriptors = 253;  // of a packet: the kernel's SCM_MAX_FD
 
 // Closing the last descriptor of a socket can wait for as long as its sender has told it to linger,
 // so a received one is made not to.
@@ -50,9 +52,5 @@ int send_packet(int socket, const HeaderBytes& header, std::span<const char> bod
 // caller that cannot take its answer at once has lost it. The status tells what became of it.
 int send_reply(int socket, Buffer& body);
 void send_status(int socket, int status);
-
-// Answers a connection whose request need not be looked at, and closes it. What it has sent is
-// discarded first, and it cannot send more: closing with unread input would cost it the answer.
-void refuse(os::Descriptor connection, int status);
 
 }  // namespace kxbus

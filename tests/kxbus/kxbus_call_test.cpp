@@ -2,7 +2,11 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/fuse.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +16,7 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 
 #include "harness/bus_peer.h"
@@ -263,6 +268,105 @@ TEST_F(PeerTest, ManyOfOneUserFillNeitherTheLogNorTheServer) {
   };
   const int told = serve(1, {}, crowd);
   EXPECT_TRUE(told == 2 || told == 3) << told << " of those beyond 64, the last caller included";
+}
+
+// Answers everything but the FLUSH of a close.
+void serve_files(int device) {
+  alignas(fuse_in_header) char request[FUSE_MIN_READ_BUFFER + 4096];
+  while (read(device, request, sizeof request) > 0) {
+    const auto& asked = *reinterpret_cast<const fuse_in_header*>(request);
+    struct {
+      fuse_out_header header;
+      fuse_init_out init;
+    } answer{};
+    answer.header.unique = asked.unique;
+    answer.header.len = sizeof answer.header;
+    if (asked.opcode == FUSE_INIT) {
+      answer.init.major = FUSE_KERNEL_VERSION;
+      answer.init.minor = 31;
+      answer.init.max_write = 4096;
+      answer.header.len = sizeof answer;
+    } else if (asked.opcode == FUSE_OPEN) {
+      answer.header.len += sizeof(fuse_open_out);
+    } else {
+      answer.header.error = -ENOSYS;
+    }
+    if (asked.opcode != FUSE_FLUSH && write(device, &answer, answer.header.len) < 0) {
+      return;
+    }
+  }
+}
+
+// Mounts a file system of this user's own; the process that serves it, -1 where that may not be.
+pid_t mount_own_files(const char* path) {
+  prctl(PR_SET_DUMPABLE, 1);  // owns its files in /proc again
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+    return -1;
+  }
+  std::ofstream("/proc/self/uid_map") << "12345 12345 1";
+  std::ofstream("/proc/self/setgroups") << "deny";
+  std::ofstream("/proc/self/gid_map") << "1 1 1";
+  const os::Descriptor device(open("/dev/fuse", O_RDWR | O_CLOEXEC));
+  const std::string options =
+      "rootmode=100644,user_id=12345,group_id=1,fd=" + std::to_string(device.get());
+  if (mount("test", path, "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
+    return -1;
+  }
+  const pid_t serving = fork();
+  if (serving == 0) {
+    alarm(20);
+    serve_files(device.get());
+    _exit(0);
+  }
+  return serving;
+}
+
+TEST_F(PeerTest, AFileThatNeverClosesHoldsUpNobody) {
+  const std::string path = harness::test_root() + "/file";
+  harness::write_file("/file", "");
+  for (const auto& [list, status] :
+       {std::pair{"user 12346\n", KX_IS_REJECT}, {"user 12345\n", KX_IS_INVALID}}) {
+    allow(list);
+    const int answer = serve(1, {}, [&path] {
+      const pid_t serving = mount_own_files(path.c_str());
+      const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+      int refused = 77;
+      for (int i = 0; i < 20 && serving > 0; ++i) {  // more than there may be children
+        const RawSocket caller = RawSocket::connected();
+        caller.send(harness::Frame{.flags = 2}.bytes(), {file});
+        refused = caller.status();
+      }
+      kill(serving, SIGKILL);  // or this process, too, never ends
+      return refused;
+    });
+    if (answer == 77) {
+      GTEST_SKIP() << "no FUSE for ordinary users here";
+    }
+    EXPECT_EQ(answer, status) << list;
+  }
+}
+
+TEST_F(PeerTest, UnreadRepliesInMemoryAreBounded) {
+  allow("user 12345\n");
+  EXPECT_EQ(serve(1, {},
+                  [] {
+                    const int body = memfd_create("body", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+                    const bool sealed =
+                        ftruncate(body, 100000) == 0 && fcntl(body, F_ADD_SEALS, 0xF) == 0;
+                    std::vector<RawSocket> unread(32);
+                    for (RawSocket& caller : unread) {
+                      caller = RawSocket::connected();
+                      caller.send(harness::Frame{.flags = 1, .body_length = 100000}.bytes(),
+                                  {body});
+                    }
+                    const std::string large(100000, 'x');
+                    const bool one_too_many = bus_call("echo", large) == KX_IS_BUSY;
+                    const bool small_ones = bus_call("echo", "") == KX_SUCCESS;
+                    const bool came = unread.front().status() == KX_SUCCESS;
+                    const bool again = bus_call("echo", large) == KX_SUCCESS;
+                    return sealed && one_too_many && small_ones && came && again ? 1 : 0;
+                  }),
+            1);
 }
 
 TEST_F(PeerTest, AListenerThatIsNeitherRootNorNamedIsNotTrusted) {

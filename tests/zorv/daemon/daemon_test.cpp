@@ -4,9 +4,13 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
+#include "harness/bus_peer.h"
 #include "harness/daemon.h"
+#include "zorv_api_db.h"
 #include "zorv_calls.h"
 
 namespace {
@@ -118,6 +122,30 @@ TEST(DaemonEntry, DaemonizedProcessHasItsStreamsItsMaskItsRootAndItsPidFile) {
   kill(pid, SIGINT);
   EXPECT_TRUE(eventually([pid] { return kill(pid, 0) != 0; }));
   EXPECT_FALSE(fs::exists(harness::test_root() + kPidFile));
+}
+
+TEST(DaemonEntry, CallersWaitInASocketThatWasHandedOverWhileItRestarts) {
+  const harness::RawSocket socket = harness::RawSocket::listening(kZorvdAddress);
+  const auto serve = [&socket] {
+    dup2(socket.get(), 5);
+    setenv("LISTEN_FDS", "3", 1);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    return harness::become({harness::program("zorvd")});
+  };
+  std::atomic<int> inserted = 0;
+  std::thread inserting([&inserted] {
+    const db_conn_server_log record{};
+    while (inserted < 200 && zorv_api::insert(zorv::kServerLog, &record) == KX_SUCCESS) {
+      ++inserted;
+    }
+  });
+  for (int last = 20; last <= 200; last += 20) {
+    harness::Child daemon(serve);
+    EXPECT_TRUE(eventually([&] { return inserted >= last; }));
+    EXPECT_EQ(daemon.stop(), 0);
+  }
+  inserting.join();
+  EXPECT_EQ(harness::sql("SELECT count(*) FROM conn_server_log").at(0), "200");
 }
 
 }  // namespace
