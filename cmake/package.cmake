@@ -34,6 +34,7 @@ add_custom_target(manuals ALL DEPENDS ${compressed})
 foreach(unit ${units})
   install(FILES ${package}/systemd/${unit}.service DESTINATION /lib/systemd/system COMPONENT zorvd)
 endforeach()
+install(FILES ${package}/systemd/zorvd.socket DESTINATION /lib/systemd/system COMPONENT zorvd)
 install(FILES ${package}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zorvd.conf COMPONENT zorvd)
 install(FILES ${package}/logrotate.conf DESTINATION /etc/logrotate.d RENAME zorvd COMPONENT zorvd)
 install(FILES ${package}/completion/zorvctl.bash

@@ -2,7 +2,7 @@
 # Run by systemd in a booted root that has the package installed: the units run, confined as they are.
 set -eu
 trap '[ $? -eq 0 ] || { journalctl --no-pager -n 30; systemctl exit 1; }' EXIT
-systemctl is-active platformd.service zorvd.service
+systemctl is-active platformd.service zorvd.socket zorvd.service
 for _ in $(seq 200); do
   zorvctl server-log list -q >/dev/null 2>&1 && break
   sleep 0.05
@@ -21,8 +21,15 @@ done
 cat /var/log/network/notifications.jsonl
 journalctl -t notify --no-pager -o cat
 ls -l /etc/config/zorv /var/log/network
-systemctl restart zorvd.service
-systemctl stop zorvd.service platformd.service
+before=$(zorvctl client-log list -n 0 -j | wc -l)
+(for _ in $(seq 100); do zorvctl client-log add --username bob || echo lost; done) >/tmp/lost 2>&1 &
+for _ in 1 2 3; do systemctl restart zorvd.service; done
+wait
+[ ! -s /tmp/lost ] && [ "$(zorvctl client-log list -n 0 -j | wc -l)" -eq $((before + 100)) ]
+systemctl stop platformd.service zorvd.service
+systemctl start zorvd.service
+systemctl is-active platformd.service
+systemctl stop zorvd.socket zorvd.service platformd.service
 systemctl --failed --no-legend --plain | grep -E '^(zorvd|platformd)' && exit 1
 echo "the units work"
 systemctl exit 0

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -50,6 +51,21 @@ int fault_behind_request(int connection) {
   const ssize_t more = recv(connection, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT);
   return more < 0 && errno == EAGAIN ? KX_SUCCESS : KX_IS_INVALID;
 }
+
+// Who listens on an address that is taken.
+struct HolderText {
+  char text[64] = "";
+
+  void look(const kxbus::Address& address) {
+    const Descriptor probe(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    kxbus::Peer peer;
+    if (connect(probe.get(), address.get(), address.length) == 0 &&
+        kxbus::read_peer(probe.get(), peer)) {
+      snprintf(text, sizeof text, ", held by uid %u pid %d", static_cast<unsigned>(peer.uid),
+               static_cast<int>(peer.pid));
+    }
+  }
+};
 
 }  // namespace
 
@@ -430,6 +446,7 @@ kx_server* kx_create(const char* address, int backlog_units, int dispatchers,
     return nullptr;
   }
   int error = 0;
+  HolderText holder;
   try {
     kxbus::Address resolved;
     error = kxbus::resolve_address(address, resolved);
@@ -439,11 +456,13 @@ kx_server* kx_create(const char* address, int backlog_units, int dispatchers,
       if (error == 0) {
         return server.release();
       }
+      holder.look(resolved);
     }
   } catch (const std::bad_alloc&) {
     error = ENOMEM;
   }
-  log_line("cannot serve \"%.120s\": %s", address != nullptr ? address : "", strerror(error));
+  log_line("cannot serve \"%.120s\": %s%s", address != nullptr ? address : "", strerror(error),
+           error == EADDRINUSE ? holder.text : "");
   errno = error;
   return nullptr;
 }

@@ -1,19 +1,23 @@
 // platformd: the stand-in for the NAS's services that the VPN service calls over the bus.
 //
 // Serves "vpncaas" on the main thread and "NetworkService" on another until SIGTERM, SIGINT or
-// SIGHUP, then exits 0. Both end together: when one cannot go on, the other is stopped too and the
-// exit status is 1. Runs in the foreground; "platformd: ready" on standard output says that both
-// addresses are served.
+// SIGHUP, then exits 0. One whose address is taken is tried again every few seconds, while the
+// other is served; without any the exit status is 1. Both end together: when one cannot go on, the
+// other is stopped too and the exit status is 1. Runs in the foreground; "platformd: ready" on
+// standard output says that what can be served is.
 #include <fcntl.h>
 #include <getopt.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -38,29 +42,58 @@ struct KxServerRelease {
 };
 using KxServer = std::unique_ptr<kx_server, KxServerRelease>;
 
-// Set before the loops and the signals' callback run, and constant while they do.
-std::array<KxServer, 2> servers;
+constexpr std::chrono::seconds kRetryPause{5};
+
+struct Service {
+  const char* address;
+  kx_method_callback callback;
+  KxServer server{};  // null while its address is taken
+};
+
+// Both loops, and the signals' callback in one of them, meet here.
+std::mutex mutex;
+std::condition_variable stop_wanted;
+bool stopping = false;
+std::array<Service, 2> services = {Service{"vpncaas", platformd::config_service_call},
+                                   Service{"NetworkService", platformd::network_service_call}};
 
 void stop_all(int /*signal_number*/) {
-  for (const KxServer& server : servers) {
-    kx_stop(server.get());
+  const std::lock_guard lock(mutex);
+  stopping = true;
+  stop_wanted.notify_all();
+  for (const Service& service : services) {
+    kx_stop(service.server.get());
   }
 }
 
-int run(const KxServer& server) {
-  const int status = kx_start(server.get());
+void open_address(Service& service) {
+  service.server.reset(kx_create(service.address, 4, 1, service.callback));  // the bus logs why not
+}
+
+// True when the service is to be served, false when all is to end.
+bool wait_for_address(Service& service) {
+  std::unique_lock lock(mutex);
+  while (!stopping && service.server == nullptr) {
+    if (!stop_wanted.wait_for(lock, kRetryPause, [] { return stopping; })) {
+      open_address(service);
+    }
+  }
+  return !stopping;
+}
+
+int run(Service& service) {
+  const int status = wait_for_address(service) ? kx_start(service.server.get()) : KX_SUCCESS;
   stop_all(0);
   return status;
 }
 
 int serve_until_stopped() {
   kx_set_log([](const char* text) { platformd::log_line(std::string("bus: ") + text); });
-  servers = {KxServer(kx_create("vpncaas", 4, 1, platformd::config_service_call)),
-             KxServer(kx_create("NetworkService", 4, 1, platformd::network_service_call))};
-  for (const KxServer& server : servers) {
-    if (server == nullptr) {
-      return 1;  // the bus has logged why
-    }
+  for (Service& service : services) {
+    open_address(service);
+  }
+  if (services[0].server == nullptr && services[1].server == nullptr) {
+    return 1;
   }
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
     if (kx_signal(number, stop_all) != KX_SUCCESS) {
@@ -69,12 +102,14 @@ int serve_until_stopped() {
     }
   }
   int network_status = KX_SUCCESS;
-  std::thread network([&network_status] { network_status = run(servers[1]); });
+  std::thread network([&network_status] { network_status = run(services[1]); });
   puts("platformd: ready");
   fflush(stdout);
-  const int config_status = run(servers[0]);
+  const int config_status = run(services[0]);
   network.join();
-  servers = {};
+  for (Service& service : services) {
+    service.server.reset();
+  }
   platformd::log_line("stopped");
   return config_status == KX_SUCCESS && network_status == KX_SUCCESS ? 0 : 1;
 }
