@@ -106,7 +106,7 @@ Neighbour neighbour_that(const char* begins) {
 constexpr const char* kReader = "BEGIN; SELECT * FROM conn_server_log;";
 constexpr const char* kWriter = "BEGIN EXCLUSIVE;";
 
-TEST(Lock, AStartDoesNotWaitForIt) {
+TEST(Lock, AStartDoesNotWaitForItAndTablesAreMadeLater) {
   harness::Daemon().stop();
   for (const char* begin : {kReader, kWriter}) {
     Neighbour neighbour = neighbour_that(begin);
@@ -116,6 +116,9 @@ TEST(Lock, AStartDoesNotWaitForIt) {
     EXPECT_EQ(log_holds("create db failed"), begin == kWriter) << "a reader lets it start";
     neighbour.reset();
     EXPECT_EQ(insert("kept"), KX_SUCCESS);
+    const db_server_list_data session{};
+    EXPECT_EQ(zorv_api::insert(zorv::kServerList, &session), KX_SUCCESS);
+    EXPECT_EQ(harness::list(list_server_list).total, 1U);
     EXPECT_EQ(daemon.stop(), 0);
   }
 }

@@ -43,6 +43,8 @@ int wait_for_lock(void* /*user*/, int /*tries*/) {
   return 1;
 }
 
+int set_up_connection(Table& table);
+
 // Opens the connection where there is none. A module that was never created has no file, and its
 // statements go to SQLite without a connection, which refuses them.
 int open_connection(Table& table) {
@@ -62,6 +64,9 @@ int open_connection(Table& table) {
     return result;
   }
   sqlite3_busy_handler(db, wait_for_lock, nullptr);
+  if (table.create_is_due) {
+    table.create_is_due = set_up_connection(table) == SQLITE_BUSY;
+  }
   return SQLITE_OK;
 }
 
@@ -156,6 +161,22 @@ void make_unique_index(Table& table) {
       sqlite3_exec(table.__db__.get(), statement.get(), nullptr, nullptr, nullptr) != SQLITE_OK) {
     ZORV_LOG_FOR(table.log, error, "create db failed: %s", or_null_text(statement.get()));
   }
+}
+
+// Sets the pragmas and makes the table; SQLite's result.
+int set_up_connection(Table& table) {
+  sqlite3* const db = table.__db__.get();
+  // Nobody looks at what they give, so they wait for nobody.
+  sqlite3_busy_handler(db, nullptr, nullptr);
+  for (const char* pragma : kPragmas) {
+    execute_ignoring_result(table, pragma);
+  }
+  sqlite3_busy_handler(db, wait_for_lock, nullptr);
+  const int result = sqlite3_exec(db, table.__db_create_str.c_str(), nullptr, nullptr, nullptr);
+  if (result == SQLITE_OK && table.schema.unique != nullptr) {
+    make_unique_index(table);
+  }
+  return result;
 }
 
 struct IntegerTarget {
@@ -256,20 +277,12 @@ int create(Table& table) {
     ZORV_LOG_FOR(table.log, error, "rc NULL");
     return -1;
   }
-  // Nobody looks at what they give, so they wait for nobody.
-  sqlite3_busy_handler(table.__db__.get(), nullptr, nullptr);
-  for (const char* pragma : kPragmas) {
-    execute_ignoring_result(table, pragma);
-  }
-  sqlite3_busy_handler(table.__db__.get(), wait_for_lock, nullptr);
-  if (sqlite3_exec(table.__db__.get(), table.__db_create_str.c_str(), nullptr, nullptr, nullptr) !=
-      SQLITE_OK) {
+  if (const int result = set_up_connection(table); result != SQLITE_OK) {
     ZORV_LOG_FOR(table.log, error, "create db failed: %s", table.__db_create_str.c_str());
     close_connection(table);
+    // Another process held the file: the first statement that is let in makes the table.
+    table.create_is_due = result == SQLITE_BUSY;
     return -1;
-  }
-  if (table.schema.unique != nullptr) {
-    make_unique_index(table);
   }
   return 0;
 }

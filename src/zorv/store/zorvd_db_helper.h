@@ -9,6 +9,8 @@
 // A failed statement is logged, closes the connection and never stops the operation it belongs to:
 // the next statement opens the file again. A temporary table is lost with its connection and
 // nothing makes it anew, so after a failure its module fails until the daemon is started again.
+// Only where another process held the file at create, the table is made by the first statement that
+// finds it free.
 //
 // The journal is off: BEGIN and END group the statements of an insert, nothing is ever rolled back.
 //
@@ -95,6 +97,7 @@ struct Table {
   std::array<BoundedText<kFieldNameSize>, kMostFields> __db_fields;
   int __db_field_index__ = 0;  // columns registered, "id" included
   int __is_first_field = 1;
+  bool create_is_due = false;  // the file was locked when the table was to be made
 };
 
 // The one table of that declaration.
