@@ -1,23 +1,131 @@
 #include "login_policy.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <limits>
 
-#include "global_options.h"
-#include "json_ref.h"
+#include "service_call.h"
 
 namespace zorv {
 
-bool read_login_policy(LoginPolicy& ret_policy) {
+namespace {
+
+using State = PolicyReading::State;
+
+// The service's own words, without the file's name in front.
+std::string message_of(const json_t* reply) {
+  const char* const text = json_string_value(json_object_get(reply, "message"));
+  std::string message = text != nullptr ? text : "";
+  const std::string prefix = std::string(kLoginPolicyFile) + ": ";
+  return message.starts_with(prefix) ? message.substr(prefix.size()) : message;
+}
+
+PolicyReading unread(const ServiceAnswer& answer) {
+  const std::string service = std::string("the policy service ") + kLoginPolicyService;
+  if (answer.status == KX_IS_REJECT) {
+    return {State::refused, service + " failed, or does not serve this user"};
+  }
+  if (answer.status == KX_NOT_READY) {
+    return {State::away, service + " is not running"};
+  }
+  if (answer.status != KX_SUCCESS && answer.status != KX_IS_INVALID) {
+    return {State::away, service + " did not answer"};
+  }
+  if (answer.reply == nullptr) {
+    return {State::failed, service + " gave no answer that can be used"};
+  }
+  if (answer.error == ENOENT || answer.error == ENOTDIR) {
+    return {State::missing, "there is no such file"};
+  }
+  const std::string message = message_of(answer.reply.get());
+  if (answer.error == EBADMSG) {
+    return {State::broken, "the file is broken" + (message.empty() ? "" : ": " + message)};
+  }
+  return {State::failed, service + " cannot read the file: " +
+                             (message.empty() ? "error " + std::to_string(answer.error) : message)};
+}
+
+const char* kind_of_json(const json_t* value) {
+  switch (json_typeof(value)) {
+    case JSON_OBJECT:
+      return "an object";
+    case JSON_ARRAY:
+      return "an array";
+    case JSON_STRING:
+      return "a text";
+    case JSON_INTEGER:
+      return "a number";
+    case JSON_REAL:
+      return "a fraction";
+    case JSON_TRUE:
+    case JSON_FALSE:
+      return "a boolean";
+    case JSON_NULL:
+      break;
+  }
+  return "null";
+}
+
+// What is said of one member, "" where it is as it should be.
+std::string oddity(const json_t* policy, const char* name, bool is_right, const char* counts_as) {
+  if (is_right) {
+    return "";
+  }
+  const json_t* const value = json_object_get(policy, name);
+  return std::string("\"") + name + "\" is " +
+         (value != nullptr ? kind_of_json(value) : "missing") + " and counts as " + counts_as;
+}
+
+std::string oddities(const json_t* reply) {
+  const json_t* const policy = json_object_get(json_object_get(reply, "data"), "global");
+  if (!json_is_object(policy)) {
+    return "it holds no object \"global\" and counts as off: nobody is blocked";
+  }
+  const auto is = [policy](const char* name, auto... types) {
+    const json_t* const value = json_object_get(policy, name);
+    return value != nullptr && ((json_typeof(value) == types) || ...);
+  };
+  const bool is_off = !json_is_true(json_object_get(policy, "enable"));
+  // Of a policy that is off, members may be missing.
+  const auto may_lack = [=](const char* name) {
+    return is_off && json_object_get(policy, name) == nullptr;
+  };
+  std::string all;
+  for (const std::string& one :
+       {oddity(policy, "enable", is("enable", JSON_TRUE, JSON_FALSE), "false: nobody is blocked"),
+        oddity(policy, "limit", is("limit", JSON_INTEGER) || may_lack("limit"),
+               "0: any failed login blocks"),
+        oddity(policy, "time", is("time", JSON_INTEGER, JSON_REAL) || may_lack("time"),
+               "0: no block lasts")}) {
+    all += (all.empty() || one.empty() ? "" : "; ") + one;
+  }
+  return all;
+}
+
+ServiceAnswer ask_service() {
   const JsonRef request(json_object());
   json_object_set_new(request.get(), "path", json_string(kLoginPolicyFile));
   const JsonText request_text = dump_json(request.get());
-  const JsonRef reply(easy_kx_call(kLoginPolicyService, kLoginPolicyMethod, request_text.get()));
-  if (reply == nullptr) {
-    return false;
+  return call_service(kLoginPolicyService, kLoginPolicyMethod, request_text.get());
+}
+
+}  // namespace
+
+PolicyReading ask_login_policy() {
+  const ServiceAnswer answer = ask_service();
+  if (!answer.is_good()) {
+    return unread(answer);
   }
-  ret_policy = login_policy_of(reply.get());
-  return true;
+  const json_t* const reply = answer.reply.get();
+  return {State::read, oddities(reply), login_policy_of(reply)};
+}
+
+bool read_login_policy(LoginPolicy& ret_policy) {
+  const ServiceAnswer answer = ask_service();
+  if (answer.is_good()) {
+    ret_policy = login_policy_of(answer.reply.get());
+  }
+  return answer.is_good();
 }
 
 LoginPolicy login_policy_of(const json_t* reply) {

@@ -7,6 +7,7 @@
 #include <jansson.h>
 
 #include <cstdint>
+#include <string>
 
 namespace zorv {
 
@@ -20,8 +21,28 @@ struct LoginPolicy {
   double minutes = 0;    // block time; 0 where it is missing or no number
 };
 
-// False, with ret_policy untouched, when the policy could not be read. Blocks for as long as the
-// bus does, at most five seconds. Any thread may call.
+// What asking for the policy came to.
+struct PolicyReading {
+  enum class State {
+    read,
+    missing,  // there is no file
+    broken,   // the file holds no JSON
+    failed,   // the service could not read it for another reason, or is not what it should be
+    refused,  // the service does not serve this user, or failed at it
+    away,     // the service did not answer
+  };
+  State state = State::away;
+  // Half a sentence: why it was not read; of one that was read, which members are of a wrong kind
+  // and what they count as, "" where none is.
+  std::string remark{};
+  LoginPolicy policy{};  // where it was read
+};
+
+// Blocks for as long as the bus does, at most five seconds, and logs a failure. Any thread may
+// call.
+PolicyReading ask_login_policy();
+
+// The same for who needs no reason. False, with ret_policy untouched, when it could not be read.
 bool read_login_policy(LoginPolicy& ret_policy);
 
 // What the service's answer says, for whoever asks it in another way.

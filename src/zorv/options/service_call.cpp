@@ -1,8 +1,9 @@
+#include "service_call.h"
+
 #include <cstring>
 #include <utility>
 
 #include "global_options.h"
-#include "json_ref.h"
 #include "kxbus.h"
 #include "logger.h"
 
@@ -26,13 +27,15 @@ JsonRef parse_reply(kx_io* io) {
 
 }  // namespace
 
-json_t* easy_kx_call(const char* service, const char* method, const char* args) {
+// Everything is logged as the named function's, whoever calls.
+ServiceAnswer call_service(const char* service, const char* method, const char* args) {
+  const LogSite site{log_module, __LINE__, "easy_kx_call"};
   const char* const shown_args = args != nullptr ? args : "";
-  ZORV_LOG(debug, "kx_call %s.%s %s", service, method, shown_args);
+  ZORV_LOG_AT(site, debug, "kx_call %s.%s %s", service, method, shown_args);
   const kx_io_owner io(kx_io_create());
   if (io == nullptr) {
-    ZORV_LOG(error, "%s: kx_io_create failed", "easy_kx_call");
-    return nullptr;
+    ZORV_LOG_AT(site, error, "%s: kx_io_create failed", "easy_kx_call");
+    return {.status = KX_IO_FAILURE};
   }
   int status = KX_SUCCESS;
   if (args != nullptr) {
@@ -42,24 +45,30 @@ json_t* easy_kx_call(const char* service, const char* method, const char* args) 
     status = kx_call(service, method, io.get(), kTimeoutSeconds, kNoDescriptor);
   }
   if (status != KX_SUCCESS) {
-    ZORV_LOG(error, "%s: kx_call %s.%s %s failed", "easy_kx_call", service, method, shown_args);
-    return nullptr;
+    ZORV_LOG_AT(site, error, "%s: kx_call %s.%s %s failed", "easy_kx_call", service, method,
+                shown_args);
+    return {.status = status};
   }
   JsonRef root = parse_reply(io.get());
   if (!json_is_object(root.get())) {
-    ZORV_LOG(error, "%s: root isn't an object.", "easy_kx_call");
-    return nullptr;
+    ZORV_LOG_AT(site, error, "%s: root isn't an object.", "easy_kx_call");
+    return {};
   }
   const json_t* const error = json_object_get(root.get(), "error");
   if (!json_is_integer(error)) {
-    ZORV_LOG(error, "%s: val isn't an integer.", "easy_kx_call");
-    return nullptr;
+    ZORV_LOG_AT(site, error, "%s: val isn't an integer.", "easy_kx_call");
+    return {};
   }
-  if (json_integer_value(error) != 0) {
-    ZORV_LOG(error, "%s: %s.%s %s failed", "easy_kx_call", service, method, shown_args);
-    return nullptr;
+  const json_int_t number = json_integer_value(error);
+  if (number != 0) {
+    ZORV_LOG_AT(site, error, "%s: %s.%s %s failed", "easy_kx_call", service, method, shown_args);
   }
-  return root.release();
+  return {.error = number, .reply = std::move(root)};
+}
+
+json_t* easy_kx_call(const char* service, const char* method, const char* args) {
+  ServiceAnswer answer = call_service(service, method, args);
+  return answer.is_good() ? answer.reply.release() : nullptr;
 }
 
 std::string get_profile_name(std::string ifname) {  // NOLINT(performance-unnecessary-value-param)
