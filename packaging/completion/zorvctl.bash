@@ -6,11 +6,11 @@ _zorvctl() {
   local program=${COMP_WORDS[0]} word help words
   COMPREPLY=()
 
-  # The noun and the verb are the first words that are no options.
+  # The noun and the verb are the first words that are no options; one verb has a verb of its own.
   local -a path=()
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     [[ $word == -* ]] && continue
-    ((${#path[@]} < 2)) && path+=("$word")
+    ((${#path[@]} < 2)) || [[ "${path[*]} $word" == 'block policy set' ]] && path+=("$word")
   done
   case $previous in
     -o | --output)
@@ -35,7 +35,7 @@ _zorvctl() {
     return
   fi
 
-  if [[ $previous == --sort || ( ${#path[@]} -eq 2 && $current != -* ) ]]; then
+  if [[ $previous == --sort || ( $help == *'Fields: '* && $current != -* ) ]]; then
     # "Fields: id, username, ..." up to the first line that ends the sentence.
     words=$(sed -n '/^Fields: /,$ {h;s/^Fields: //;s/[,.]/ /g;p;x;/\.$/q}' <<<"$help")
     if [[ $previous != --sort ]]; then

@@ -23,7 +23,7 @@ constexpr const char* kFooter =
     "  zorvctl block list                   who is blocked, and for how long\n"
     "  zorvctl block remove alice\n\n"
     "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked,\n"
-    "5 unknown whether blocked (both only block check).";
+    "5 to 9 unknown whether blocked (from 4 on only block check).";
 
 void add_nouns(CLI::App& program, Run* run) {
   program.require_subcommand(1);

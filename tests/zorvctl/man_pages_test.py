@@ -43,7 +43,8 @@ for noun in subcommands(help_of("zorvctl")):
     told |= set(OPTION.findall(help_of("zorvctl", noun)))
     for verb in subcommands(help_of("zorvctl", noun)):
         verbs.add(f"{noun} {verb}")
-        told |= set(OPTION.findall(help_of("zorvctl", noun, verb)))
+        for further in [[], *([word] for word in subcommands(help_of("zorvctl", noun, verb)))]:
+            told |= set(OPTION.findall(help_of("zorvctl", noun, verb, *further)))
 same("zorvctl", set(OPTION.findall(text)), told)
 section = text[text.index("NOUNS AND VERBS"):text.index("OPTIONS")]
 documented = set()

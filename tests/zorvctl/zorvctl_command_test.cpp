@@ -7,6 +7,7 @@
 
 #include "harness/bus_peer.h"
 #include "harness/daemon.h"
+#include "harness/fake_service.h"
 #include "zorv_api_db.h"
 
 namespace {
@@ -15,6 +16,7 @@ using harness::Outcome;
 using harness::RawSocket;
 using harness::sql;
 using harness::zorvctl;
+using namespace std::string_literals;
 using Words = std::vector<std::string>;
 
 Words split(const std::string& words) {
@@ -46,11 +48,29 @@ TEST(Answers, EndWithAStatusAndASentenceEach) {
         caller.send(harness::Frame{.kind = 2, .detail = one.status, .method = ""}.bytes());
       });
       const Outcome outcome = zorvctl(split(words));
-      EXPECT_EQ(outcome.status, one.exit) << words;
+      const bool is_refused = one.status == KX_IS_REJECT && words == "block check alice"s;
+      EXPECT_EQ(outcome.status, is_refused ? 9 : one.exit) << words;
       EXPECT_TRUE(outcome.err.ends_with(one.sentence)) << words << outcome.err;
       RawSocket::connected(kZorvdAddress);  // in case that nobody came
       daemon.join();
     }
+  }
+}
+
+TEST(Policy, IsNotKnownForAReasonThatIsTold) {
+  const std::tuple<std::optional<std::string>, const char*, int, const char*> cases[] = {
+      {{}, "check eve", 9, "the policy service vpncaas failed, or does not serve this user\n"},
+      {"{}", "check eve", 5, "the policy service vpncaas gave no answer that can be used\n"},
+      {R"({"error": 17})", "check eve", 5, "vpncaas cannot read the file: error 17\n"},
+      {R"({"error": 0, "data": {"global": {"enable": true, "limit": 5, "time": 1}}})",
+       "policy set --limit 6", 1, "is written, but the policy service reads something else\n"},
+  };
+  const harness::Daemon daemon;
+  for (const auto& [reply, words, status, sentence] : cases) {
+    const harness::FakeService service("vpncaas", "read_json", reply);
+    const Outcome outcome = zorvctl(split("block "s + words));
+    EXPECT_EQ(outcome.status, status);
+    EXPECT_TRUE(outcome.err.ends_with(sentence)) << outcome.err;
   }
 }
 

@@ -54,8 +54,7 @@ TEST(Terminal, CutsTextsThatAreTooWideAndObeysNone) {
   memset(record.device_info, 'd', 300);
   const auto written = [&record](const char* format, const Style& style) {
     std::string out;
-    const auto writer =
-        find_format(format)->make_writer({zorv::kServerLog.fields, nullptr, style}, &out);
+    const auto writer = find_format(format)->make_writer({zorv::kServerLog.fields, style}, &out);
     writer->add(&record);
     writer->end_page();
     return out;

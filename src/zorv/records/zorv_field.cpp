@@ -5,7 +5,14 @@
 namespace zorv {
 
 FieldValue get(const Field& field, const void* record) {
+  if (field.has_value != nullptr && !field.has_value(record)) {
+    return std::monostate();
+  }
   const void* const member = field.member(const_cast<void*>(record));
+  if (field.is_word()) {
+    const char* const word = word_of(field.words, *static_cast<const int*>(member));
+    return word != nullptr ? FieldValue(std::string_view(word)) : std::monostate();
+  }
   switch (field.type) {
     case FieldType::text: {
       const auto* const text = static_cast<const char*>(member);

@@ -25,8 +25,9 @@ enum class FieldType {
   uint64,
 };
 
-// A text is a view of the record, or of whatever else it came from.
-using FieldValue = std::variant<std::string_view, record_int64, record_uint64>;
+// A text is a view of the record, or of whatever else it came from. Only a computed field may have
+// no value, the last alternative.
+using FieldValue = std::variant<std::string_view, record_int64, record_uint64, std::monostate>;
 
 struct Field {
   const char* name;     // of the column, of the filter, of the option
@@ -36,8 +37,12 @@ struct Field {
   FieldType type;
   size_t size;  // of the member, in bytes
   void* (*member)(void* record);
+  bool is_computed = false;  // by who shows the record: neither stored nor known to the daemon
+  bool (*has_value)(const void* record) = nullptr;  // null: always
 
   bool is_text() const { return type == FieldType::text; }
+  // A code that nobody stored as a number has its word for a value.
+  bool is_word() const { return is_computed && meaning == Meaning::code; }
 };
 
 // A text ends at its terminator, or with its last byte.
@@ -60,6 +65,8 @@ Record record_of(Member Record::*);
 template <class Record, class Member>
 Member member_of(Member Record::*);
 
+// GCC 12 shares these between sources also for records of unnamed namespaces: two of them must not
+// have the same name.
 template <auto Member>
 void* address(void* record) {
   return &(static_cast<decltype(record_of(Member))*>(record)->*Member);
@@ -123,6 +130,13 @@ consteval Field code(const char* name, const char* heading, std::span<const Code
           FieldType::int32,
           sizeof(int),
           field_detail::address<Member>};
+}
+
+// The same for what is worked out from a record; without a value unless `has_value` says so.
+consteval Field computed(Field field, bool (*has_value)(const void* record) = nullptr) {
+  field.is_computed = true;
+  field.has_value = has_value;
+  return field;
 }
 
 // The same for an int that keeps the low 32 bits of a larger number.

@@ -15,8 +15,13 @@ enum ExitStatus : int {
   kFailed = 1,       // the daemon or the system refused
   kUsage = 2,        // the words of the command line are wrong; nothing was asked of the daemon
   kUnreachable = 3,  // the daemon did not answer
-  kBlocked = 4,      // only "block check": the user is blocked
-  kUnknown = 5,      // only "block check": the daemon cannot tell
+  // Only "block check"; from 5 on nobody can tell whether the user is blocked.
+  kBlocked = 4,
+  kUnknown = 5,        // the login policy cannot be read, for none of the following reasons
+  kPolicyMissing = 6,  // there is no login policy
+  kPolicyBroken = 7,   // its file holds no JSON
+  kPolicyAway = 8,     // the policy service does not answer
+  kRefused = 9,        // the daemon or the policy service does not serve this user, or failed
 };
 
 // One line on stderr, in front of it the program's name.

@@ -15,39 +15,33 @@
 namespace zorvctl {
 namespace {
 
-using zorv::BlockState;
-
-std::optional<zorv::LoginPolicy> read_policy() {
-  zorv::LoginPolicy policy;
-  if (!zorv::read_login_policy(policy)) {
-    complain("cannot read the login policy {}: who is blocked is unknown", zorv::kLoginPolicyFile);
-    return std::nullopt;
-  }
-  return policy;
-}
-
-const char* state_text(BlockState state) {
+int exit_status_of(zorv::PolicyReading::State state) {
   switch (state) {
-    case BlockState::off:
-      return "policy off";
-    case BlockState::counting:
-      return "counting";
-    case BlockState::blocked:
-      return "blocked";
-    case BlockState::over:
-      return "block over";
+    case zorv::PolicyReading::State::missing:
+      return kPolicyMissing;
+    case zorv::PolicyReading::State::broken:
+      return kPolicyBroken;
+    case zorv::PolicyReading::State::away:
+      return kPolicyAway;
+    case zorv::PolicyReading::State::refused:
+      return kRefused;
+    case zorv::PolicyReading::State::read:
+    case zorv::PolicyReading::State::failed:
+      break;
   }
-  return "unknown";
+  return kUnknown;
 }
 
-bool fits(const std::string& username) {
-  constexpr size_t kLongest = kTextSize - 1;
-  if (username.size() <= kLongest) {
-    return true;
-  }
-  complain("username: {} bytes are too many, a user name holds at most {}", username.size(),
-           kLongest);
-  return false;
+// The daemon only tells that it does not know: asked for the policy in its way, the service says
+// why.
+int complain_unknown(const std::string& username) {
+  const zorv::PolicyReading reading = zorv::ask_login_policy();
+  complain("whether {} is blocked is unknown: the daemon cannot read the login policy {}: {}",
+           display_text(username), zorv::kLoginPolicyFile,
+           reading.state == zorv::PolicyReading::State::read
+               ? "it can be read from here, the daemon's log says why not from there"
+               : display_text(reading.remark));
+  return exit_status_of(reading.state);
 }
 
 std::string blocked_text(const std::string& username) {
@@ -59,18 +53,17 @@ std::string blocked_text(const std::string& username) {
 }
 
 int check(const std::string& username, bool quiet) {
-  if (!fits(username)) {
+  if (!is_user_name(username)) {
     return kUsage;
   }
   auto answer = zorv_api::BlockAnswer::unknown;
-  const int status = report_status(zorv_api::check_block(username, answer), "check the user");
+  const int bus_status = zorv_api::check_block(username, answer);
+  const int status = report_status(bus_status, "check the user");
   if (status != kDone) {
-    return status;
+    return bus_status == KX_IS_REJECT ? kRefused : status;
   }
   if (answer == zorv_api::BlockAnswer::unknown) {
-    complain("whether {} is blocked is unknown: the daemon cannot read the login policy {}",
-             display_text(username), zorv::kLoginPolicyFile);
-    return kUnknown;
+    return complain_unknown(username);
   }
   const bool blocked = answer == zorv_api::BlockAnswer::blocked;
   if (!quiet) {
@@ -88,7 +81,7 @@ struct UserChange {
 // Calls the daemon, and looks at the user's row before and afterwards.
 int change_user(const std::string& username, int (*call)(const std::string& username),
                 const std::string& what, UserChange* ret) {
-  if (!fits(username)) {
+  if (!is_user_name(username)) {
     return kUsage;
   }
   const RecordQuery row = where(*zorv::kUserBlock.find("username"), username, {});
@@ -129,22 +122,6 @@ int remove(const std::string& username, bool quiet) {
   return status;
 }
 
-int show_policy(bool json) {
-  const auto policy = read_policy();
-  if (!policy) {
-    return kFailed;
-  }
-  if (json) {
-    print(fmt::format("{{\"enable\": {}, \"limit\": {}, \"time\": {}}}\n", policy->enabled,
-                      policy->limit, policy->minutes));
-    return kDone;
-  }
-  print(fmt::format("policy      {}\nlimit       {} failed logins\nblock time  {} ({} min)\n",
-                    policy->enabled ? "on" : "off", policy->limit,
-                    duration_text(zorv::block_seconds(policy->minutes)), policy->minutes));
-  return kDone;
-}
-
 // A verb that takes one user name.
 struct UserVerb {
   std::shared_ptr<std::string> username = std::make_shared<std::string>();
@@ -159,40 +136,24 @@ struct UserVerb {
 
 }  // namespace
 
-std::vector<ComputedColumn> block_columns() {
-  const auto policy = read_policy();
-  const std::time_t now = std::time(nullptr);
-  const auto verdict = [policy, now](const void* record) {
-    const auto& user = *static_cast<const db_privilege_user_block_data*>(record);
-    return policy ? std::optional(block_verdict(*policy, user.limit, user.timestamp, now))
-                  : std::nullopt;
-  };
-  return {{"LIMIT", true,
-           [policy](const void*) -> std::string {
-             return policy ? fmt::to_string(policy->limit) : "-";
-           }},
-          {"STATE", false,
-           [verdict](const void* record) -> std::string {
-             const auto found = verdict(record);
-             return found ? state_text(found->state) : "unknown";
-           }},
-          {"LEFT", true, [verdict](const void* record) -> std::string {
-             const auto found = verdict(record);
-             return found && found->state == BlockState::blocked
-                        ? duration_text(found->seconds_left)
-                        : "-";
-           }}};
+bool is_user_name(const std::string& word) {
+  constexpr size_t kLongest = kTextSize - 1;
+  if (word.size() <= kLongest) {
+    return true;
+  }
+  complain("username: {} bytes are too many, a user name holds at most {}", word.size(), kLongest);
+  return false;
 }
 
 void add_check_and_fail_verbs(CLI::App& noun, const zorv::TableSchema& /*table*/, Run* run) {
   const UserVerb checked(noun, "check", "Say whether a user is blocked");
   checked.verb->add_flag("-q,--quiet", *checked.quiet, "Only the exit status");
   checked.verb->footer(
-      "Ends with 4 when the user is blocked, with 0 when not, with 5 when the daemon cannot tell,\n"
-      "because it cannot read the login policy: a server then lets the user try. A check also "
-      "does\n"
-      "what a login's check does: a user whose block time is over is forgotten, and while the\n"
-      "policy is off, everyone is.");
+      "Ends with 4 when the user is blocked, with 0 when not. Nobody can tell with 6: there is no\n"
+      "login policy, 7: it is broken, 8: the policy service does not answer, 9: it or the daemon\n"
+      "does not serve this user, 5: the policy cannot be read for another reason; a server then\n"
+      "lets the user try. A check also does what a login's check does: a user whose block time is\n"
+      "over is forgotten, and while the policy is off, everyone is.");
   checked.verb->callback([=] { *run = [=] { return check(*checked.username, *checked.quiet); }; });
 
   const UserVerb failed(noun, "fail", "Count one failed login of a user");
@@ -203,14 +164,6 @@ void add_remove_verb(CLI::App& noun, const zorv::TableSchema& /*table*/, Run* ru
   const UserVerb removed(noun, "remove", "Lift the block of a user and forget the failures");
   removed.verb->add_flag("-q,--quiet", *removed.quiet, "No word about a user who is not there");
   removed.verb->callback([=] { *run = [=] { return remove(*removed.username, *removed.quiet); }; });
-}
-
-void add_policy_verb(CLI::App& noun, Run* run) {
-  auto json = std::make_shared<bool>(false);
-  CLI::App* verb =
-      noun.add_subcommand("policy", "Show the login policy that decides who is blocked");
-  verb->add_flag("-j,--json", *json, "As one JSON object");
-  verb->callback([=] { *run = [=] { return show_policy(*json); }; });
 }
 
 }  // namespace zorvctl

@@ -7,9 +7,7 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
-#include "record_writer.h"
 #include "zorv_schema.h"
 
 namespace zorvctl {
@@ -33,9 +31,8 @@ void add_clean_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
 // Blocks are counted and forgotten by a user's name, not added and deleted.
 void add_check_and_fail_verbs(CLI::App& noun, const zorv::TableSchema& table, Run* run);
 void add_remove_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
+// False after a complaint where no user name is so long.
+bool is_user_name(const std::string& word);
 void add_policy_verb(CLI::App& noun, Run* run);
-
-// Columns of block's table: what the login policy makes of each user.
-std::vector<ComputedColumn> block_columns();
 
 }  // namespace zorvctl

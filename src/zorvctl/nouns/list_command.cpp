@@ -1,6 +1,5 @@
 #include <CLI/CLI.hpp>
 
-#include <ctime>
 #include <memory>
 
 #include "commands.h"
@@ -8,6 +7,7 @@
 #include "decimal_option.h"
 #include "exit_status.h"
 #include "list_options.h"
+#include "listed_table.h"
 #include "output_options.h"
 #include "record_query.h"
 
@@ -27,32 +27,15 @@ std::string wrapped(const std::string& text) {
   return result + text.substr(line);
 }
 
-std::vector<ComputedColumn> session_columns() {
-  const auto now = static_cast<record_uint64>(std::time(nullptr));
-  return {{"STATE", false, [now](const void* record) -> std::string {
-             const auto expires = static_cast<const db_server_list_data*>(record)->expire_time;
-             if (expires == 0) {
-               return "-";
-             }
-             return expires <= now ? "expired" : "valid";
-           }}};
-}
-
-MakeComputed computed_columns_of(const zorv::TableSchema& table) {
-  return &table == &zorv::kServerList  ? session_columns
-         : &table == &zorv::kUserBlock ? block_columns
-                                       : nullptr;
-}
-
 int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   RecordQuery query;
   if (const int status = read_query(table, options, &query); status != kDone) {
     return status;
   }
+  query.row_of = row_maker(table);
   const Format& format = *find_format(options.output);
   std::string out;
-  const auto writer =
-      format.make_writer({table.fields, computed_columns_of(table), output_style(options)}, &out);
+  const auto writer = format.make_writer({table.fields, output_style(options)}, &out);
   bool printed = true;
   QueryEvents events;
   events.on_record = [&](const void* record) {
@@ -100,7 +83,8 @@ std::string list_footer(const zorv::TableSchema& table) {
 
 }  // namespace
 
-void add_list_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
+void add_list_verb(CLI::App& noun, const zorv::TableSchema& stored, Run* run) {
+  const zorv::TableSchema& table = listed_table(stored);
   auto options = std::make_shared<ListOptions>();
   CLI::App* verb =
       noun.add_subcommand("list", fmt::format("Show {}, the newest first", table.plural));

@@ -97,7 +97,7 @@ int show_sessions(const SessionOptions& options) {
   }
   std::string out;
   const auto writer =
-      find_format(options.output)->make_writer({kFields, nullptr, output_style(options)}, &out);
+      find_format(options.output)->make_writer({kFields, output_style(options)}, &out);
   const auto now = static_cast<uint64_t>(std::time(nullptr));
   unsigned long long shown = 0;
   for (const Session& session : joiner.newest_first()) {

@@ -1,5 +1,5 @@
-// One object a record and line, every field under its name, integers as they are stored. Text that
-// is no UTF-8 has U+FFFD for each stray byte.
+// One object a record and line, every field under its name, integers as they are stored, null
+// where there is no value. Text that is no UTF-8 has U+FFFD for each stray byte.
 #include <fmt/format.h>
 
 #include "display_text.h"
@@ -18,8 +18,11 @@ class JsonWriter : public RecordWriter {
     for (const zorv::Field& field : fields_) {
       const FieldValue value = get(field, record);
       const auto* text = std::get_if<std::string_view>(&value);
-      members += fmt::format("{}\"{}\": {}", members.empty() ? "" : ", ", field.name,
-                             text != nullptr ? json_string(*text) : number_digits(value));
+      members +=
+          fmt::format("{}\"{}\": {}", members.empty() ? "" : ", ", field.name,
+                      text != nullptr                                 ? json_string(*text)
+                      : std::holds_alternative<std::monostate>(value) ? "null"
+                                                                      : number_digits(value));
     }
     *out_ += "{" + members + "}\n";
   }

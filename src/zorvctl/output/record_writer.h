@@ -5,26 +5,14 @@
 // A format more: a file here that defines it, its row in formats.cpp, and a word in the man page.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "time_argument.h"
 #include "zorv_schema.h"
 
 namespace zorvctl {
-
-// A column that only tables have, worked out from the record: JSON and CSV show what is stored.
-struct ComputedColumn {
-  std::string heading;
-  bool is_amount;  // aligned to the right
-  std::function<std::string(const void* record)> text;
-};
-
-// Called where they are shown, when the list is about to be shown; null: none.
-using MakeComputed = std::vector<ComputedColumn> (*)();
 
 struct Style {
   Zone zone = Zone::local;
@@ -37,7 +25,6 @@ struct Style {
 
 struct Shown {
   std::span<const zorv::Field> fields;
-  MakeComputed make_computed = nullptr;
   Style style;
 };
 

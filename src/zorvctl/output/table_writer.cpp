@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <numeric>
 #include <utility>
+#include <vector>
 
 #include "display_text.h"
 #include "record_writer.h"
@@ -20,17 +21,11 @@ bool is_amount(Meaning meaning) {
 class TableWriter : public RecordWriter {
  public:
   TableWriter(const Shown& shown, std::string* out) : style_(shown.style), out_(out) {
-    if (shown.make_computed != nullptr) {
-      computed_ = shown.make_computed();
-    }
     for (const zorv::Field& field : shown.fields) {
       if (field.heading != nullptr) {
         shown_.push_back(&field);
         add_heading(field.heading, is_amount(field.meaning), field.is_text());
       }
-    }
-    for (const ComputedColumn& column : computed_) {
-      add_heading(column.heading, column.is_amount, false);
     }
   }
 
@@ -39,9 +34,6 @@ class TableWriter : public RecordWriter {
     row.reserve(layout_.size());
     for (const zorv::Field* field : shown_) {
       row.push_back(shown_value(*field, get(*field, record), style_.zone));
-    }
-    for (const ComputedColumn& column : computed_) {
-      row.push_back(column.text(record));
     }
     for (size_t index = 0; index < row.size(); ++index) {
       layout_[index].width = std::max(layout_[index].width, display_width(row[index]));
@@ -123,7 +115,6 @@ class TableWriter : public RecordWriter {
   }
 
   std::vector<const zorv::Field*> shown_;
-  std::vector<ComputedColumn> computed_;
   std::vector<std::string> headings_;
   std::vector<Layout> layout_;
   std::vector<std::vector<std::string>> rows_;

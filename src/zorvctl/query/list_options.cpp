@@ -36,7 +36,9 @@ int read_filter(const zorv::TableSchema& table, const std::string& word, Zone zo
     complain("{}", error);
     return kUsage;
   }
-  if (!field->is_text()) {
+  if (const auto* text = std::get_if<std::string_view>(&value)) {
+    filter.text = std::string(*text);
+  } else {
     filter.number = value;
   }
   query->filters.push_back(std::move(filter));
@@ -78,6 +80,11 @@ int read_query(const zorv::TableSchema& table, const ListOptions& options, Recor
     ret_query->order_by = field_or_complain(table, *options.sort);
     ret_query->descending = options.reverse;
     if (ret_query->order_by == nullptr) {
+      return kUsage;
+    }
+    if (ret_query->order_by->is_computed) {
+      complain("--sort: '{}' is worked out row by row, the daemon cannot order by it",
+               *options.sort);
       return kUsage;
     }
   }

@@ -81,7 +81,8 @@ class Reading {
       }
       last_id_ = id;
     }
-    if (!wanted(record)) {
+    const void* const row = query_.row_of ? query_.row_of(record) : record;
+    if (!wanted(row)) {
       return;
     }
     if (to_skip_ > 0) {
@@ -91,7 +92,7 @@ class Reading {
       wants_more_ = false;
     } else {
       ++given_;
-      wants_more_ = events_.on_record(record);
+      wants_more_ = events_.on_record(row);
     }
   }
 
@@ -156,6 +157,9 @@ bool Filter::matches(const void* record) const {
 }
 
 std::string Filter::wire_text() const {
+  if (field->is_computed) {
+    return "";
+  }
   return field->is_text() ? text : number_digits(number);
 }
 

@@ -23,7 +23,7 @@ struct Filter {
   zorv::FieldValue number;  // of any other
 
   bool matches(const void* record) const;
-  // As the daemon compares it. It takes an empty text for no filter.
+  // As the daemon compares it. It takes an empty text for no filter, and knows no computed fields.
   std::string wire_text() const;
 };
 
@@ -35,6 +35,9 @@ struct RecordQuery {
   std::vector<Filter> filters;
   std::optional<unsigned long long> since;  // both ends belong to the window
   std::optional<unsigned long long> until;
+  // What is filtered and handed on in place of a record, valid until the next: the same with what
+  // is worked out behind it. Null: the record.
+  std::function<const void*(const void* record)> row_of;
 };
 
 struct QueryEvents {

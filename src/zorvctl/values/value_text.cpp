@@ -66,6 +66,9 @@ bool read_number(const Field& field, std::string_view text, FieldValue* ret) {
 }  // namespace
 
 std::string number_digits(const FieldValue& value) {
+  if (std::holds_alternative<std::monostate>(value)) {
+    return "";
+  }
   if (const auto* number = std::get_if<record_int64>(&value)) {
     return fmt::to_string(*number);
   }
@@ -89,6 +92,12 @@ std::string bytes_text(long long bytes) {
 }
 
 std::string shown_value(const Field& field, const FieldValue& value, Zone zone) {
+  if (std::holds_alternative<std::monostate>(value)) {
+    return "-";
+  }
+  if (field.is_word()) {
+    return std::string(std::get<std::string_view>(value));
+  }
   switch (field.meaning) {
     case Meaning::text:
       return display_text(std::get<std::string_view>(value));
@@ -126,9 +135,9 @@ std::string value_hint(const Field& field) {
   }
   std::string hint;
   for (const zorv::CodeWord& word : field.words) {
-    hint += typed(word.word) + ", ";
+    hint += (hint.empty() ? "" : ", ") + typed(word.word);
   }
-  return hint + "or the number";
+  return field.is_word() ? hint : hint + ", or the number";
 }
 
 int read_value(const Field& field, std::string_view text, time_t now, Zone zone, FieldValue* ret,
@@ -142,7 +151,7 @@ int read_value(const Field& field, std::string_view text, time_t now, Zone zone,
     *ret = text;
     return 0;
   }
-  if (read_number(field, text, ret)) {
+  if (!field.is_word() && read_number(field, text, ret)) {
     return 0;
   }
   unsigned long long seconds = 0;
@@ -154,7 +163,7 @@ int read_value(const Field& field, std::string_view text, time_t now, Zone zone,
     return 0;
   }
   if (const zorv::CodeWord* word = word_by_text(field.words, text); word != nullptr) {
-    *ret = record_int64{word->code};
+    *ret = field.is_word() ? FieldValue(std::string_view(word->word)) : record_int64{word->code};
     return 0;
   }
   *ret_error = fmt::format("'{}' is not a value of {}: {}", display_text(text), field.name,

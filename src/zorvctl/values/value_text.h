@@ -14,8 +14,8 @@ using zorv::Field;
 using zorv::FieldValue;
 using zorv::Meaning;
 
-// As a table shows it: codes by name, times in `zone`, sizes and durations with their units, texts
-// safe for a terminal.
+// As a table shows it: "-" where there is none, codes by name, times in `zone`, sizes and durations
+// with their units, texts safe for a terminal.
 std::string shown_value(const Field& field, const FieldValue& value, Zone zone);
 
 // The value that `text` means for this field; what is understood beside plain numbers depends on
@@ -28,7 +28,7 @@ int read_value(const Field& field, std::string_view text, time_t now, Zone zone,
 // Half a sentence for --help: what read_value understands.
 std::string value_hint(const Field& field);
 
-// The digits of a number, whatever its field.
+// The digits of a number, whatever its field; none where it has no value.
 std::string number_digits(const FieldValue& value);
 
 // Bytes exactly up to 9999, beyond in steps of 1024 with one decimal: "2622 B", "15.3 MB".

@@ -92,7 +92,9 @@ void insert_all(const TableSchema& table) {
 TEST(Schema, EveryColumnOfEveryTableThereAndBack) {
   const auto shown = [](const auto& content) {
     std::ostringstream text;
-    text << content;
+    if constexpr (!std::is_same_v<std::decay_t<decltype(content)>, std::monostate>) {
+      text << content;
+    }
     return text.str();
   };
   harness::Daemon daemon;
