@@ -21,6 +21,7 @@ constexpr const char* kFooter =
     "  zorvctl server-log list username=alice -S yesterday -j\n"
     "  zorvctl sessions --open              who is connected now\n"
     "  zorvctl block list                   who is blocked, and for how long\n"
+    "  zorvctl block why alice              the failed logins that led there\n"
     "  zorvctl block remove alice\n\n"
     "Exit status: 0 done, 1 failed, 2 wrong words, 3 the daemon does not answer, 4 blocked,\n"
     "5 to 9 unknown whether blocked (from 4 on only block check).";

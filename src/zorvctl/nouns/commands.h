@@ -33,6 +33,7 @@ void add_check_and_fail_verbs(CLI::App& noun, const zorv::TableSchema& table, Ru
 void add_remove_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run);
 // False after a complaint where no user name is so long.
 bool is_user_name(const std::string& word);
+void add_why_verb(CLI::App& noun, Run* run);
 void add_policy_verb(CLI::App& noun, Run* run);
 
 }  // namespace zorvctl

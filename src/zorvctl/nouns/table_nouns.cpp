@@ -32,6 +32,7 @@ void add_table_nouns(CLI::App& program, Run* run) {
       }
     }
     if (is_block) {
+      add_why_verb(*noun, run);
       add_policy_verb(*noun, run);
     }
   }
