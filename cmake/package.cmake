@@ -37,6 +37,7 @@ endforeach()
 install(FILES ${package}/systemd/zorvd.socket DESTINATION /lib/systemd/system COMPONENT zorvd)
 install(FILES ${package}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zorvd.conf COMPONENT zorvd)
 install(FILES ${package}/logrotate.conf DESTINATION /etc/logrotate.d RENAME zorvd COMPONENT zorvd)
+install(FILES ${package}/vpn_block.conf DESTINATION /etc/config COMPONENT zorvd)
 install(FILES ${package}/completion/zorvctl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zorvctl
         COMPONENT zorvd)

@@ -11,7 +11,7 @@ zorvctl server-log add --username alice --vpn-type openvpn --action login-ok
 zorvctl server-log list username=alice
 zorvctl session add --username alice
 zorvctl uuid new
-echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >/etc/config/vpn_block.conf
+zorvctl block policy set --limit 1
 zorvctl block fail mallory
 zorvctl block check mallory && exit 1 || [ $? -eq 4 ]
 for _ in $(seq 200); do

@@ -20,10 +20,11 @@ step "using"
 zorvctl server-log add --username alice --vpn-type openvpn --action login-ok --source-ip 192.0.2.7
 zorvctl server-log list
 zorvctl server-log list username=alice -j | grep '192.0.2.7'
-echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >/etc/config/vpn_block.conf
-zorvctl block policy
+zorvctl block policy -j | grep -x '{"enable": true, "limit": 5, "time": 10}'
+zorvctl block policy set --limit 1
 zorvctl block fail mallory
 zorvctl block check mallory && exit 1 || [ $? -eq 4 ]
+zorvctl block policy set --limit 5
 zorvctl uuid new
 for _ in $(seq 200); do
   [ "$(wc -l 2>/dev/null </var/log/network/notifications.jsonl)" -ge 2 ] 2>/dev/null && break
@@ -63,5 +64,5 @@ dpkg --verify zorvd
 dpkg --remove zorvd
 [ ! -e /usr/local/sbin/notify ] && [ ! -e /usr/sbin/zorvd ] && [ -e /etc/config/zorv/zorv.db ]
 dpkg --purge zorvd
-[ ! -e /etc/logrotate.d/zorvd ] && [ -e /etc/config/zorv/zorv.db ]
+[ ! -e /etc/logrotate.d/zorvd ] && [ ! -e /etc/config/vpn_block.conf ] && [ -e /etc/config/zorv/zorv.db ]
 echo "the package works on $(dpkg --print-architecture)"
