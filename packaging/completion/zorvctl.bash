@@ -19,6 +19,19 @@ _zorvctl() {
       mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
       return
       ;;
+    -p | --priority)
+      mapfile -t COMPREPLY < <(compgen -W "debug info warn error" -- "$current")
+      return
+      ;;
+    --color)
+      mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$current")
+      return
+      ;;
+    --cursor | --file)
+      compopt -o filenames 2>/dev/null
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      return
+      ;;
     -S | --since | -U | --until)
       mapfile -t COMPREPLY < <(compgen -W "today yesterday 1h 1d 7d" -- "$current")
       return

@@ -34,6 +34,7 @@ void add_nouns(CLI::App& program, Run* run) {
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);
+  add_log_noun(program, run);
   add_hook_noun(program);
   program.footer(kFooter);  // last: what is added later inherits it
 }

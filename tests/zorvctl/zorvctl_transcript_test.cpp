@@ -11,7 +11,7 @@ namespace {
 
 class Transcript : public testing::TestWithParam<std::string> {
  protected:
-  // In the root, with the programs of this build in front; or one of three words of the test's own.
+  // In the root, with the programs of this build in front; or one of a few words of the test's own.
   std::string answer_to(const std::string& command) {
     if (command.starts_with("sql ")) {
       std::string answer;
@@ -20,13 +20,16 @@ class Transcript : public testing::TestWithParam<std::string> {
       }
       return answer;
     }
-    if (command == "stop platformd") {
-      platform_.reset();
-      return "";
-    }
-    if (command == "start platformd") {
-      platform_.emplace();
-      return "";
+    const std::pair<const char*, std::function<void()>> words[] = {
+        {"stop platformd", [this] { platform_.reset(); }},
+        {"start platformd", [this] { platform_.emplace(); }},
+        {"stop zorvd", [this] { daemon_.reset(); }},
+        {"start zorvd", [this] { daemon_.emplace(); }}};
+    for (const auto& [word, act] : words) {
+      if (command == word) {
+        act();
+        return "";
+      }
     }
     const auto [status, out, err] = harness::run(
         {"/bin/sh", "-c",
@@ -35,7 +38,7 @@ class Transcript : public testing::TestWithParam<std::string> {
     return out + (status == 0 ? "" : "[" + std::to_string(status) + "]\n");
   }
 
-  harness::Daemon daemon_;
+  std::optional<harness::Daemon> daemon_{std::in_place};
   std::optional<harness::PlatformDaemon> platform_;
 };
 
@@ -57,7 +60,7 @@ TEST_P(Transcript, IsWhatHappens) {
 
 INSTANTIATE_TEST_SUITE_P(, Transcript,
                          testing::Values("words", "values", "names", "deleting", "blocks",
-                                         "sessions", "options"),
+                                         "sessions", "options", "log"),
                          [](const auto& name) { return name.param; });
 
 }  // namespace

@@ -20,6 +20,7 @@ void add_sessions_noun(CLI::App& program, Run* run);
 void add_uuid_noun(CLI::App& program, Run* run);
 void add_option_noun(CLI::App& program, Run* run);
 void add_gateway_noun(CLI::App& program, Run* run);
+void add_log_noun(CLI::App& program, Run* run);
 
 // The verbs of tables.
 using AddVerb = void (*)(CLI::App& noun, const zorv::TableSchema& table, Run* run);

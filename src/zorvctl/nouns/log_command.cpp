@@ -1,0 +1,189 @@
+// "log": the service's log, one message a line.
+#include <CLI/CLI.hpp>
+
+#include <cstring>
+#include <memory>
+
+#include "color.h"
+#include "commands.h"
+#include "decimal_option.h"
+#include "display_text.h"
+#include "exit_status.h"
+#include "file_tail.h"
+#include "follow_wait.h"
+#include "last_messages.h"
+#include "list_options.h"
+#include "output_options.h"
+#include "rooted.h"
+
+namespace zorvctl {
+namespace {
+
+constexpr unsigned long long kLinesBeforeFollowing = 10;
+constexpr std::chrono::milliseconds kLook{200};
+
+struct LogOptions {
+  bool follow = false;
+  std::optional<unsigned long long> limit;
+  LogLevel level = LogLevel::debug;
+  std::optional<std::string> since;
+  std::optional<std::string> until;
+  std::optional<std::string> file;
+  ColorMode color = ColorMode::automatic;
+};
+
+std::string_view color_of(std::string_view level) {
+  return level == "ERROR" ? kRed : level == "WARN" ? kYellow : level == "DEBUG" ? kGrey : "";
+}
+
+std::string line_of(const LogMessage& message, bool is_colored) {
+  std::string front(message.front);
+  if (const auto color = color_of(message.level); is_colored && !color.empty()) {
+    front.replace(static_cast<size_t>(message.level.data() - message.front.data()),
+                  message.level.size(), colored(message.level, color));
+  }
+  return front + display_text(message.text) + "\n";
+}
+
+int read_filter(const LogOptions& options, MessageFilter* ret) {
+  ret->level = options.level;
+  for (const auto& [option, text, written] : {std::tuple("--since", &options.since, &ret->since),
+                                              std::tuple("--until", &options.until, &ret->until)}) {
+    std::optional<unsigned long long> time;
+    if (const int status = read_time(option, *text, Zone::local, &time); status != kDone) {
+      return status;
+    }
+    if (time) {
+      *written = time_text(*time, Zone::local);  // texts of times are in the times' order
+    }
+  }
+  return kDone;
+}
+
+off_t first_offset(const FileTail& log, const LogOptions& options, const MessageFilter& filter) {
+  const unsigned long long usual = options.since    ? 0
+                                   : options.follow ? kLinesBeforeFollowing
+                                                    : kDefaultLimit;
+  if (options.follow && options.limit == 0ULL) {
+    return log.size();
+  }
+  return start_of_last(log.descriptor(), log.size(), options.limit.value_or(usual), filter);
+}
+
+int complain_unread(const std::string& path, int error) {
+  complain("cannot read the log {}: {}", display_text(path),
+           error == EINVAL ? "it is not a file" : std::strerror(error));
+  return kFailed;
+}
+
+int show_log(const LogOptions& options) {
+  MessageFilter filter;
+  if (const int status = read_filter(options, &filter); status != kDone) {
+    return status;
+  }
+  const std::string path = options.file ? *options.file : os::rooted(kDefaultLogFile);
+  FileTail log(path);
+  if (const int error = log.open(); error != 0) {
+    return complain_unread(path, error);
+  }
+  const off_t start = first_offset(log, options, filter);
+  if (start < 0) {
+    return complain_unread(path, errno);
+  }
+  log.seek(start);
+  const bool in_color = is_colored(options.color);
+  bool printed = true;
+  MessageSplitter splitter([&](const LogMessage& message) {
+    printed = printed && (!filter.wants(message) || print(line_of(message, in_color)));
+  });
+  std::optional<FollowWait> wait;
+  if (options.follow) {
+    wait.emplace();
+  }
+  do {
+    std::string block;
+    while (printed && log.read(&block) != 0) {
+      splitter.add(block);
+      block.clear();
+    }
+    splitter.end();
+    if (!flush_output() || !printed) {
+      return kFailed;
+    }
+  } while (wait && wait->pause(kLook));
+  return kDone;
+}
+
+// Any beginning of a level's name, or a longer word for it: "warning".
+std::optional<LogLevel> level_of(std::string_view word) {
+  for (const LogLevelName& known : kLogLevels) {
+    const std::string name = CLI::detail::to_lower(std::string(known.name));
+    if (!word.empty() && (name.starts_with(word) || word.starts_with(name))) {
+      return known.level;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<ColorMode> color_mode_of(std::string_view word) {
+  return word == "auto"     ? std::optional(ColorMode::automatic)
+         : word == "always" ? std::optional(ColorMode::always)
+         : word == "never"  ? std::optional(ColorMode::never)
+                            : std::nullopt;
+}
+
+// Keeps what `read` makes of an option's word; `words` are those that it knows.
+template <class Value>
+CLI::callback_t one_of(Value& target, std::optional<Value> (*read)(std::string_view),
+                       const char* option, const char* words) {
+  return [&target, read, option, words](const CLI::results_t& given_words) {
+    const auto value = read(CLI::detail::to_lower(given_words.front()));
+    if (!value) {
+      throw CLI::ValidationError(option,
+                                 fmt::format("'{}' is none of {}", given_words.front(), words));
+    }
+    target = *value;
+    return true;
+  };
+}
+
+}  // namespace
+
+void add_log_noun(CLI::App& program, Run* run) {
+  auto options = std::make_shared<LogOptions>();
+  CLI::App* noun =
+      program.add_subcommand("log", "Show the service's log, one message a line, the newest last");
+  noun->add_flag("-f,--follow", options->follow, "Go on with new messages as they come");
+  noun->add_option(
+          "-n,--limit", options->limit,
+          fmt::format("At most the last N messages ({}, with -f {}, with -S all, if not given; 0 "
+                      "for all, with -f for none)",
+                      kDefaultLimit, kLinesBeforeFollowing))
+      ->transform(decimal())
+      ->type_name("N");
+  constexpr const char* kLevelWords = "debug, info, warn, error";
+  noun->add_option("-p,--priority", one_of(options->level, level_of, "--priority", kLevelWords),
+                   fmt::format("Only messages of this level and above: {}", kLevelWords))
+      ->type_name("LEVEL");
+  noun->add_option("-S,--since", given(options->since), "Only from this time on")
+      ->type_name("TIME");
+  noun->add_option("-U,--until", given(options->until), "Only up to this time")->type_name("TIME");
+  noun->add_option("--file", given(options->file),
+                   fmt::format("Another file than {}", kDefaultLogFile))
+      ->type_name("FILE");
+  constexpr const char* kColorWords = "auto, always, never";
+  noun->add_option(
+          "--color", one_of(options->color, color_mode_of, "--color", kColorWords),
+          fmt::format("Levels in colour: {}; auto, on a terminal, if not given", kColorWords))
+      ->type_name("WHEN");
+  noun->footer(
+      "Control characters are shown as \\n, \\x1b. With -f the log is followed through rotation,\n"
+      "until Ctrl-C, which ends with 0.\n\n"
+      "Examples:\n"
+      "  zorvctl log -f\n"
+      "  zorvctl log -p warn -S today\n"
+      "  zorvctl log -n 0 --file ZORV.log.1");
+  noun->callback([options, run] { *run = [options] { return show_log(*options); }; });
+}
+
+}  // namespace zorvctl
