@@ -20,6 +20,7 @@ constexpr const char* kFooter =
     "  zorvctl server-log list              the latest connections\n"
     "  zorvctl server-log list username=alice -S yesterday -j\n"
     "  zorvctl sessions --open              who is connected now\n"
+    "  zorvctl server-log list -f           the same as it happens\n"
     "  zorvctl block list                   who is blocked, and for how long\n"
     "  zorvctl block why alice              the failed logins that led there\n"
     "  zorvctl block remove alice\n\n"

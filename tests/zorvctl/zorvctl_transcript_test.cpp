@@ -60,7 +60,7 @@ TEST_P(Transcript, IsWhatHappens) {
 
 INSTANTIATE_TEST_SUITE_P(, Transcript,
                          testing::Values("words", "values", "names", "deleting", "blocks",
-                                         "sessions", "options", "log"),
+                                         "sessions", "options", "following", "cursor", "log"),
                          [](const auto& name) { return name.param; });
 
 }  // namespace

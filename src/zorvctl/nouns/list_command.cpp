@@ -6,6 +6,7 @@
 #include "daemon_answer.h"
 #include "decimal_option.h"
 #include "exit_status.h"
+#include "follow_options.h"
 #include "list_options.h"
 #include "listed_table.h"
 #include "output_options.h"
@@ -111,8 +112,18 @@ void add_list_verb(CLI::App& noun, const zorv::TableSchema& stored, Run* run) {
         ->type_name("TIME");
   }
   verb->footer(list_footer(table));
-  verb->callback([&table, options, run] {
-    *run = [&table, options] { return list_records(table, *options); };
+  // Events have no ids; of blocks, rows change and stay.
+  const bool is_block = &stored == &zorv::kUserBlock;
+  const auto following = table.fields.empty() ? std::make_shared<FollowOptions>()
+                                              : add_follow_options(*verb, !is_block);
+  verb->callback([&table, options, following, is_block, run] {
+    *run = [&table, options, following, is_block] {
+      if (!following->is_asked()) {
+        return list_records(table, *options);
+      }
+      return is_block ? follow_blocks(table, *options, *following)
+                      : follow_records(table, *options, *following);
+    };
   });
 }
 

@@ -94,24 +94,31 @@ const zorv::TableSchema& listed_table(const zorv::TableSchema& table) {
   return &table == &zorv::kServerList ? kSessions : &table == &zorv::kUserBlock ? kUsers : table;
 }
 
-std::function<const void*(const void* record)> row_maker(const zorv::TableSchema& listed) {
-  const std::time_t now = std::time(nullptr);
+RowMaker row_maker(const zorv::TableSchema& listed) {
   if (&listed == &kSessions) {
-    return [now, row = ListedSession()](const void* record) mutable -> const void* {
+    return [row = ListedSession()](const void* record) mutable -> const void* {
       row.record = *static_cast<const db_server_list_data*>(record);
-      row.state = session_state(row.record, static_cast<record_uint64>(now));
+      row.state = session_state(row.record, static_cast<record_uint64>(std::time(nullptr)));
       return &row;
     };
   }
   if (&listed == &kUsers) {
-    return [now, policy = read_policy_or_complain(),
+    return [policy = read_policy_or_complain(),
             row = ListedUser()](const void* record) mutable -> const void* {
       row.record = *static_cast<const db_privilege_user_block_data*>(record);
-      judge(policy, now, row);
+      judge(policy, std::time(nullptr), row);
       return &row;
     };
   }
   return nullptr;
+}
+
+RowMaker user_row_maker(const zorv::PolicyReading& policy) {
+  return [&policy, row = ListedUser()](const void* record) mutable -> const void* {
+    row.record = *static_cast<const db_privilege_user_block_data*>(record);
+    judge(policy, std::time(nullptr), row);
+    return &row;
+  };
 }
 
 }  // namespace zorvctl

@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <ctime>
 #include <memory>
 
@@ -7,6 +8,10 @@
 #include "daemon_answer.h"
 #include "decimal_option.h"
 #include "exit_status.h"
+#include "follow.h"
+#include "follow_options.h"
+#include "follow_wait.h"
+#include "new_rows.h"
 #include "output_options.h"
 #include "record_query.h"
 #include "sessions.h"
@@ -69,6 +74,12 @@ struct SessionOptions : OutputOptions {
   bool open = false;
   std::optional<std::string> at;
   std::string user;
+  bool follow = false;
+  bool limit_given = false;
+
+  bool wants(const Session& session) const {
+    return (user.empty() || session.username == user) && (!open || session.state == kConnected);
+  }
 };
 
 int read_sessions(SessionJoiner* ret_joiner) {
@@ -101,10 +112,8 @@ int show_sessions(const SessionOptions& options) {
   const auto now = static_cast<uint64_t>(std::time(nullptr));
   unsigned long long shown = 0;
   for (const Session& session : joiner.newest_first()) {
-    const bool is_wanted = (options.user.empty() || session.username == options.user) &&
-                           (!options.open || session.state == kConnected) &&
-                           (!at || session.covers(*at));
-    if (is_wanted && (options.limit == 0 || shown < options.limit)) {
+    if (options.wants(session) && (!at || session.covers(*at)) &&
+        (options.limit == 0 || shown < options.limit)) {
       const SessionRow row = row_of(session, now);
       writer->add(&row);
       ++shown;
@@ -112,6 +121,49 @@ int show_sessions(const SessionOptions& options) {
   }
   writer->end_page();
   return print(out) && flush_output() ? kDone : kFailed;
+}
+
+// The last sessions, and then each that begins or ends.
+int follow_sessions(const SessionOptions& options) {
+  RecordStream stream({kFields, output_style(options)}, options.output);
+  SessionJoiner joiner;
+  const auto show_changed = [&](std::optional<size_t> at_most) {
+    auto sessions = joiner.take_changed();
+    std::erase_if(sessions, [&](const Session& session) { return !options.wants(session); });
+    const auto now = static_cast<uint64_t>(std::time(nullptr));
+    const size_t shown = std::min(sessions.size(), at_most.value_or(sessions.size()));
+    for (size_t index = sessions.size() - shown; index < sessions.size(); ++index) {
+      const SessionRow row = row_of(sessions[index], now);
+      stream.add(&row);
+    }
+  };
+  bool is_first = true;
+  NewRows rows(zorv::kServerLog, {});
+  NewRowEvents events;
+  events.on_record = [&](const void* record) {
+    joiner.add(*static_cast<const db_conn_server_log*>(record));
+    if (!is_first) {
+      show_changed({});
+    }
+  };
+  events.on_lost = [](unsigned long long count) { complain_lost(zorv::kServerLog, count); };
+  events.on_new_database = [&] {
+    complain_new_database(zorv::kServerLog);
+    joiner = {};
+  };
+  events.on_page_end = [&] { return !is_told_to_end(); };
+  return read_on("list the sessions", [&]() -> std::optional<int> {
+    const int status = rows.read(events);
+    if (status == 0 && is_first) {
+      is_first = false;
+      show_changed(options.limit_given
+                       ? std::optional(static_cast<size_t>(
+                             std::min<unsigned long long>(options.limit, kMostRowsShown)))
+                   : options.open ? std::nullopt
+                                  : std::optional<size_t>(kRowsBeforeFollowing));
+    }
+    return stream.flush() ? std::optional(status) : std::nullopt;
+  });
 }
 
 }  // namespace
@@ -122,11 +174,16 @@ void add_sessions_noun(CLI::App& program, Run* run) {
       "sessions", "Show who is connected and who was: logins and logouts joined");
   noun->add_option("user", options->user, "Only this user's")->type_name("USER");
   noun->add_flag("--open", options->open, "Only those that are still connected");
-  noun->add_option("--at", given(options->at), "Only those that were connected then")
-      ->type_name("TIME");
-  noun->add_option("-n,--limit", options->limit, "At most N sessions (0, all, if not given)")
-      ->transform(decimal())
-      ->type_name("N");
+  CLI::Option* at =
+      noun->add_option("--at", given(options->at), "Only those that were connected then")
+          ->type_name("TIME");
+  noun->add_flag("-f,--follow", options->follow,
+                 "The last ones, oldest first, and then each that begins or ends")
+      ->excludes(at);
+  const CLI::Option* limit =
+      noun->add_option("-n,--limit", options->limit, "At most N sessions (0, all, if not given)")
+          ->transform(decimal())
+          ->type_name("N");
   add_output_options(*noun, options.get());
   noun->footer(
       "A session without a logout is still connected, or broken off where a later login has its\n"
@@ -136,7 +193,12 @@ void add_sessions_noun(CLI::App& program, Run* run) {
       "  zorvctl sessions --open\n"
       "  zorvctl sessions --at \"2026-11-21 04:10\"\n"
       "  zorvctl sessions alice -j");
-  noun->callback([options, run] { *run = [options] { return show_sessions(*options); }; });
+  noun->callback([options, limit, run] {
+    options->limit_given = limit->count() != 0;
+    *run = [options] {
+      return options->follow ? follow_sessions(*options) : show_sessions(*options);
+    };
+  });
 }
 
 }  // namespace zorvctl

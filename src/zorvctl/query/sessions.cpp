@@ -67,6 +67,25 @@ const std::vector<Session>& SessionJoiner::newest_first() {
   return sessions_;
 }
 
+std::vector<Session> SessionJoiner::take_changed() {
+  std::sort(changed_.begin(), changed_.end());
+  changed_.erase(std::unique(changed_.begin(), changed_.end()), changed_.end());
+  std::vector<Session> changed;
+  changed.reserve(changed_.size());
+  for (const size_t index : changed_) {
+    changed.push_back(sessions_[index]);
+  }
+  changed_.clear();
+  std::vector<Session> open;
+  open.reserve(open_.size());
+  for (size_t& index : open_) {
+    open.push_back(std::move(sessions_[index]));
+    index = open.size() - 1;
+  }
+  sessions_ = std::move(open);
+  return changed;
+}
+
 void SessionJoiner::begin(const db_conn_server_log& row, Session session) {
   session.start = row.time;
   std::erase_if(open_, [&](size_t index) {
@@ -78,9 +97,11 @@ void SessionJoiner::begin(const db_conn_server_log& row, Session session) {
     if (earlier.state == kConnected && takes_place_of(session, earlier)) {
       earlier.state = kBrokenOff;
       earlier.over_by = session.start;
+      changed_.push_back(index);
     }
   }
   open_.push_back(sessions_.size());
+  changed_.push_back(sessions_.size());
   sessions_.push_back(std::move(session));
 }
 
@@ -108,6 +129,7 @@ void SessionJoiner::end(const db_conn_server_log& row, Session session) {
     session.state = kNoLogin;
     sessions_.push_back(std::move(session));
   }
+  changed_.push_back(index);
   sessions_[index].end = row.time;
   sessions_[index].tx_total = row.tx_total;
   sessions_[index].rx_total = row.rx_total;

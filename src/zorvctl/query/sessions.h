@@ -41,6 +41,10 @@ class SessionJoiner {
   // A row of the server log, the oldest first. Failed logins are passed over.
   void add(const db_conn_server_log& row);
 
+  // The sessions that were added or changed their state since the last call, as they are now. Those
+  // that can change no more are then forgotten.
+  std::vector<Session> take_changed();
+
   // By their beginnings. No row can be added any more.
   const std::vector<Session>& newest_first();
 
@@ -50,6 +54,7 @@ class SessionJoiner {
 
   std::vector<Session> sessions_;
   std::vector<size_t> open_;  // those that wait for their logout
+  std::vector<size_t> changed_;
 };
 
 }  // namespace zorvctl
