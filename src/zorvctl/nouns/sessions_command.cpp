@@ -62,8 +62,7 @@ SessionRow row_of(const Session& session, uint64_t now) {
   row.start = session.start;
   row.end = session.end;
   row.state = session.state;
-  const uint64_t end = session.state == kConnected ? now : session.end;
-  row.uptime = end > session.start ? end - session.start : 0;
+  row.uptime = session.duration(now);
   row.tx_total = session.tx_total;
   row.rx_total = session.rx_total;
   return row;

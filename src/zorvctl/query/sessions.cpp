@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include "zorv_connection_codes.h"
 
@@ -35,6 +36,23 @@ bool takes_place_of(const Session& later, const Session& earlier) {
   return earlier.start <= later.start && (same_address || same_interface);
 }
 
+// Where others would have to be looked for: at its tunnel address, or among its user's sessions
+// where it has none; then on its own interface.
+std::vector<std::string> places_of(const Session& session) {
+  std::vector<std::string> places{
+      std::to_string(session.vpn_type) +
+      (session.vpn_ip.empty() ? " user " + session.username : " address " + session.vpn_ip)};
+  if (has_own_interface(session) && !session.outgoing.empty()) {
+    places.push_back("interface " + session.outgoing);
+  }
+  return places;
+}
+
+// Over for so long that its logout will not come any more.
+bool is_given_up(const Session& session, uint64_t now) {
+  return session.state == kBrokenOff && now > session.over_by + kLatestLogout;
+}
+
 }  // namespace
 
 bool Session::covers(uint64_t time) const {
@@ -42,6 +60,11 @@ bool Session::covers(uint64_t time) const {
     return false;
   }
   return state == kConnected || time < (state == kBrokenOff ? over_by : end);
+}
+
+uint64_t Session::duration(uint64_t now) const {
+  const uint64_t last = state == kConnected ? now : end;
+  return last > start ? last - start : 0;
 }
 
 void SessionJoiner::add(const db_conn_server_log& row) {
@@ -76,11 +99,18 @@ std::vector<Session> SessionJoiner::take_changed() {
     changed.push_back(sessions_[index]);
   }
   changed_.clear();
+  // Those that are open move up, the older ones in front.
+  std::map<size_t, size_t> places;
+  for (const auto& [place, index] : open_) {
+    places[index] = 0;
+  }
   std::vector<Session> open;
-  open.reserve(open_.size());
-  for (size_t& index : open_) {
-    open.push_back(std::move(sessions_[index]));
-    index = open.size() - 1;
+  for (auto& [before, now] : places) {
+    now = open.size();
+    open.push_back(std::move(sessions_[before]));
+  }
+  for (auto& [place, index] : open_) {
+    index = places[index];
   }
   sessions_ = std::move(open);
   return changed;
@@ -88,19 +118,27 @@ std::vector<Session> SessionJoiner::take_changed() {
 
 void SessionJoiner::begin(const db_conn_server_log& row, Session session) {
   session.start = row.time;
-  std::erase_if(open_, [&](size_t index) {
-    const Session& earlier = sessions_[index];
-    return earlier.state == kBrokenOff && row.time > earlier.over_by + kLatestLogout;
-  });
-  for (const size_t index : open_) {
-    Session& earlier = sessions_[index];
-    if (earlier.state == kConnected && takes_place_of(session, earlier)) {
-      earlier.state = kBrokenOff;
-      earlier.over_by = session.start;
-      changed_.push_back(index);
+  const std::vector<std::string> places = places_of(session);
+  std::vector<size_t> given_up;
+  for (const std::string& place : places) {
+    const auto [first, last] = open_.equal_range(place);
+    for (auto open = first; open != last; ++open) {
+      Session& earlier = sessions_[open->second];
+      if (earlier.state == kConnected && takes_place_of(session, earlier)) {
+        earlier.state = kBrokenOff;
+        earlier.over_by = session.start;
+        changed_.push_back(open->second);
+      } else if (is_given_up(earlier, row.time)) {
+        given_up.push_back(open->second);
+      }
     }
   }
-  open_.push_back(sessions_.size());
+  for (const size_t index : given_up) {
+    forget(index);
+  }
+  for (const std::string& place : places) {
+    open_.emplace(place, sessions_.size());
+  }
   changed_.push_back(sessions_.size());
   sessions_.push_back(std::move(session));
 }
@@ -109,20 +147,23 @@ void SessionJoiner::end(const db_conn_server_log& row, Session session) {
   const uint64_t start = row.time - std::min(row.uptime, row.time);
   // The nearest of its logins. One that a later login had given up is found, too: the end of a
   // session may be recorded after the beginning of the next.
-  auto nearest = open_.end();
-  for (auto open = open_.begin(); open != open_.end(); ++open) {
-    const Session& candidate = sessions_[*open];
+  size_t index = sessions_.size();
+  auto nearest = kGrace;
+  const auto [first, last] = open_.equal_range(places_of(session).front());
+  for (auto open = first; open != last; ++open) {
+    const Session& candidate = sessions_[open->second];
     const auto off = distance(candidate.start, start);
-    if (off <= kGrace && candidate.username == session.username &&
+    const bool is_nearer =
+        off < nearest || (off == nearest && (index == sessions_.size() || open->second > index));
+    if (is_nearer && candidate.username == session.username &&
         candidate.vpn_type == session.vpn_type && candidate.vpn_ip == session.vpn_ip &&
-        (nearest == open_.end() || off <= distance(sessions_[*nearest].start, start))) {
-      nearest = open;
+        !is_given_up(candidate, row.time)) {
+      index = open->second;
+      nearest = off;
     }
   }
-  size_t index = sessions_.size();
-  if (nearest != open_.end()) {
-    index = *nearest;
-    open_.erase(nearest);
+  if (index != sessions_.size()) {
+    forget(index);
     sessions_[index].state = kEnded;
   } else {
     session.start = start;
@@ -133,6 +174,17 @@ void SessionJoiner::end(const db_conn_server_log& row, Session session) {
   sessions_[index].end = row.time;
   sessions_[index].tx_total = row.tx_total;
   sessions_[index].rx_total = row.rx_total;
+}
+
+void SessionJoiner::forget(size_t index) {
+  for (const std::string& place : places_of(sessions_[index])) {
+    const auto [first, last] = open_.equal_range(place);
+    const auto open =
+        std::find_if(first, last, [index](const auto& entry) { return entry.second == index; });
+    if (open != last) {
+      open_.erase(open);
+    }
+  }
 }
 
 }  // namespace zorvctl

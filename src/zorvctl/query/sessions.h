@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "zorv_records.h"
@@ -34,6 +35,8 @@ struct Session {
 
   // Whether it was there then, as far as that can be told.
   bool covers(uint64_t time) const;
+  // For how many seconds it is known to have been there.
+  uint64_t duration(uint64_t now) const;
 };
 
 class SessionJoiner {
@@ -51,9 +54,11 @@ class SessionJoiner {
  private:
   void begin(const db_conn_server_log& row, Session session);
   void end(const db_conn_server_log& row, Session session);
+  void forget(size_t index);
 
   std::vector<Session> sessions_;
-  std::vector<size_t> open_;  // those that wait for their logout
+  // Those that wait for their logout, by each place that they stand at.
+  std::unordered_multimap<std::string, size_t> open_;
   std::vector<size_t> changed_;
 };
 
