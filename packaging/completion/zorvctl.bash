@@ -13,9 +13,9 @@ _zorvctl() {
     ((${#path[@]} < 2)) || [[ "${path[*]} $word" == 'block policy set' ]] && path+=("$word")
   done
   case $previous in
-    -o | --output)
-      # A format that there is not is refused by naming those that there are.
-      words=$("$program" "${path[@]}" -o '' 2>&1 | sed -n 's/,//g;s/.* is none of //p')
+    -o | --output | --by)
+      # A word that there is not is refused by naming those that there are.
+      words=$("$program" "${path[@]}" "$previous" '' 2>&1 | sed -n 's/,//g;s/.* is none of //p')
       mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
       return
       ;;

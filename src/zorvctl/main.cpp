@@ -21,6 +21,7 @@ constexpr const char* kFooter =
     "  zorvctl server-log list username=alice -S yesterday -j\n"
     "  zorvctl sessions --open              who is connected now\n"
     "  zorvctl server-log list -f           the same as it happens\n"
+    "  zorvctl stats -S 30d                 how much, by whom\n"
     "  zorvctl block list                   who is blocked, and for how long\n"
     "  zorvctl block why alice              the failed logins that led there\n"
     "  zorvctl block remove alice\n\n"
@@ -32,6 +33,7 @@ void add_nouns(CLI::App& program, Run* run) {
   program.set_version_flag("--version", "zorvctl " ZORV_VERSION, "Print the version");
   add_table_nouns(program, run);
   add_sessions_noun(program, run);
+  add_stats_noun(program, run);
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);

@@ -17,6 +17,7 @@ using Run = std::function<int()>;
 // One for each table, with the verbs for which it has methods.
 void add_table_nouns(CLI::App& program, Run* run);
 void add_sessions_noun(CLI::App& program, Run* run);
+void add_stats_noun(CLI::App& program, Run* run);
 void add_uuid_noun(CLI::App& program, Run* run);
 void add_option_noun(CLI::App& program, Run* run);
 void add_gateway_noun(CLI::App& program, Run* run);

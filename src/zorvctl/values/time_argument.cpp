@@ -72,16 +72,6 @@ std::optional<long long> moment(const std::tm& calendar, Zone zone) {
              : std::nullopt;
 }
 
-std::tm calendar_of(time_t seconds, Zone zone) {
-  std::tm calendar{};
-  if (zone == Zone::utc) {
-    gmtime_r(&seconds, &calendar);
-  } else {
-    localtime_r(&seconds, &calendar);
-  }
-  return calendar;
-}
-
 std::tm midnight(time_t now, Zone zone) {
   std::tm calendar = calendar_of(now, zone);
   calendar.tm_hour = calendar.tm_min = calendar.tm_sec = 0;
@@ -154,6 +144,16 @@ std::optional<long long> distant_moment(std::string_view text, time_t now) {
 }
 
 }  // namespace
+
+std::tm calendar_of(time_t seconds, Zone zone) {
+  std::tm calendar{};
+  if (zone == Zone::utc) {
+    gmtime_r(&seconds, &calendar);
+  } else {
+    localtime_r(&seconds, &calendar);
+  }
+  return calendar;
+}
 
 int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret) {
   if (text.starts_with('@')) {

@@ -21,6 +21,8 @@ enum class Zone { local, utc };
 // Returns 0, or -1 for a text it does not understand or a moment out of range, *ret untouched.
 int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret);
 
+std::tm calendar_of(time_t seconds, Zone zone);
+
 // "2026-11-21 04:10:06", in UTC with "Z" behind it; "-" for 0, which stands for no time; what lies
 // beyond the calendar as "@" and the number.
 std::string time_text(unsigned long long seconds, Zone zone);
