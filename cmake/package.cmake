@@ -118,7 +118,7 @@ set(CPACK_DEBIAN_ZORVD_PACKAGE_DEPENDS
 libjansson4 (>= 2.14), libfmt9 (>= 9.1), init-system-helpers (>= 1.54~), \
 systemd-standalone-tmpfiles | systemd")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_RECOMMENDS "logrotate")
-set(CPACK_DEBIAN_ZORVD_PACKAGE_SUGGESTS "bash-completion, sqlite3")
+set(CPACK_DEBIAN_ZORVD_PACKAGE_SUGGESTS "bash-completion, libjs-chart.js, sqlite3")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_EXTRA
     "${package}/debian/postinst;${package}/debian/prerm;${package}/debian/postrm;\
 ${package}/debian/conffiles")

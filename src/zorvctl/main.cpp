@@ -22,6 +22,7 @@ constexpr const char* kFooter =
     "  zorvctl sessions --open              who is connected now\n"
     "  zorvctl server-log list -f           the same as it happens\n"
     "  zorvctl stats -S 30d                 how much, by whom\n"
+    "  zorvctl report -S 30d >report.html   the same and more as a page for a browser\n"
     "  zorvctl block list                   who is blocked, and for how long\n"
     "  zorvctl block why alice              the failed logins that led there\n"
     "  zorvctl block remove alice\n\n"
@@ -34,6 +35,7 @@ void add_nouns(CLI::App& program, Run* run) {
   add_table_nouns(program, run);
   add_sessions_noun(program, run);
   add_stats_noun(program, run);
+  add_report_noun(program, run);
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);

@@ -2,12 +2,16 @@
 // behind each "$ " and an exit status that is not 0 in brackets.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 
 #include "harness/daemon.h"
 
 namespace {
+
+const std::string kFolder = ZORV_SOURCE "/tests/zorvctl/transcripts/";
 
 class Transcript : public testing::TestWithParam<std::string> {
  protected:
@@ -43,7 +47,7 @@ class Transcript : public testing::TestWithParam<std::string> {
 };
 
 TEST_P(Transcript, IsWhatHappens) {
-  std::ifstream file(ZORV_SOURCE "/tests/zorvctl/transcripts/" + GetParam() + ".txt");
+  std::ifstream file(kFolder + GetParam() + ".txt");
   std::vector<std::pair<std::string, std::string>> steps;
   for (std::string line; std::getline(file, line);) {
     if (line.starts_with("$ ")) {
@@ -58,9 +62,16 @@ TEST_P(Transcript, IsWhatHappens) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(, Transcript,
-                         testing::Values("words", "values", "names", "deleting", "blocks",
-                                         "sessions", "options", "following", "cursor", "log"),
+std::vector<std::string> transcripts() {
+  std::vector<std::string> names;
+  for (const auto& file : std::filesystem::directory_iterator(kFolder)) {
+    names.push_back(file.path().stem());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+INSTANTIATE_TEST_SUITE_P(, Transcript, testing::ValuesIn(transcripts()),
                          [](const auto& name) { return name.param; });
 
 }  // namespace

@@ -18,6 +18,7 @@ using Run = std::function<int()>;
 void add_table_nouns(CLI::App& program, Run* run);
 void add_sessions_noun(CLI::App& program, Run* run);
 void add_stats_noun(CLI::App& program, Run* run);
+void add_report_noun(CLI::App& program, Run* run);
 void add_uuid_noun(CLI::App& program, Run* run);
 void add_option_noun(CLI::App& program, Run* run);
 void add_gateway_noun(CLI::App& program, Run* run);
