@@ -66,10 +66,11 @@ constexpr const VpnKind* kind_of(TYPE VpnKind::*side, long long code) {
 struct CodeWord {
   int code;
   const char* word;
+  bool is_failure = false;
 };
 
 inline constexpr CodeWord kServerActions[] = {
-    {kLoginFail, "Login Fail"}, {kLoginOk, "Login OK"}, {kLogout, "Logout"}};
+    {kLoginFail, "Login Fail", true}, {kLoginOk, "Login OK"}, {kLogout, "Logout"}};
 inline constexpr CodeWord kClientActions[] = {
     {kLoginOk, "Login OK"}, {kLogout, "Logout"}, {kGetGeolocation, "Get geolocation"}};
 

@@ -15,7 +15,15 @@
 
 namespace zorv {
 
-enum class Meaning { text, number, bytes, seconds, time, code };
+enum class Meaning {
+  text,
+  address,  // a text: one of IPv4 or IPv6, or several with commas between them
+  number,
+  bytes,
+  seconds,
+  time,
+  code,
+};
 
 enum class FieldType {
   text,
@@ -29,14 +37,22 @@ enum class FieldType {
 // no value, the last alternative.
 using FieldValue = std::variant<std::string_view, record_int64, record_uint64, std::monostate>;
 
+// Where a table shows a field that nobody asked for: a column from the left, 0 for none. Where the
+// columns do not fit, those with the largest `spare` are left out first, and those with 0 never.
+struct Place {
+  int column = 0;
+  int spare = 0;
+};
+
 struct Field {
   const char* name;     // of the column, of the filter, of the option
-  const char* heading;  // null: not shown in tables
+  const char* heading;  // the name that people read and type; null: shown only where asked for
   Meaning meaning;
   std::span<const CodeWord> words;  // of a code
   FieldType type;
   size_t size;  // of the member, in bytes
   void* (*member)(void* record);
+  Place place = {};
   bool is_computed = false;  // by who shows the record: neither stored nor known to the daemon
   bool (*has_value)(const void* record) = nullptr;  // null: always
 
@@ -97,13 +113,15 @@ consteval size_t text_size(Member Record::*) {
 
 // A field of that member. One whose meaning does not fit the member does not compile.
 template <auto Member>
-consteval Field field(const char* name, const char* heading, Meaning meaning) {
+consteval Field field(const char* name, const char* heading, Meaning meaning, Place place = {}) {
   constexpr size_t kText = field_detail::text_size(Member);
-  if ((kText != 0) != (meaning == Meaning::text) || meaning == Meaning::code) {
+  const bool is_text = meaning == Meaning::text || meaning == Meaning::address;
+  if ((kText != 0) != is_text || meaning == Meaning::code) {
     throw "an array of characters is a text, and only that";
   }
   if constexpr (kText != 0) {
-    return {name, heading, meaning, {}, FieldType::text, kText, field_detail::address<Member>};
+    return {name, heading, meaning, {}, FieldType::text, kText, field_detail::address<Member>,
+            place};
   } else {
     using Number = decltype(field_detail::member_of(Member));
     const bool is_amount = meaning == Meaning::seconds || meaning == Meaning::time;
@@ -116,12 +134,14 @@ consteval Field field(const char* name, const char* heading, Meaning meaning) {
             {},
             field_detail::type_of<Number>(),
             sizeof(Number),
-            field_detail::address<Member>};
+            field_detail::address<Member>,
+            place};
   }
 }
 
 template <auto Member>
-consteval Field code(const char* name, const char* heading, std::span<const CodeWord> words) {
+consteval Field code(const char* name, const char* heading, std::span<const CodeWord> words,
+                     Place place = {}) {
   static_assert(std::is_same_v<decltype(field_detail::member_of(Member)), int>, "a code is an int");
   return {name,
           heading,
@@ -129,7 +149,8 @@ consteval Field code(const char* name, const char* heading, std::span<const Code
           words,
           FieldType::int32,
           sizeof(int),
-          field_detail::address<Member>};
+          field_detail::address<Member>,
+          place};
 }
 
 // The same for what is worked out from a record; without a value unless `has_value` says so.

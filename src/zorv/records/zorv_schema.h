@@ -44,6 +44,7 @@ struct TableSchema {
   size_t record_size;
   const Field* unique = nullptr;  // a row with a known value replaces the one that had it ...
   const Field* kept = nullptr;    // ... of which only this field stays; the daemon makes it
+  const Field* needed = nullptr;  // a record without it says nothing
   TableMethods methods;
 
   // On zorvctl's command line.
@@ -69,65 +70,65 @@ struct TableSchema {
 
 inline constexpr Field kServerFields[] = {
     field<&db_conn_server_log::id>("id", "ID", Meaning::number),
-    field<&db_conn_server_log::username>("username", "USER", Meaning::text),
-    code<&db_conn_server_log::vpn_type>("vpn_type", "PROTOCOL", kServerProtocols),
-    field<&db_conn_server_log::uptime>("uptime", "DURATION", Meaning::seconds),
-    field<&db_conn_server_log::time>("time", "TIME", Meaning::time),
+    field<&db_conn_server_log::username>("username", "USER", Meaning::text, {2, 0}),
+    code<&db_conn_server_log::vpn_type>("vpn_type", "PROTOCOL", kServerProtocols, {4, 4}),
+    field<&db_conn_server_log::uptime>("uptime", "DURATION", Meaning::seconds, {7, 5}),
+    field<&db_conn_server_log::time>("time", "TIME", Meaning::time, {1, 0}),
     field<&db_conn_server_log::device_info>("device_info", "DEVICE", Meaning::text),
-    field<&db_conn_server_log::source_ip>("source_ip", "SOURCE", Meaning::text),
-    field<&db_conn_server_log::vpn_ip>("vpn_ip", "VPN IP", Meaning::text),
+    field<&db_conn_server_log::source_ip>("source_ip", "SOURCE", Meaning::address, {5, 2}),
+    field<&db_conn_server_log::vpn_ip>("vpn_ip", "VPN-IP", Meaning::address, {6, 3}),
     field<&db_conn_server_log::tx_rate>("tx_rate", nullptr, Meaning::number),
     field<&db_conn_server_log::rx_rate>("rx_rate", nullptr, Meaning::number),
-    field<&db_conn_server_log::tx_total>("tx_total", "SENT", Meaning::bytes),
-    field<&db_conn_server_log::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
+    field<&db_conn_server_log::tx_total>("tx_total", "SENT", Meaning::bytes, {8, 6}),
+    field<&db_conn_server_log::rx_total>("rx_total", "RECEIVED", Meaning::bytes, {9, 7}),
     field<&db_conn_server_log::outgoing>("outgoing", "OUTGOING", Meaning::text),
-    code<&db_conn_server_log::action>("action", "ACTION", kServerActions),
+    code<&db_conn_server_log::action>("action", "ACTION", kServerActions, {3, 1}),
 };
 
 inline constexpr Field kClientFields[] = {
     field<&db_conn_client_log_data::id>("id", "ID", Meaning::number),
-    field<&db_conn_client_log_data::username>("username", "USER", Meaning::text),
-    code<&db_conn_client_log_data::vpn_type>("vpn_type", "PROTOCOL", kClientProtocols),
-    field<&db_conn_client_log_data::uptime>("uptime", "DURATION", Meaning::seconds),
-    field<&db_conn_client_log_data::time>("time", "TIME", Meaning::time),
-    field<&db_conn_client_log_data::vpn_ip>("vpn_ip", "VPN IP", Meaning::text),
+    field<&db_conn_client_log_data::username>("username", "USER", Meaning::text, {2, 0}),
+    code<&db_conn_client_log_data::vpn_type>("vpn_type", "PROTOCOL", kClientProtocols, {4, 4}),
+    field<&db_conn_client_log_data::uptime>("uptime", "DURATION", Meaning::seconds, {8, 5}),
+    field<&db_conn_client_log_data::time>("time", "TIME", Meaning::time, {1, 0}),
+    field<&db_conn_client_log_data::vpn_ip>("vpn_ip", "VPN-IP", Meaning::address, {7, 3}),
     field<&db_conn_client_log_data::tx_rate>("tx_rate", nullptr, Meaning::number),
     field<&db_conn_client_log_data::rx_rate>("rx_rate", nullptr, Meaning::number),
-    field<&db_conn_client_log_data::tx_total>("tx_total", "SENT", Meaning::bytes),
-    field<&db_conn_client_log_data::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
-    field<&db_conn_client_log_data::country_code>("country_code", "COUNTRY", Meaning::text),
-    field<&db_conn_client_log_data::wan_ip>("wan_ip", "PUBLIC IP", Meaning::text),
-    code<&db_conn_client_log_data::action>("action", "ACTION", kClientActions),
+    field<&db_conn_client_log_data::tx_total>("tx_total", "SENT", Meaning::bytes, {9, 6}),
+    field<&db_conn_client_log_data::rx_total>("rx_total", "RECEIVED", Meaning::bytes, {10, 7}),
+    field<&db_conn_client_log_data::country_code>("country_code", "COUNTRY", Meaning::text, {6, 8}),
+    field<&db_conn_client_log_data::wan_ip>("wan_ip", "PUBLIC-IP", Meaning::address, {5, 2}),
+    code<&db_conn_client_log_data::action>("action", "ACTION", kClientActions, {3, 1}),
 };
 
 inline constexpr Field kSessionFields[] = {
-    field<&db_server_list_data::id>("id", "ID", Meaning::number),
+    field<&db_server_list_data::id>("id", "ID", Meaning::number, {1, 5}),
     field<&db_server_list_data::uuid>("uuid", "UUID", Meaning::text),
-    field<&db_server_list_data::username>("username", "USER", Meaning::text),
+    field<&db_server_list_data::username>("username", "USER", Meaning::text, {3, 0}),
     field<&db_server_list_data::sid>("sid", "SID", Meaning::text),
-    field<&db_server_list_data::device_name>("device_name", "DEVICE", Meaning::text),
-    field<&db_server_list_data::expire_time>("expire_time", "EXPIRES", Meaning::time),
-    field<&db_server_list_data::time>("time", "TIME", Meaning::time),
+    field<&db_server_list_data::device_name>("device_name", "DEVICE", Meaning::text, {4, 1}),
+    field<&db_server_list_data::expire_time>("expire_time", "EXPIRES", Meaning::time, {5, 2}),
+    field<&db_server_list_data::time>("time", "TIME", Meaning::time, {2, 0}),
 };
 
 inline constexpr Field kDeviceFields[] = {
-    field<&db_device_info_data::id>("id", "ID", Meaning::number),
-    field<&db_device_info_data::ip>("ip", "IP", Meaning::text),
-    field<&db_device_info_data::mac>("mac", "MAC", Meaning::text),
+    field<&db_device_info_data::id>("id", "ID", Meaning::number, {1, 5}),
+    field<&db_device_info_data::ip>("ip", "IP", Meaning::address, {5, 1}),
+    field<&db_device_info_data::mac>("mac", "MAC", Meaning::text, {6, 0}),
     field<&db_device_info_data::hoxsid>("hoxsid", "HOXSID", Meaning::text),
-    field<&db_device_info_data::user_id>("user_id", "USER", Meaning::text),
-    field<&db_device_info_data::dev_name>("dev_name", "NAME", Meaning::text),
+    field<&db_device_info_data::user_id>("user_id", "USER", Meaning::text, {3, 0}),
+    field<&db_device_info_data::dev_name>("dev_name", "NAME", Meaning::text, {4, 2}),
     field<&db_device_info_data::dev_uuid>("dev_uuid", "UUID", Meaning::text),
     field<&db_device_info_data::nic>("nic", "NIC", Meaning::text),
-    field<&db_device_info_data::time>("time", "TIME", Meaning::time),
+    field<&db_device_info_data::time>("time", "TIME", Meaning::time, {2, 3}),
 };
 
 inline constexpr Field kBlockFields[] = {
     field<&db_privilege_user_block_data::id>("id", "ID", Meaning::number),
-    field<&db_privilege_user_block_data::username>("username", "USER", Meaning::text),
-    wrapped(
-        field<&db_privilege_user_block_data::limit>("limit_count", "FAILURES", Meaning::number)),
-    field<&db_privilege_user_block_data::timestamp>("timestamp", "SINCE", Meaning::time),
+    field<&db_privilege_user_block_data::username>("username", "USER", Meaning::text, {1, 0}),
+    wrapped(field<&db_privilege_user_block_data::limit>("limit_count", "FAILURES", Meaning::number,
+                                                        {2, 1})),
+    field<&db_privilege_user_block_data::timestamp>("timestamp", "SINCE", Meaning::time, {3, 0}),
 };
 
 // The field of that name; one that is not there does not compile.
@@ -149,6 +150,7 @@ inline constexpr TableSchema kServerLog = {
     .finished = true,
     .fields = kServerFields,
     .record_size = sizeof(db_conn_server_log),
+    .needed = named_field(kServerFields, "username"),
     .methods = {.insert = "db_conn_insert",
                 .query = "db_conn_server_log_query",
                 .remove = "db_conn_server_log_del",
@@ -225,6 +227,7 @@ inline constexpr TableSchema kDeviceInfo = {
     .record_size = sizeof(db_device_info_data),
     .unique = named_field(kDeviceFields, "mac"),
     .kept = named_field(kDeviceFields, "dev_uuid"),
+    .needed = named_field(kDeviceFields, "mac"),
     .methods = {.insert = "db_device_info_insert",
                 .query = "db_device_info_query",
                 .remove = "db_device_info_del",

@@ -1,6 +1,7 @@
 #include "display_text.h"
 
 #include <fmt/format.h>
+#include <langinfo.h>
 
 #include <clocale>
 #include <cwchar>
@@ -13,10 +14,8 @@ namespace {
 using zorv::Character;
 using zorv::first_character;
 
-// Widths of characters are those of a UTF-8 locale, whatever the user's is.
 unsigned width_of(char32_t code) {
-  static const bool utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
-  if (code < 0x80 || !utf8) {
+  if (code < 0x80 || !use_utf8_characters()) {
     return 1;
   }
   const int width = wcwidth(static_cast<wchar_t>(code));
@@ -70,6 +69,31 @@ std::string display_text(std::string_view text) {
 
 std::string json_string(std::string_view text) {
   return '"' + escaped(text, {"\"\\", "\\u{:04x}", "\\ufffd"}) + '"';
+}
+
+std::string ascii_text(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const Character character = first_character(text);
+    result += character.code < 0x80 ? text.front() : '?';
+    text.remove_prefix(character.length);
+  }
+  return result;
+}
+
+bool use_utf8_characters() {
+  static const bool utf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr;
+  return utf8;
+}
+
+bool is_utf8_locale() {
+  const locale_t locale = newlocale(LC_CTYPE_MASK, "", nullptr);
+  if (locale == nullptr) {
+    return false;
+  }
+  const bool utf8 = std::string_view(nl_langinfo_l(CODESET, locale)) == "UTF-8";
+  freelocale(locale);
+  return utf8;
 }
 
 unsigned display_width(std::string_view text) {

@@ -16,6 +16,16 @@ std::string display_text(std::string_view text);
 // The text as a JSON string, quotes included: control characters escaped, a stray byte as U+FFFD.
 std::string json_string(std::string_view text);
 
+// The text with a "?" for each character beyond ASCII, for a terminal that has no others.
+std::string ascii_text(std::string_view text);
+
+// Whether the user's locale, and so the terminal, has UTF-8.
+bool is_utf8_locale();
+
+// From now on widths and regular expressions know characters as UTF-8 has them, whatever the user's
+// locale is. False where the system cannot.
+bool use_utf8_characters();
+
 // How many columns of a terminal the text takes. For text that display_text gave.
 unsigned display_width(std::string_view text);
 

@@ -36,7 +36,7 @@ struct ListedSession {
 constexpr int kNeverExpires = 0;  // no word is said of it
 constexpr CodeWord kSessionStates[] = {{1, "valid"}, {2, "expired"}};
 constexpr Field kOfSession[] = {
-    zorv::computed(zorv::code<&ListedSession::state>("state", "STATE", kSessionStates))};
+    zorv::computed(zorv::code<&ListedSession::state>("state", "STATE", kSessionStates, {6, 0}))};
 constexpr auto kSessionFields = joined(zorv::kSessionFields, kOfSession);
 constexpr zorv::TableSchema kSessions = listed(zorv::kServerList, kSessionFields);
 
@@ -53,7 +53,7 @@ constexpr int code_of(BlockState state) {
 }
 constexpr CodeWord kUserStates[] = {{code_of(BlockState::off), "policy off"},
                                     {code_of(BlockState::counting), "counting"},
-                                    {code_of(BlockState::blocked), "blocked"},
+                                    {code_of(BlockState::blocked), "blocked", true},
                                     {code_of(BlockState::over), "block over"},
                                     {kUnknownState, "unknown"}};
 
@@ -65,10 +65,12 @@ bool is_blocked(const void* row) {
 }
 
 constexpr Field kOfUser[] = {
-    zorv::computed(zorv::field<&ListedUser::limit>("limit", "LIMIT", Meaning::number), is_judged),
-    zorv::computed(zorv::code<&ListedUser::state>("state", "STATE", kUserStates)),
-    zorv::computed(zorv::field<&ListedUser::seconds_left>("seconds_left", "LEFT", Meaning::seconds),
-                   is_blocked),
+    zorv::computed(zorv::field<&ListedUser::limit>("limit", "LIMIT", Meaning::number, {4, 2}),
+                   is_judged),
+    zorv::computed(zorv::code<&ListedUser::state>("state", "STATE", kUserStates, {5, 0})),
+    zorv::computed(
+        zorv::field<&ListedUser::seconds_left>("seconds_left", "LEFT", Meaning::seconds, {6, 0}),
+        is_blocked),
 };
 constexpr auto kUserFields = joined(zorv::kBlockFields, kOfUser);
 constexpr zorv::TableSchema kUsers = listed(zorv::kUserBlock, kUserFields);

@@ -1,9 +1,10 @@
 #include "time_argument.h"
 
 #include <fmt/format.h>
+#include <strings.h>
 
 #include <algorithm>
-#include <cstdlib>
+#include <cctype>
 #include <iterator>
 #include <optional>
 
@@ -14,94 +15,73 @@ namespace zorvctl {
 namespace {
 
 constexpr unsigned long long kLatestShown = 253402300799;  // the last second of the year 9999
+constexpr int kDaysOfWeek = 7;
 
 bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
-struct Form {
-  std::string_view shape;  // a 0 for any digit
-  const char* format;      // as strptime reads it
-};
-// Where one begins with another, the longer stands in front.
-constexpr Form kCalendarForms[] = {
-    {"0000-00-00 00:00:00", "%Y-%m-%d %H:%M:%S"},
-    {"0000-00-00T00:00:00", "%Y-%m-%dT%H:%M:%S"},
-    {"0000-00-00 00:00", "%Y-%m-%d %H:%M"},
-    {"0000-00-00T00:00", "%Y-%m-%dT%H:%M"},
-    {"0000-00-00", "%Y-%m-%d"},
-    {"00:00:00", "%H:%M:%S"},
-    {"00:00", "%H:%M"},
-};
-constexpr std::string_view kZoneShapes[] = {"+00:00", "+0000", "+00", "-00:00", "-0000", "-00"};
-
-// With a 0 for every digit. strptime alone would take "2026-1-2", too, and blanks nearly anywhere.
-std::string shape_of(std::string_view text) {
-  std::string shape(text);
-  std::replace_if(shape.begin(), shape.end(), is_digit, '0');
-  return shape;
+bool is_same_word(std::string_view one, std::string_view other) {
+  return one.size() == other.size() && strncasecmp(one.data(), other.data(), one.size()) == 0;
 }
 
-// The whole of `text`: seconds east of UTC.
-std::optional<long long> zone_offset(const std::string& text) {
-  if (text == "Z" || text == "z") {
-    return 0;
+// A front of that shape, a 0 for any digit: strptime alone would take "2026-1-2", too, and blanks
+// nearly anywhere. `text` then begins behind it.
+bool take(std::string_view& text, std::string_view shape, const char* format, std::tm* calendar) {
+  const std::string front(text.substr(0, shape.size()));
+  std::string digits = front;
+  std::replace_if(digits.begin(), digits.end(), is_digit, '0');
+  const char* const end =
+      digits == shape ? strptime(front.c_str(), format, calendar) : front.c_str();
+  if (end == nullptr || *end != '\0' || digits != shape) {
+    return false;  // it reads no further than numbers are in range
   }
-  constexpr long kFarthest = 15 * 3600;
-  std::tm zone{};
-  const bool known = std::find(std::begin(kZoneShapes), std::end(kZoneShapes), shape_of(text)) !=
-                     std::end(kZoneShapes);
-  if (!known || strptime(text.c_str(), "%z", &zone) == nullptr ||
-      std::abs(zone.tm_gmtoff) >= kFarthest) {
-    return std::nullopt;
-  }
-  return zone.tm_gmtoff;
+  text.remove_prefix(shape.size());
+  return true;
 }
 
-time_t seconds_of(std::tm* calendar, Zone zone) {
-  calendar->tm_isdst = -1;
-  return zone == Zone::utc ? timegm(calendar) : mktime(calendar);
+bool take_date(std::string_view& text, std::tm* calendar) {
+  if (!take(text, "0000-00-00", "%Y-%m-%d", calendar)) {
+    return false;
+  }
+  std::tm normal = *calendar;
+  timegm(&normal);
+  return normal.tm_mday == calendar->tm_mday;  // of a day that does not exist it is not
 }
 
-// The moment of a calendar time; nothing for a day that does not exist.
-std::optional<long long> moment(const std::tm& calendar, Zone zone) {
-  std::tm normal = calendar;
-  const time_t seconds = seconds_of(&normal, zone);
-  return normal.tm_mday == calendar.tm_mday && normal.tm_mon == calendar.tm_mon
-             ? std::optional<long long>(seconds)
-             : std::nullopt;
+// The last moment that a time of day names is so many seconds behind its first; none for no time.
+std::optional<int> take_time_of_day(std::string_view& text, std::tm* calendar) {
+  constexpr int kRestOfMinute = 59;
+  std::string_view rest = text;
+  std::optional<int> taken;
+  if (take(rest, "00:00:00", "%H:%M:%S", calendar)) {
+    if (rest.size() > 1 && rest[0] == '.' && is_digit(rest[1])) {
+      rest.remove_prefix(1);
+      rest.remove_prefix(std::min(rest.find_first_not_of("0123456789"), rest.size()));
+    }
+    taken = calendar->tm_sec <= 59 ? std::optional(0) : std::nullopt;  // strptime takes 61
+  } else if (take(rest, "00:00", "%H:%M", calendar)) {
+    taken = kRestOfMinute;
+  }
+  text = taken ? rest : text;
+  return taken;
 }
 
-std::tm midnight(time_t now, Zone zone) {
-  std::tm calendar = calendar_of(now, zone);
-  calendar.tm_hour = calendar.tm_min = calendar.tm_sec = 0;
-  return calendar;
+void add_days(std::tm* calendar, int days) {
+  calendar->tm_mday += days;
+  timegm(calendar);  // also finds the day of the week
 }
 
-std::optional<long long> calendar_moment(std::string_view text, time_t now, Zone zone) {
-  const std::string shape = shape_of(text);
-  const auto* form = std::find_if(std::begin(kCalendarForms), std::end(kCalendarForms),
-                                  [&](const Form& one) { return shape.starts_with(one.shape); });
-  if (form == std::end(kCalendarForms)) {
-    return std::nullopt;
+// The first letters of `text`, which then begins behind them and a comma or blanks.
+std::string_view take_word(std::string_view& text) {
+  size_t end = 0;
+  while (end < text.size() && std::isalpha(static_cast<unsigned char>(text[end])) != 0) {
+    ++end;
   }
-  std::tm calendar = midnight(now, zone);
-  const std::string written(text.substr(0, form->shape.size()));
-  // It reads no further than numbers are in range, and takes seconds up to 61.
-  const char* const read_to = strptime(written.c_str(), form->format, &calendar);
-  if (read_to == nullptr || *read_to != '\0' || calendar.tm_sec > 59) {
-    return std::nullopt;
-  }
-  std::string_view rest = text.substr(form->shape.size());
-  if (form->shape.ends_with(":00") && rest.starts_with(' ')) {
-    rest.remove_prefix(1);
-  }
-  if (rest.empty()) {
-    return moment(calendar, zone);
-  }
-  const auto east = zone_offset(std::string(rest));
-  const auto seconds = moment(calendar, Zone::utc);
-  return east && seconds ? std::optional(*seconds - *east) : std::nullopt;
+  const std::string_view word = text.substr(0, end);
+  text.remove_prefix(end);
+  text.remove_prefix(std::min(text.find_first_not_of(word.empty() ? "" : ", "), text.size()));
+  return word;
 }
 
 struct DayName {
@@ -109,30 +89,102 @@ struct DayName {
   int days_from_today;
 };
 constexpr DayName kDayNames[] = {{"today", 0}, {"yesterday", -1}, {"tomorrow", 1}};
+constexpr std::string_view kWeekDays[] = {"Sunday",   "Monday", "Tuesday", "Wednesday",
+                                          "Thursday", "Friday", "Saturday"};
 
-std::optional<long long> named_moment(std::string_view text, time_t now, Zone zone) {
-  if (text == "now") {
-    return now;
-  }
-  for (const DayName& day : kDayNames) {
-    if (day.name == text) {
-      std::tm calendar = midnight(now, zone);
-      calendar.tm_mday += day.days_from_today;
-      return seconds_of(&calendar, zone);
+std::optional<int> weekday_of(std::string_view word) {
+  constexpr size_t kShort = 3;
+  for (size_t day = 0; day < std::size(kWeekDays); ++day) {
+    if (is_same_word(word, kWeekDays[day]) ||
+        is_same_word(word, kWeekDays[day].substr(0, kShort))) {
+      return static_cast<int>(day);
     }
   }
   return std::nullopt;
 }
 
-// "2h", "2h ago": before now; "+2h": from now on. A bare number could be anything: it has to say
-// what it counts.
-std::optional<long long> distant_moment(std::string_view text, time_t now) {
+struct Moments {
+  long long first;
+  long long last;
+};
+
+// The day that the front of `text` names, today where it names none. False for a date that is none,
+// or not of the day of the week in front of it.
+bool take_day(std::string_view& text, std::tm* calendar, bool* ret_named) {
+  const std::string_view whole = text;
+  const std::string_view word = take_word(text);
+  const auto* name = std::find_if(std::begin(kDayNames), std::end(kDayNames),
+                                  [&](const DayName& day) { return day.name == word; });
+  *ret_named = !word.empty();
+  if (name != std::end(kDayNames)) {
+    add_days(calendar, name->days_from_today);
+    return true;
+  }
+  const auto weekday = weekday_of(word);
+  if (!word.empty() && !weekday) {
+    text = whole;
+    return false;
+  }
+  const bool dated = text.find('-') == 4;
+  if (dated) {
+    if (!take_date(text, calendar)) {
+      return false;
+    }
+    if (!text.empty() && (text[0] == ' ' || text[0] == 'T')) {
+      text.remove_prefix(1);
+      *ret_named = !text.empty() && is_digit(text[0]);  // a time has to follow
+      if (!*ret_named) {
+        return false;
+      }
+    }
+    add_days(calendar, 0);
+    *ret_named = true;
+    return !weekday || *weekday == calendar->tm_wday;
+  }
+  if (weekday) {
+    add_days(calendar, -((calendar->tm_wday - *weekday + kDaysOfWeek) % kDaysOfWeek));
+  }
+  return true;
+}
+
+std::optional<Moments> calendar_moments(std::string_view text, time_t now, Zone zone) {
+  Clock clock(zone);
+  const size_t blank = text.rfind(' ');
+  if (blank != std::string_view::npos && clock.take(text.substr(blank + 1))) {
+    text = text.substr(0, blank);
+  }
+  std::tm calendar = clock.calendar_of(now);
+  calendar.tm_hour = calendar.tm_min = calendar.tm_sec = 0;
+  bool has_day = false;
+  if (!take_day(text, &calendar, &has_day)) {
+    return std::nullopt;
+  }
+  const auto rest_of_time = take_time_of_day(text, &calendar);
+  if ((!rest_of_time && !has_day) || (!text.empty() && !clock.take(text))) {
+    return std::nullopt;
+  }
+  const long long first = clock.moment_of(calendar);
+  if (rest_of_time) {
+    return Moments{first, first + *rest_of_time};
+  }
+  add_days(&calendar, 1);
+  return Moments{first, clock.moment_of(calendar) - 1};
+}
+
+// "2h", "-2h", "2h ago": before now; "+2h", "2h left": from now on. A bare number could be
+// anything: it has to say what it counts.
+std::optional<Moments> distant_moment(std::string_view text, time_t now) {
   constexpr std::string_view kAgo = " ago";
-  const bool ahead = text.starts_with('+');
-  if (ahead) {
+  constexpr std::string_view kLeft = " left";
+  bool ahead = false;
+  if (text.starts_with('+') || text.starts_with('-')) {
+    ahead = text.front() == '+';
     text.remove_prefix(1);
   } else if (text.ends_with(kAgo)) {
     text.remove_suffix(kAgo.size());
+  } else if (text.ends_with(kLeft)) {
+    ahead = true;
+    text.remove_suffix(kLeft.size());
   }
   unsigned long long distance = 0;
   if (text.empty() || is_digit(text.back()) || parse_duration(text, &distance) != 0 ||
@@ -140,7 +192,29 @@ std::optional<long long> distant_moment(std::string_view text, time_t now) {
     return std::nullopt;
   }
   const auto seconds = static_cast<long long>(distance);
-  return ahead ? now + seconds : now - seconds;
+  const long long moment = ahead ? now + seconds : now - seconds;
+  return Moments{moment, moment};
+}
+
+// The digits of "@1795234206.5", up to the point.
+bool read_epoch(std::string_view text, unsigned long long* ret) {
+  const size_t point = text.find('.');
+  if (point != std::string_view::npos) {
+    const std::string_view decimals = text.substr(point + 1);
+    if (decimals.empty() || !std::all_of(decimals.begin(), decimals.end(), is_digit)) {
+      return false;
+    }
+  }
+  return whole_number(text.substr(0, point), ret);
+}
+
+std::string date_text(const std::tm& calendar) {
+  return fmt::format("{:04}-{:02}-{:02}", calendar.tm_year + 1900, calendar.tm_mon + 1,
+                     calendar.tm_mday);
+}
+
+std::string time_of_day_text(const std::tm& calendar) {
+  return fmt::format("{:02}:{:02}:{:02}", calendar.tm_hour, calendar.tm_min, calendar.tm_sec);
 }
 
 }  // namespace
@@ -155,22 +229,38 @@ std::tm calendar_of(time_t seconds, Zone zone) {
   return calendar;
 }
 
-int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret) {
+int parse_time_span(std::string_view text, time_t now, Zone zone, TimeSpan* ret) {
   if (text.starts_with('@')) {
-    return whole_number(text.substr(1), ret) ? 0 : -1;
+    unsigned long long seconds = 0;
+    if (!read_epoch(text.substr(1), &seconds)) {
+      return -1;
+    }
+    *ret = {seconds, seconds};
+    return 0;
   }
-  auto found = named_moment(text, now, zone);
+  std::optional<Moments> found;
+  if (text == "now") {
+    found = Moments{now, now};
+  }
   if (!found) {
-    found = calendar_moment(text, now, zone);
+    found = calendar_moments(text, now, zone);
   }
   if (!found) {
     found = distant_moment(text, now);
   }
-  if (!found || *found < 0) {
+  if (!found || found->first < 0) {
     return -1;
   }
-  *ret = static_cast<unsigned long long>(*found);
+  *ret = {static_cast<unsigned long long>(found->first),
+          static_cast<unsigned long long>(found->last)};
   return 0;
+}
+
+int parse_time(std::string_view text, time_t now, Zone zone, unsigned long long* ret) {
+  TimeSpan span{};
+  const int status = parse_time_span(text, now, zone, &span);
+  *ret = status == 0 ? span.first : *ret;
+  return status;
 }
 
 std::string time_text(unsigned long long seconds, Zone zone) {
@@ -181,9 +271,34 @@ std::string time_text(unsigned long long seconds, Zone zone) {
     return fmt::format("@{}", seconds);
   }
   const std::tm calendar = calendar_of(static_cast<time_t>(seconds), zone);
-  char text[sizeof "10000-01-01 00:00:00"];
-  const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &calendar);
-  return std::string(text, length) + (zone == Zone::utc ? "Z" : "");
+  return date_text(calendar) + " " + time_of_day_text(calendar) + (zone == Zone::utc ? "Z" : "");
+}
+
+std::string short_time_text(unsigned long long seconds, Zone zone, time_t now) {
+  constexpr unsigned long long kHalfYear = 31'557'600 / 2;
+  if (seconds == 0 || seconds > kLatestShown) {
+    return time_text(seconds, zone);
+  }
+  const auto today = static_cast<unsigned long long>(now);
+  const unsigned long long distance = std::max(seconds, today) - std::min(seconds, today);
+  const std::tm calendar = calendar_of(static_cast<time_t>(seconds), zone);
+  return distance < kHalfYear ? fmt::format("{:02}-{:02} {:02}:{:02}", calendar.tm_mon + 1,
+                                            calendar.tm_mday, calendar.tm_hour, calendar.tm_min)
+                              : date_text(calendar);
+}
+
+std::string iso_time_text(unsigned long long seconds, Zone zone) {
+  if (seconds == 0 || seconds > kLatestShown) {
+    return seconds == 0 ? "" : time_text(seconds, zone);
+  }
+  const std::tm calendar = calendar_of(static_cast<time_t>(seconds), zone);
+  const std::string text = date_text(calendar) + "T" + time_of_day_text(calendar);
+  if (zone == Zone::utc) {
+    return text + "Z";
+  }
+  const long long east = Clock(zone).east_of_utc(static_cast<time_t>(seconds)) / 60;
+  const long long minutes = east < 0 ? -east : east;
+  return text + fmt::format("{}{:02}:{:02}", east < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }
 
 }  // namespace zorvctl

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
 #include <limits>
 
@@ -48,6 +49,39 @@ const zorv::CodeWord* word_by_text(Words words, std::string_view text) {
   return nullptr;
 }
 
+std::string lower_case(std::string_view text) {
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return result;
+}
+
+std::string time_value(record_uint64 seconds, Zone zone, Form form) {
+  switch (form) {
+    case Form::compact:
+      return short_time_text(seconds, zone, std::time(nullptr));
+    case Form::iso:
+      return iso_time_text(seconds, zone);
+    case Form::full:
+      break;
+  }
+  return time_text(seconds, zone);
+}
+
+constexpr long long kExactUpTo = 9999;
+
+std::string scaled_bytes(long long bytes, const char* gap, const char* letter) {
+  constexpr char kUnits[] = "KMGTPE";
+  double value = static_cast<double>(bytes) / 1024;
+  const char* unit = kUnits;
+  // 1023.95 would be printed as 1024.0.
+  while (value >= 1023.95 && unit[1] != '\0') {
+    value /= 1024;
+    ++unit;
+  }
+  return fmt::format("{:.1f}{}{}{}", value, gap, *unit, letter);
+}
+
 // A plain number that the field holds.
 bool read_number(const Field& field, std::string_view text, FieldValue* ret) {
   if (field.type == zorv::FieldType::uint64) {
@@ -76,40 +110,35 @@ std::string number_digits(const FieldValue& value) {
 }
 
 std::string bytes_text(long long bytes) {
-  constexpr long long kExactUpTo = 9999;
-  constexpr const char* kUnits[] = {"KB", "MB", "GB", "TB", "PB", "EB"};
-  if (bytes <= kExactUpTo) {
-    return fmt::format("{} B", bytes);
-  }
-  double value = static_cast<double>(bytes) / 1024;
-  size_t unit = 0;
-  // 1023.95 would be printed as 1024.0.
-  while (value >= 1023.95 && unit + 1 < std::size(kUnits)) {
-    value /= 1024;
-    ++unit;
-  }
-  return fmt::format("{:.1f} {}", value, kUnits[unit]);
+  return bytes <= kExactUpTo ? fmt::format("{} B", bytes) : scaled_bytes(bytes, " ", "B");
 }
 
-std::string shown_value(const Field& field, const FieldValue& value, Zone zone) {
+std::string short_bytes_text(long long bytes) {
+  return bytes <= kExactUpTo ? fmt::to_string(bytes) : scaled_bytes(bytes, "", "");
+}
+
+std::string shown_value(const Field& field, const FieldValue& value, Zone zone, Form form) {
+  const bool is_compact = form == Form::compact;
   if (std::holds_alternative<std::monostate>(value)) {
-    return "-";
+    return form == Form::iso ? "" : "-";
   }
   if (field.is_word()) {
     return std::string(std::get<std::string_view>(value));
   }
   switch (field.meaning) {
     case Meaning::text:
+    case Meaning::address:
       return display_text(std::get<std::string_view>(value));
     case Meaning::bytes:
-      return bytes_text(std::get<record_int64>(value));
+      return (is_compact ? short_bytes_text : bytes_text)(std::get<record_int64>(value));
     case Meaning::seconds:
-      return duration_text(std::get<record_uint64>(value));
+      return (is_compact ? short_duration_text : duration_text)(std::get<record_uint64>(value));
     case Meaning::time:
-      return time_text(std::get<record_uint64>(value), zone);
+      return time_value(std::get<record_uint64>(value), zone, form);
     case Meaning::code:
       if (const char* word = zorv::word_of(field.words, std::get<record_int64>(value))) {
-        return word;
+        const std::string_view whole = word;
+        return std::string(is_compact ? whole.substr(0, whole.find('/')) : whole);
       }
       break;
     case Meaning::number:
@@ -118,9 +147,79 @@ std::string shown_value(const Field& field, const FieldValue& value, Zone zone) 
   return number_digits(value);
 }
 
+std::string typed_value(const Field& field, const FieldValue& value) {
+  if (const auto* text = std::get_if<std::string_view>(&value)) {
+    return field.is_text() ? std::string(*text) : typed(*text);
+  }
+  const auto* code = std::get_if<record_int64>(&value);
+  const char* const word = code != nullptr ? zorv::word_of(field.words, *code) : nullptr;
+  return word != nullptr ? typed(word) : number_digits(value);
+}
+
+bool is_same_typed(std::string_view one, std::string_view other, bool front_only) {
+  return front_only ? folded(other).starts_with(folded(one)) : folded(one) == folded(other);
+}
+
+const Field* field_called(std::span<const Field> fields, std::string_view word) {
+  for (const auto& name_of :
+       {typed_name, +[](const Field& field) -> std::string { return field.name; }}) {
+    for (const Field& field : fields) {
+      if (!word.empty() && is_same_typed(word, name_of(field))) {
+        return &field;
+      }
+    }
+  }
+  return nullptr;
+}
+
+std::string typed_name(const Field& field) {
+  std::string name = lower_case(field.heading != nullptr ? field.heading : field.name);
+  std::replace(name.begin(), name.end(), '_', '-');
+  return name;
+}
+
+std::string heading_of(const Field& field) {
+  std::string name = typed_name(field);
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return name;
+}
+
+std::vector<const Field*> main_fields(std::span<const Field> fields) {
+  std::vector<const Field*> placed;
+  std::vector<const Field*> headed;
+  for (const Field& field : fields) {
+    if (field.place.column != 0) {
+      placed.push_back(&field);
+    }
+    if (field.heading != nullptr) {
+      headed.push_back(&field);
+    }
+  }
+  std::sort(placed.begin(), placed.end(), [](const Field* one, const Field* other) {
+    return one->place.column < other->place.column;
+  });
+  return placed.empty() ? headed : placed;
+}
+
+std::string field_names(std::span<const Field> fields) {
+  std::vector<const Field*> all = main_fields(fields);
+  for (const Field& field : fields) {
+    if (std::find(all.begin(), all.end(), &field) == all.end()) {
+      all.push_back(&field);
+    }
+  }
+  std::string names;
+  for (const Field* field : all) {
+    names += (names.empty() ? "" : ", ") + typed_name(*field);
+  }
+  return names;
+}
+
 std::string value_hint(const Field& field) {
   switch (field.meaning) {
     case Meaning::text:
+    case Meaning::address:
       return fmt::format("text of at most {} bytes", field.size - 1);
     case Meaning::number:
       return "a whole number";
