@@ -1,5 +1,6 @@
 #include "list_options.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "display_text.h"
@@ -9,50 +10,38 @@
 namespace zorvctl {
 namespace {
 
-const zorv::Field* field_or_complain(const zorv::TableSchema& table, std::string_view name) {
-  const zorv::Field* field = table.find(name);
-  if (field == nullptr) {
-    complain("'{}' is not a field of {}; it has: {}", display_text(name), table.noun,
-             field_names(table));
-  }
-  return field;
+// The rows of one span of times are a window, for which not every row has to be read.
+bool is_window(const zorv::TableSchema& table, const RecordQuery& query, const Filter& filter) {
+  return filter.field == table.time && !filter.is_negated && filter.kind != Filter::Kind::equal &&
+         (filter.is_limit ||
+          std::count_if(query.filters.begin(), query.filters.end(), [&](const Filter& other) {
+            return other.field == table.time && other.is_alternative();
+          }) == 1);
 }
 
-int read_filter(const zorv::TableSchema& table, const std::string& word, Zone zone,
-                RecordQuery* query) {
-  const size_t equals = word.find('=');
-  if (equals == std::string::npos) {
-    complain("'{}' is not FIELD=VALUE", display_text(word));
-    return kUsage;
+void narrow_window(const Filter& filter, RecordQuery* query) {
+  const unsigned long long first = std::get<record_uint64>(filter.number);
+  const unsigned long long last = std::get<record_uint64>(filter.last);
+  query->since = std::max(query->since.value_or(0), first);
+  query->until = std::min(query->until.value_or(last), last);
+}
+
+void make_windows(const zorv::TableSchema& table, RecordQuery* query) {
+  std::vector<Filter> others;
+  for (const Filter& filter : query->filters) {
+    if (is_window(table, *query, filter)) {
+      narrow_window(filter, query);
+    } else {
+      others.push_back(filter);
+    }
   }
-  const zorv::Field* field = field_or_complain(table, std::string_view(word).substr(0, equals));
-  if (field == nullptr) {
-    return kUsage;
-  }
-  Filter filter{field, word.substr(equals + 1), {}};
-  FieldValue value;
-  std::string error;
-  if (read_value(*field, filter.text, std::time(nullptr), zone, &value, &error) != 0) {
-    complain("{}", error);
-    return kUsage;
-  }
-  if (const auto* text = std::get_if<std::string_view>(&value)) {
-    filter.text = std::string(*text);
-  } else {
-    filter.number = value;
-  }
-  query->filters.push_back(std::move(filter));
-  return kDone;
+  query->filters = std::move(others);
 }
 
 }  // namespace
 
 std::string field_names(const zorv::TableSchema& table) {
-  std::string names;
-  for (const zorv::Field& field : table.fields) {
-    names += (names.empty() ? "" : ", ") + std::string(field.name);
-  }
-  return names;
+  return field_names(table.fields);
 }
 
 int read_time(const char* option, const std::optional<std::string>& text, Zone zone,
@@ -77,9 +66,11 @@ int read_query(const zorv::TableSchema& table, const ListOptions& options, Recor
   ret_query->offset = options.offset;
   ret_query->descending = !options.reverse;
   if (options.sort) {
-    ret_query->order_by = field_or_complain(table, *options.sort);
+    ret_query->order_by = field_called(table.fields, *options.sort);
     ret_query->descending = options.reverse;
     if (ret_query->order_by == nullptr) {
+      complain("'{}' is not a field of {}; it has: {}", display_text(*options.sort), table.noun,
+               field_names(table));
       return kUsage;
     }
     if (ret_query->order_by->is_computed) {
@@ -88,14 +79,24 @@ int read_query(const zorv::TableSchema& table, const ListOptions& options, Recor
       return kUsage;
     }
   }
+  const std::time_t now = std::time(nullptr);
   for (const std::string& word : options.filters) {
-    if (const int status = read_filter(table, word, options.zone(), ret_query); status != kDone) {
-      return status;
+    std::string error;
+    Filter filter{};
+    if (read_filter(table.fields, table.noun, word, now, options.zone(), &filter, &error) != 0) {
+      complain("{}", error);
+      return kUsage;
     }
+    ret_query->filters.push_back(std::move(filter));
   }
-  const int status = read_time("--since", options.since, options.zone(), &ret_query->since);
-  return status != kDone ? status
-                         : read_time("--until", options.until, options.zone(), &ret_query->until);
+  int status = read_time("--since", options.since, options.zone(), &ret_query->since);
+  if (status == kDone) {
+    status = read_time("--until", options.until, options.zone(), &ret_query->until);
+  }
+  if (status == kDone) {
+    make_windows(table, ret_query);
+  }
+  return status;
 }
 
 }  // namespace zorvctl

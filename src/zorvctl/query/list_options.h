@@ -17,12 +17,17 @@ struct OutputOptions {
   std::string output;  // the format's name
   bool utc = false;
   bool quiet = false;
+  bool readable = false;
+  bool no_pager = false;
+  std::string color = "auto";
+  std::vector<std::string> columns;  // fields by name; none: those of the format
 
   Zone zone() const { return utc ? Zone::utc : Zone::local; }
 };
 
 struct ListOptions : OutputOptions {
   unsigned long long limit = kDefaultLimit;
+  bool has_limit = false;  // was given
   unsigned long long offset = 0;
   bool reverse = false;
   std::optional<std::string> sort;

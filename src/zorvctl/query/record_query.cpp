@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "daemon_answer.h"
-#include "value_text.h"
 #include "zorv_calls.h"
 
 namespace zorvctl {
@@ -17,7 +16,7 @@ class Reading {
     cond_.order_by = query.order_by != nullptr ? table.index_of(*query.order_by) : 0;
     cond_.order_style = query.descending ? 1 : 0;
     for (const Filter& filter : query.filters) {
-      const std::string value = filter.wire_text();
+      const std::string value = is_only_one(filter) ? filter.wire_text() : "";
       if (cond_.field[0] == '\0' && !value.empty()) {
         zorv::copy_text(cond_.field, filter.field->name);
         zorv::copy_text(cond_.value, value);
@@ -111,8 +110,14 @@ class Reading {
         return false;
       }
     }
-    return std::all_of(local_filters_.begin(), local_filters_.end(),
-                       [record](const Filter* filter) { return filter->matches(record); });
+    return match(local_filters_, record);
+  }
+
+  // Without an alternative.
+  bool is_only_one(const Filter& filter) const {
+    return std::none_of(query_.filters.begin(), query_.filters.end(), [&](const Filter& other) {
+      return &other != &filter && other.field == filter.field && other.is_alternative();
+    });
   }
 
   // Rows come by id, and a clock that was set back mixes their times: an older row does not show
@@ -149,19 +154,6 @@ class Reading {
 };
 
 }  // namespace
-
-bool Filter::matches(const void* record) const {
-  const zorv::FieldValue value = get(*field, record);
-  const auto* stored = std::get_if<std::string_view>(&value);
-  return stored != nullptr ? *stored == text : value == number;
-}
-
-std::string Filter::wire_text() const {
-  if (field->is_computed) {
-    return "";
-  }
-  return field->is_text() ? text : number_digits(number);
-}
 
 int run_query(const zorv::TableSchema& table, const RecordQuery& query, const QueryEvents& events,
               QueryResult* ret) {

@@ -1,6 +1,6 @@
 // Reads records from the daemon, page by page, and hands on those that are wanted.
 //
-// The daemon filters by one field and knows no times, so further filters and the time window are
+// The daemon knows an order and one field's equality, so other filters and the time window are
 // applied here. It shows the newest kMostRowsShown rows of a table and no older ones.
 #pragma once
 
@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "filter.h"
 #include "zorv_schema.h"
 
 namespace zorvctl {
@@ -16,16 +17,6 @@ namespace zorvctl {
 inline constexpr unsigned long long kMostRowsShown = 100000;
 // Of the largest record 14 MiB, three times in memory on the way: what a small NAS can spare.
 inline constexpr unsigned long long kPageRows = 2000;
-
-struct Filter {
-  const zorv::Field* field;
-  std::string text;         // of a text field
-  zorv::FieldValue number;  // of any other
-
-  bool matches(const void* record) const;
-  // As the daemon compares it. It takes an empty text for no filter, and knows no computed fields.
-  std::string wire_text() const;
-};
 
 struct RecordQuery {
   unsigned long long limit = 0;  // 0: all
