@@ -36,6 +36,10 @@ _zorvctl() {
       mapfile -t COMPREPLY < <(compgen -W "today yesterday 1h 1d 7d" -- "$current")
       return
       ;;
+    --color)
+      mapfile -t COMPREPLY < <(compgen -W "auto always never" -- "$current")
+      return
+      ;;
   esac
 
   help=$("$program" "${path[@]}" --help 2>/dev/null) || return 0
@@ -43,15 +47,20 @@ _zorvctl() {
   # Bash takes FIELD=VALUE apart, and nothing is known of values; nor of those of most options, whose
   # line of the help has the value's name in capitals.
   [[ $previous == = || $current == *=* ]] && return
-  if [[ $previous =~ ^--?[a-z-]+$ && $previous != --sort ]] &&
+  if [[ $previous =~ ^--?[a-z-]+$ && $previous != --sort && $previous != --columns ]] &&
     grep -qE "^ +(-[a-zA-Z],)?$previous(,[^ ]+)? [A-Z]" <<<"$help"; then
     return
   fi
 
-  if [[ $previous == --sort || ( $help == *'Fields: '* && $current != -* ) ]]; then
+  if [[ $previous == --sort || $previous == --columns ||
+    ( $help == *'Fields: '* && $current != -* ) ]]; then
     # "Fields: id, username, ..." up to the first line that ends the sentence.
     words=$(sed -n '/^Fields: /,$ {h;s/^Fields: //;s/[,.]/ /g;p;x;/\.$/q}' <<<"$help")
-    if [[ $previous != --sort ]]; then
+    if [[ $previous == --columns ]]; then
+      # Each behind those that stand there already.
+      local before=${current%"${current##*,}"}
+      words=$(sed "s/[^ ][^ ]*/$before&/g" <<<"$words")
+    elif [[ $previous != --sort ]]; then
       words=$(sed 's/[^ ][^ ]*/&=/g' <<<"$words")
       compopt -o nospace 2>/dev/null
     fi

@@ -18,7 +18,7 @@ constexpr const char* kFooter =
     "Every noun and verb has a --help of its own.\n\n"
     "Examples:\n"
     "  zorvctl server-log list              the latest connections\n"
-    "  zorvctl server-log list username=alice -S yesterday -j\n"
+    "  zorvctl server-log list user=alice -S yesterday -j\n"
     "  zorvctl sessions --open              who is connected now\n"
     "  zorvctl server-log list -f           the same as it happens\n"
     "  zorvctl stats -S 30d                 how much, by whom\n"

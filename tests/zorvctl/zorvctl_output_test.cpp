@@ -48,10 +48,14 @@ TEST(Query, ShowsEveryRowOnceWhateverHappensMeanwhile) {
   EXPECT_EQ(ids_of([] { FAIL() << "asks for more"; }, 10, &result).size(), 10U);
 }
 
-TEST(Terminal, CutsTextsThatAreTooWideAndObeysNone) {
+TEST(Terminal, ShowsARowOnALineAndObeysNoText) {
+  setenv("TZ", "UTC", 1);
   db_conn_server_log record{};
   memset(record.username, 'u', 30);
-  memset(record.device_info, 'd', 300);
+  record.time = 1700000000;
+  record.uptime = 3661;
+  record.action = zorv::kLoginFail;
+  zorv::copy_text(record.source_ip, "2001:db8:1234:5678:9abc:def0:1234:5678");
   const auto written = [&record](const char* format, const Style& style) {
     std::string out;
     const auto writer = find_format(format)->make_writer({zorv::kServerLog.fields, style}, &out);
@@ -59,18 +63,54 @@ TEST(Terminal, CutsTextsThatAreTooWideAndObeysNone) {
     writer->end_page();
     return out;
   };
-  const std::string whole = written("table", {});
-  EXPECT_EQ(written("table", {.terminal = true, .columns = 500}), whole);
-  EXPECT_EQ(written("table", {.columns = 100}), whole) << "to a file";
-  EXPECT_EQ(written("table", {.terminal = true, .columns = 110}),
-            "ID  USER            PROTOCOL  DURATION  TIME  DEVICE          SOURCE  VPN IP  SENT  "
-            "RECEIVED  OUTGOING  ACTION\n"
-            " 0  uuuuuuuuuuuuu\xE2\x80\xA6  0              0 s  -     "
-            "ddddddddddddd\xE2\x80\xA6                   0 B       0 B            0\n");
+  const std::string whole = written("table", {.heading = false});
+  EXPECT_EQ(whole,
+            "2023-11-14 22:13:20  uuuuuuuuuuuuuuuuuuuuuuuuuuuuuu  Login Fail  0  "
+            "2001:db8:1234:5678:9abc:def0:1234:5678    1 h 01 min  0 B  0 B\n");
+  EXPECT_EQ(written("table", {.heading = false, .columns = 80}), whole) << "to a file";
+  const std::pair<unsigned, const char*> lines[] = {
+      {130,
+       "2023-11-14 22:13:20  uuuuuuuuuuuuuuuuuuuuuuuuuuuuuu  Login Fail  0  "
+       "2001:db8:1234:5678:9abc:def0:1234:5678    1 h 01 min  0 B  0 B\n"},
+      {116,
+       "2023-11-14 22:13:20  uuuuuuuuuuuuuuu\u2026  Login Fail  0  "
+       "2001:db8:1234:5678:9abc:def0:1234:5678    1 h 01 min  0 B  0 B\n"},
+      {98,
+       "2023-11-14  uuuuuuuuuuuuuuu\u2026  Login Fail  0  "
+       "2001:db8:1234:5678:9abc:def0:1234:5678    1h01m  0  0\n"},
+      {72, "2023-11-14  uuuuuuu\u2026  Login Fail  2001:db8:1234:5678:9abc:def0:1234:5678\n"},
+  };
+  for (const auto& [columns, line] : lines) {
+    EXPECT_EQ(written("table", {.heading = false, .terminal = true, .columns = columns}), line);
+  }
+  EXPECT_EQ(written("table", {.heading = false,
+                              .terminal = true,
+                              .columns = 1,
+                              .utf8 = false,
+                              .color = true,
+                              .chosen = {"user", "action"}}),
+            "uuuuuuu~  \x1b[31mLogin Fail\x1b[0m\n");
   record = {};
   zorv::copy_text(record.username, "\x1b[2J\r,x");
   EXPECT_EQ(written("csv", {.heading = false, .terminal = true}),
             "0,\"\\x1b[2J\\r,x\",0,0,0,,,,0,0,0,0,,0\r\n");
+}
+
+TEST(Terminal, SaysAnewWhichColumnsThereAre) {
+  std::string out;
+  const auto writer = find_format("table")->make_writer(
+      {zorv::kServerLog.fields, {.terminal = true, .columns = 80}}, &out);
+  db_conn_server_log record{};
+  for (const char* source : {"::1", "::2", "2001:db8:1234:5678:9abc:def0:1234:5678", "::3"}) {
+    zorv::copy_text(record.source_ip, source);
+    writer->add(&record);
+    writer->end_page();
+  }
+  std::string headings;
+  for (const std::string& line : harness::lines_of(out)) {
+    headings += line.starts_with("TIME") ? line.substr(line.rfind(' ') + 1) + "|" : ".";
+  }
+  EXPECT_EQ(headings, "RECEIVED|..VPN-IP|..");
 }
 
 }  // namespace

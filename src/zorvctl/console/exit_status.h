@@ -34,7 +34,16 @@ void complain(fmt::format_string<Args...> format, Args&&... args) {
 // Why output got lost, the first time: main says so at the end, for every verb.
 inline int output_error = 0;
 
+// Standard output goes to a pager; and its user has seen enough, which is no failure.
+inline bool output_is_paged = false;
+inline bool output_unwanted = false;
+
 inline bool note_output(bool written) {
+  if (!written && output_is_paged && errno == EPIPE) {
+    output_unwanted = true;
+    std::clearerr(stdout);
+    return true;
+  }
   if (!written && output_error == 0) {
     output_error = errno;
   }

@@ -38,8 +38,11 @@ bool is_wanted(const zorv::TableSchema& table, const RecordQuery& query, const v
       return false;
     }
   }
-  return std::all_of(query.filters.begin(), query.filters.end(),
-                     [row](const Filter& filter) { return filter.matches(row); });
+  std::vector<const Filter*> filters;
+  for (const Filter& filter : query.filters) {
+    filters.push_back(&filter);
+  }
+  return match(filters, row);
 }
 
 std::optional<unsigned long long> rows_before(const ListOptions& options,

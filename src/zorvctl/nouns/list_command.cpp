@@ -1,3 +1,4 @@
+#include <unistd.h>
 #include <CLI/CLI.hpp>
 
 #include <memory>
@@ -10,7 +11,9 @@
 #include "list_options.h"
 #include "listed_table.h"
 #include "output_options.h"
+#include "pager.h"
 #include "record_query.h"
+#include "value_text.h"
 
 namespace zorvctl {
 namespace {
@@ -37,11 +40,13 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   const Format& format = *find_format(options.output);
   std::string out;
   const auto writer = format.make_writer({table.fields, output_style(options)}, &out);
+  const bool to_terminal = isatty(STDOUT_FILENO) == 1;
+  Pager pager(wants_pager(options));
   bool printed = true;
   QueryEvents events;
   events.on_record = [&](const void* record) {
     writer->add(record);
-    return true;
+    return !output_unwanted;
   };
   Progress progress;
   events.on_wait = progress;
@@ -54,10 +59,11 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   QueryResult result;
   const int status = run_query(table, query, events, &result);
   progress.clear();
+  pager.wait();
   if (!flush_output() || !printed) {
     return kFailed;
   }
-  if (result.more && !options.quiet) {
+  if (result.more && to_terminal && !options.has_limit && !options.quiet) {
     complain("there are more {} than these {}: -n 0 shows all", table.plural, options.limit);
   }
   return report_status(status, fmt::format("list the {}", table.plural));
@@ -69,17 +75,22 @@ std::string list_footer(const zorv::TableSchema& table) {
   }
   return fmt::format(
       "{0}\n"
-      "VALUE is what the field must equal; codes have names, times and durations are understood\n"
-      "as with --since. A time is 2026-11-21, \"2026-11-21 04:10\", 04:10, today, yesterday, 2h, "
-      "7d\n"
-      "(that long ago) or @1795234206; a date alone means its 00:00.\n"
-      "Only the newest 100000 {1} can be shown.\n\n"
+      "They may also be called what json calls them; tables show the first ones, -o wide all.\n\n"
+      "FILTER is a field, one of = != < <= > >= ~ !~, and a value. Several of one field with = or "
+      "~\n"
+      "are alternatives; all others must hold. Codes have names, times are understood as with\n"
+      "--since, and time={5} is that whole day. A text may end with * for any rest (\\* is\n"
+      "a star), an address be a network such as 192.0.2.0/24; ~ finds a regular expression.\n\n"
+      "A time is {5}, \"{5} 04:10\", 04:10, today, yesterday, Mon, now, 2h, \"7d ago\"\n"
+      "(that long ago), +2h or @1795234206; behind a date or time may stand a zone: UTC, +02:00,\n"
+      "Europe/Berlin. A date alone means its 00:00. Only the newest 100000 {1} can be shown.\n\n"
       "Examples:\n"
       "  zorvctl {2} list -n 0 -S yesterday -o csv\n"
-      "  zorvctl {2} list {3}=alice -j\n"
+      "  zorvctl {2} list {3}=alice {3}=bob -j\n"
+      "  zorvctl {2} list '{3}~^al' '{4}>=-1h' -o wide\n"
       "  zorvctl {2} list --sort {4} -r -n 10",
-      wrapped("Fields: " + field_names(table) + "."), table.plural, table.noun,
-      table.find("username") != nullptr ? "username" : "user_id", table.time->name);
+      wrapped("Fields: " + field_names(table) + "."), table.plural, table.noun, "user",
+      typed_name(*table.time), "2026-11-21");
 }
 
 }  // namespace
@@ -89,12 +100,12 @@ void add_list_verb(CLI::App& noun, const zorv::TableSchema& stored, Run* run) {
   auto options = std::make_shared<ListOptions>();
   CLI::App* verb =
       noun.add_subcommand("list", fmt::format("Show {}, the newest first", table.plural));
-  add_output_options(*verb, options.get());
-  verb->add_option(
-          "-n,--limit", options->limit,
-          fmt::format("At most N {} ({} if not given, 0 for all)", table.plural, kDefaultLimit))
-      ->transform(decimal())
-      ->type_name("N");
+  add_output_options(*verb, options.get(), table.fields);
+  CLI::Option* limit = verb->add_option("-n,--limit", options->limit,
+                                        fmt::format("At most N {} ({} if not given, 0 for all)",
+                                                    table.plural, kDefaultLimit))
+                           ->transform(decimal())
+                           ->type_name("N");
   verb->add_option("--offset", options->offset, "Leave out the first N")
       ->transform(decimal())
       ->type_name("N");
@@ -102,8 +113,8 @@ void add_list_verb(CLI::App& noun, const zorv::TableSchema& stored, Run* run) {
   if (!table.fields.empty()) {
     verb->add_option("--sort", given(options->sort), "Order by this field, the smallest first")
         ->type_name("FIELD");
-    verb->add_option("filters", options->filters, "Only those where FIELD equals VALUE")
-        ->type_name("FIELD=VALUE");
+    verb->add_option("filters", options->filters, "Only those that are so: FIELD=VALUE, ...")
+        ->type_name("FILTER");
   }
   if (table.time != nullptr) {
     verb->add_option("-S,--since", given(options->since), "Only from this time on")
@@ -116,7 +127,8 @@ void add_list_verb(CLI::App& noun, const zorv::TableSchema& stored, Run* run) {
   const bool is_block = &stored == &zorv::kUserBlock;
   const auto following = table.fields.empty() ? std::make_shared<FollowOptions>()
                                               : add_follow_options(*verb, !is_block);
-  verb->callback([&table, options, following, is_block, run] {
+  verb->callback([&table, options, limit, following, is_block, run] {
+    options->has_limit = limit->count() != 0;
     *run = [&table, options, following, is_block] {
       if (!following->is_asked()) {
         return list_records(table, *options);

@@ -6,6 +6,15 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "display_text.h"
+#include "exit_status.h"
+#include "value_text.h"
+#include "whole_number.h"
+
 namespace zorvctl {
 namespace {
 
@@ -32,17 +41,82 @@ CLI::Validator output_format() {
           ""};
 }
 
+// Once the whole line was read.
+void complain_of_pairs(const OutputOptions& options) {
+  if (options.readable && options.output != "csv") {
+    throw CLI::ValidationError("--readable", "goes with -o csv only");
+  }
+}
+
+std::vector<std::string> split(const std::string& words) {
+  std::vector<std::string> names;
+  std::istringstream stream(words + ",");
+  for (std::string name; std::getline(stream, name, ',');) {
+    names.push_back(name);
+  }
+  return names;
+}
+
+CLI::Validator column_names(std::span<const zorv::Field> fields) {
+  return {[=](std::string& text) -> std::string {
+            for (const std::string& name : split(text)) {
+              if (field_called(fields, name) == nullptr) {
+                return fmt::format("'{}' is none of {}", name, field_names(fields));
+              }
+            }
+            return "";
+          },
+          ""};
+}
+
+bool wants_color(const OutputOptions& options) {
+  if (options.color != "auto") {
+    return options.color == "always";
+  }
+  const char* const no_color = std::getenv("NO_COLOR");
+  const char* const terminal = std::getenv("TERM");
+  return isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0') &&
+         terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
+}
+
+// As a shell that was told of it says, or the terminal itself.
+unsigned terminal_columns() {
+  constexpr unsigned kUsual = 80;
+  const char* const told = std::getenv("COLUMNS");
+  unsigned columns = 0;
+  if (told != nullptr && whole_number(told, &columns) && columns != 0) {
+    return columns;
+  }
+  winsize size{};
+  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
+  return known ? size.ws_col : kUsual;
+}
+
 }  // namespace
 
-void add_output_options(CLI::App& verb, OutputOptions* options) {
+void add_output_options(CLI::App& verb, OutputOptions* options,
+                        std::span<const zorv::Field> fields) {
   options->output = kFormats.front()->name;
   verb.add_option("-o,--output", options->output, format_names(true))
       ->check(output_format())
       ->type_name("FORMAT");
   verb.add_flag_callback(
       "-j,--json", [options] { options->output = "json"; }, "The same as -o json");
+  if (!fields.empty()) {
+    verb.add_option_function<std::string>(
+            "--columns", [options](const std::string& words) { options->columns = split(words); },
+            "These fields, in this order")
+        ->check(column_names(fields))
+        ->type_name("FIELD,...");
+  }
+  verb.add_flag("--readable", options->readable, "csv for people: words, local times, units");
   verb.add_flag("--utc", options->utc, "Times, shown and given, are in UTC");
+  verb.add_option("--color", options->color, "auto (on a terminal), always or never")
+      ->check(CLI::IsMember({"auto", "always", "never"}))
+      ->type_name("WHEN");
+  verb.add_flag("--no-pager", options->no_pager, "Not through a pager, which a terminal has");
   verb.add_flag("-q,--quiet", options->quiet, "No heading, and no word about further records");
+  verb.parse_complete_callback([options] { complain_of_pairs(*options); });
 }
 
 Style output_style(const OutputOptions& options) {
@@ -50,11 +124,16 @@ Style output_style(const OutputOptions& options) {
   style.zone = options.zone();
   style.heading = !options.quiet;
   style.terminal = isatty(STDOUT_FILENO) == 1;
-  winsize size{};
-  if (style.terminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0) {
-    style.columns = size.ws_col;
-  }
+  style.columns = style.terminal ? terminal_columns() : 0;
+  style.utf8 = is_utf8_locale();
+  style.color = wants_color(options);
+  style.readable = options.readable;
+  style.chosen = options.columns;
   return style;
+}
+
+bool wants_pager(const OutputOptions& options) {
+  return !options.no_pager && isatty(STDOUT_FILENO) == 1;
 }
 
 // Keeps an option's text, also an empty one, which is a wrong value and not a missing option.
@@ -65,9 +144,9 @@ CLI::callback_t given(std::optional<std::string>& target) {
   };
 }
 
-void Progress::operator()(unsigned long long read, unsigned long long total) {
-  if (isatty(STDERR_FILENO) == 1) {
-    fmt::print(stderr, "\r{} of {} read", read, total);
+void Progress::operator()(unsigned long long done, unsigned long long total) {
+  if (isatty(STDERR_FILENO) == 1 && !output_is_paged) {
+    fmt::print(stderr, "\r{} of {} {}", done, total, verb_);
     is_shown_ = true;
   }
 }

@@ -11,23 +11,29 @@
 
 namespace zorvctl {
 
-// -o, -j, --utc and -q. `options` outlives the parser.
-void add_output_options(CLI::App& verb, OutputOptions* options);
+// -o, -j, --utc, -q and what else says how records look. `options` outlives the parser. Where the
+// fields are named, --columns chooses among them.
+void add_output_options(CLI::App& verb, OutputOptions* options,
+                        std::span<const zorv::Field> fields = {});
 
-// For the standard output, a terminal or not.
+// For the standard output, a terminal or not. Asked before a pager takes its place.
 Style output_style(const OutputOptions& options);
+
+// Whether a pager would show it: on a terminal, unless told not to.
+bool wants_pager(const OutputOptions& options);
 
 // Keeps an option's text, also an empty one, which is a wrong value and not a missing option.
 CLI::callback_t given(std::optional<std::string>& target);
 
-// How far a long fetch has come, on the last line of a terminal.
+// How far something long has come, on the last line of a terminal: "2000 of 5000 read".
 class Progress {
  public:
-  Progress() = default;
-  void operator()(unsigned long long read, unsigned long long total);
+  explicit Progress(const char* verb = "read") : verb_(verb) {}
+  void operator()(unsigned long long done, unsigned long long total);
   void clear();
 
  private:
+  const char* verb_;
   bool is_shown_ = false;
 };
 

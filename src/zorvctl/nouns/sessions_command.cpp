@@ -13,6 +13,7 @@
 #include "follow_wait.h"
 #include "new_rows.h"
 #include "output_options.h"
+#include "pager.h"
 #include "record_query.h"
 #include "sessions.h"
 
@@ -41,16 +42,16 @@ constexpr zorv::CodeWord kStates[] = {{kConnected, "still connected"},
                                       {kNoLogin, "login not recorded"}};
 
 constexpr zorv::Field kFields[] = {
-    zorv::field<&SessionRow::username>("username", "USER", Meaning::text),
-    zorv::code<&SessionRow::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols),
-    zorv::field<&SessionRow::source_ip>("source_ip", "SOURCE", Meaning::text),
-    zorv::field<&SessionRow::vpn_ip>("vpn_ip", "VPN IP", Meaning::text),
-    zorv::field<&SessionRow::start>("start", "START", Meaning::time),
-    zorv::field<&SessionRow::uptime>("uptime", "DURATION", Meaning::seconds),
-    zorv::field<&SessionRow::tx_total>("tx_total", "SENT", Meaning::bytes),
-    zorv::field<&SessionRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
-    zorv::field<&SessionRow::end>("end", "END", Meaning::time),
-    zorv::code<&SessionRow::state>("state", "STATE", kStates),
+    zorv::field<&SessionRow::username>("username", "USER", Meaning::text, {1, 0}),
+    zorv::code<&SessionRow::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols, {2, 5}),
+    zorv::field<&SessionRow::source_ip>("source_ip", "SOURCE", Meaning::address, {3, 2}),
+    zorv::field<&SessionRow::vpn_ip>("vpn_ip", "VPN-IP", Meaning::address, {4, 4}),
+    zorv::field<&SessionRow::start>("start", "START", Meaning::time, {5, 0}),
+    zorv::field<&SessionRow::uptime>("uptime", "DURATION", Meaning::seconds, {6, 6}),
+    zorv::field<&SessionRow::tx_total>("tx_total", "SENT", Meaning::bytes, {7, 7}),
+    zorv::field<&SessionRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes, {8, 8}),
+    zorv::field<&SessionRow::end>("end", "END", Meaning::time, {9, 3}),
+    zorv::code<&SessionRow::state>("state", "STATE", kStates, {10, 0}),
 };
 
 SessionRow row_of(const Session& session, uint64_t now) {
@@ -108,6 +109,7 @@ int show_sessions(const SessionOptions& options) {
   std::string out;
   const auto writer =
       find_format(options.output)->make_writer({kFields, output_style(options)}, &out);
+  Pager pager(wants_pager(options));
   const auto now = static_cast<uint64_t>(std::time(nullptr));
   unsigned long long shown = 0;
   for (const Session& session : joiner.newest_first()) {
@@ -183,7 +185,7 @@ void add_sessions_noun(CLI::App& program, Run* run) {
       noun->add_option("-n,--limit", options->limit, "At most N sessions (0, all, if not given)")
           ->transform(decimal())
           ->type_name("N");
-  add_output_options(*noun, options.get());
+  add_output_options(*noun, options.get(), kFields);
   noun->footer(
       "A session without a logout is still connected, or broken off where a later login has its\n"
       "address in the tunnel or its interface. One whose login is not in the log any more, or\n"

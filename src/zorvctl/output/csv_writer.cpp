@@ -1,4 +1,5 @@
-// RFC 4180: a line of names, fields quoted where they need it, lines ended with CR LF.
+// RFC 4180: a line of names, fields quoted where they need it, lines ended with CR LF. A text that
+// a spreadsheet would take for a formula has an apostrophe in front.
 #include "display_text.h"
 #include "record_writer.h"
 #include "value_text.h"
@@ -9,30 +10,36 @@ namespace {
 class CsvWriter : public RecordWriter {
  public:
   CsvWriter(const Shown& shown, std::string* out)
-      : fields_(shown.fields), terminal_(shown.style.terminal), out_(out) {
-    if (!shown.style.heading || fields_.empty()) {
+      : fields_(chosen_fields(shown)), style_(shown.style), out_(out) {
+    if (!style_.heading || fields_.empty()) {
       return;
     }
-    for (const zorv::Field& field : fields_) {
-      put(field.name, &field == &fields_.front());
+    for (const zorv::Field* field : fields_) {
+      put(field->name, field == fields_.front());
     }
     *out_ += "\r\n";
   }
 
   void add(const void* record) override {
-    for (const zorv::Field& field : fields_) {
-      const FieldValue value = get(field, record);
-      const bool first = &field == &fields_.front();
-      if (const auto* text = std::get_if<std::string_view>(&value)) {
-        put(terminal_ ? display_text(*text) : *text, first);
-      } else {
-        put(number_digits(value), first);
-      }
+    for (const zorv::Field* field : fields_) {
+      put(cell(*field, get(*field, record)), field == fields_.front());
     }
     *out_ += "\r\n";
   }
 
  private:
+  std::string cell(const zorv::Field& field, const FieldValue& value) const {
+    const auto* text = std::get_if<std::string_view>(&value);
+    if (text == nullptr) {
+      return style_.readable ? shown_value(field, value, style_.zone, Form::iso)
+                             : number_digits(value);
+    }
+    constexpr std::string_view kFormula = "=+-@\t\r";
+    const bool is_formula =
+        !text->empty() && kFormula.find(text->front()) != std::string_view::npos;
+    return (is_formula ? "'" : "") + (style_.terminal ? display_text(*text) : std::string(*text));
+  }
+
   void put(std::string_view text, bool first) {
     if (!first) {
       *out_ += ',';
@@ -51,8 +58,8 @@ class CsvWriter : public RecordWriter {
     *out_ += '"';
   }
 
-  std::span<const zorv::Field> fields_;
-  bool terminal_;
+  std::vector<const zorv::Field*> fields_;
+  Style style_;
   std::string* out_;
 };
 

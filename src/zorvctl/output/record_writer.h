@@ -8,6 +8,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "time_argument.h"
 #include "zorv_schema.h"
@@ -17,16 +18,24 @@ namespace zorvctl {
 struct Style {
   Zone zone = Zone::local;
   bool heading = true;  // of tables and CSV
-  // To a terminal: CSV shows control characters escaped instead of raw, and tables are cut to
-  // `columns` columns, 0 for any width.
+  // To a terminal: CSV shows control characters escaped instead of raw, and a row of a table takes
+  // at most `columns` columns, 0 for any width.
   bool terminal = false;
   unsigned columns = 0;
+  bool utf8 = true;       // what the terminal shows
+  bool color = false;     // of tables
+  bool readable = false;  // CSV for people: words, and times and amounts as in tables
+  // Fields by name; none: the format's own.
+  std::vector<std::string> chosen = {};
 };
 
 struct Shown {
   std::span<const zorv::Field> fields;
   Style style;
 };
+
+// What JSON and CSV show of a record.
+std::vector<const zorv::Field*> chosen_fields(const Shown& shown);
 
 class RecordWriter {
  public:

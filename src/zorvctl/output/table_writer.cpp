@@ -1,8 +1,10 @@
+// Lines of columns for people. On a terminal a row is one line: short forms take the place of the
+// full ones, texts are cut and columns left out until it fits, as column_fit.h says.
 #include <algorithm>
-#include <numeric>
 #include <utility>
 #include <vector>
 
+#include "column_fit.h"
 #include "display_text.h"
 #include "record_writer.h"
 #include "value_text.h"
@@ -10,45 +12,78 @@
 namespace zorvctl {
 namespace {
 
-constexpr std::string_view kGap = "  ";
-constexpr std::string_view kCut = "\xE2\x80\xA6";  // an ellipsis, one column wide
-constexpr unsigned kNarrowest = 8;                 // a text is cut to no less
+constexpr unsigned kNarrowest = 8;  // a text is cut to no less
+constexpr std::string_view kRed = "\x1b[31m";
+constexpr std::string_view kPlain = "\x1b[0m";
 
 bool is_amount(Meaning meaning) {
   return meaning == Meaning::number || meaning == Meaning::bytes || meaning == Meaning::seconds;
 }
 
+bool is_failure(const zorv::Field& field, const FieldValue& value) {
+  return std::any_of(field.words.begin(), field.words.end(), [&](const zorv::CodeWord& word) {
+    return word.is_failure && (value == FieldValue(record_int64{word.code}) ||
+                               value == FieldValue(std::string_view(word.word)));
+  });
+}
+
+struct Cell {
+  std::string full;
+  std::string compact;
+  bool is_failure = false;
+};
+
+struct Column {
+  const zorv::Field* field;
+  std::string heading;
+  bool right;  // aligned
+  ColumnNeed need;
+};
+
+template <bool is_wide>
 class TableWriter : public RecordWriter {
  public:
   TableWriter(const Shown& shown, std::string* out) : style_(shown.style), out_(out) {
-    for (const zorv::Field& field : shown.fields) {
-      if (field.heading != nullptr) {
-        shown_.push_back(&field);
-        add_heading(field.heading, is_amount(field.meaning), field.is_text());
+    if (!style_.chosen.empty()) {
+      for (const zorv::Field* field : chosen_fields(shown)) {
+        add_column(*field);
       }
+    } else {
+      add_own_columns(shown.fields);
     }
   }
 
   void add(const void* record) override {
-    std::vector<std::string> row;
-    row.reserve(layout_.size());
-    for (const zorv::Field* field : shown_) {
-      row.push_back(shown_value(*field, get(*field, record), style_.zone));
-    }
-    for (size_t index = 0; index < row.size(); ++index) {
-      layout_[index].width = std::max(layout_[index].width, display_width(row[index]));
+    std::vector<Cell> row;
+    row.reserve(columns_.size());
+    for (Column& column : columns_) {
+      Cell& cell = row.emplace_back(cell_of(column, record));
+      ColumnNeed& need = column.need;
+      need.full = std::max(need.full, display_width(cell.full));
+      need.compact = std::max(need.compact, display_width(cell.compact));
+      const bool is_cutable = column.field->meaning == Meaning::text;
+      need.narrowest = is_cutable ? std::min(kNarrowest, need.compact) : need.compact;
     }
     rows_.push_back(std::move(row));
   }
 
   void end_page() override {
-    if (layout_.empty()) {
+    if (columns_.empty()) {
       return;
     }
-    fit_terminal();
-    if (style_.heading && !heading_put_) {
+    ColumnFit fit = fit_of_page();
+    const bool same_columns =
+        fit.is_compact == fit_.is_compact &&
+        std::equal(fit.widths.begin(), fit.widths.end(), fit_.widths.begin(), fit_.widths.end(),
+                   [](const auto& one, const auto& other) { return !one == !other; });
+    fit_ = std::move(fit);
+    if (style_.heading && (!heading_put_ || !same_columns)) {
       heading_put_ = true;
-      put_row(headings_);
+      std::vector<Cell> headings;
+      for (const Column& column : columns_) {
+        headings.push_back({column.heading, column.heading});
+      }
+      put_row(headings);
     }
     for (const auto& row : rows_) {
       put_row(row);
@@ -57,74 +92,97 @@ class TableWriter : public RecordWriter {
   }
 
  private:
-  struct Layout {
-    unsigned width;
-    bool right;    // aligned
-    bool cutable;  // when the terminal is too narrow
-  };
-
-  void add_heading(const std::string& heading, bool right, bool cutable) {
-    layout_.push_back({style_.heading ? display_width(heading) : 0, right, cutable});
-    headings_.push_back(heading);
-  }
-
-  // Takes what the terminal lacks from the widest texts.
-  void fit_terminal() {
-    if (!style_.terminal || style_.columns == 0) {
-      return;
+  void add_own_columns(std::span<const zorv::Field> fields) {
+    const auto main = main_fields(fields);
+    for (const zorv::Field* field : main) {
+      add_column(*field);
     }
-    while (true) {
-      const auto total =
-          std::accumulate(layout_.begin(), layout_.end(), (layout_.size() - 1) * kGap.size(),
-                          [](size_t sum, const Layout& layout) { return sum + layout.width; });
-      Layout* widest = nullptr;
-      for (Layout& layout : layout_) {
-        if (layout.cutable && (widest == nullptr || layout.width > widest->width)) {
-          widest = &layout;
-        }
+    for (const zorv::Field& field : fields) {
+      if (is_wide && field.heading != nullptr &&
+          std::find(main.begin(), main.end(), &field) == main.end()) {
+        add_column(field);
       }
-      if (total <= style_.columns || widest == nullptr || widest->width <= kNarrowest) {
-        return;
-      }
-      --widest->width;
     }
   }
 
-  void put_row(const std::vector<std::string>& row) {
+  void add_column(const zorv::Field& field) {
+    std::string heading = heading_of(field);
+    const unsigned width = style_.heading ? display_width(heading) : 0;
+    const int spare = style_.chosen.empty() ? field.place.spare : 0;
+    columns_.push_back(
+        {&field, std::move(heading), is_amount(field.meaning), {width, width, width, spare}});
+  }
+
+  Cell cell_of(const Column& column, const void* record) const {
+    const FieldValue value = get(*column.field, record);
+    const std::string full = shown_on_screen(column, value, Form::full);
+    return {full, has_limit() ? shown_on_screen(column, value, Form::compact) : full,
+            is_failure(*column.field, value)};
+  }
+
+  std::string shown_on_screen(const Column& column, const FieldValue& value, Form form) const {
+    const std::string text = shown_value(*column.field, value, style_.zone, form);
+    return style_.terminal && !style_.utf8 ? ascii_text(text) : text;
+  }
+
+  bool has_limit() const { return !is_wide && style_.terminal && style_.columns != 0; }
+
+  ColumnFit fit_of_page() const {
+    std::vector<ColumnNeed> needs;
+    ColumnFit fit;
+    for (const Column& column : columns_) {
+      needs.push_back(column.need);
+      fit.widths.emplace_back(column.need.full);
+    }
+    return has_limit() ? fit_columns(needs, style_.columns) : fit;
+  }
+
+  // To at least one column.
+  std::string cut(std::string_view text, unsigned width) const {
+    const std::string_view mark = style_.utf8 ? "\xE2\x80\xA6" : "~";  // one column wide
+    return std::string(front_of_columns(text, width - 1)) += mark;
+  }
+
+  void put_row(const std::vector<Cell>& row) {
     std::string line;
+    size_t blanks = 0;  // in front of what comes next; none at the end
     for (size_t index = 0; index < row.size(); ++index) {
-      const Layout& layout = layout_[index];
-      std::string_view text = row[index];
-      std::string cut;
-      if (display_width(text) > layout.width) {
-        cut = front_of_columns(text, layout.width - 1);
-        cut += kCut;
-        text = cut;
+      if (!fit_.widths[index]) {
+        continue;
       }
-      const std::string blanks(layout.width - std::min(layout.width, display_width(text)), ' ');
-      if (index != 0) {
-        line += kGap;
+      const unsigned width = *fit_.widths[index];
+      const Cell& cell = row[index];
+      std::string text = fit_.is_compact ? cell.compact : cell.full;
+      if (display_width(text) > width) {
+        text = cut(text, width);
       }
-      line += layout.right ? blanks : "";
-      line += text;
-      line += layout.right ? "" : blanks;
+      const size_t missing = width - std::min(width, display_width(text));
+      if (!text.empty()) {
+        line.append(blanks + (columns_[index].right ? missing : 0), ' ');
+        blanks = columns_[index].right ? 0 : missing;
+        line +=
+            style_.color && cell.is_failure ? std::string(kRed) + text + std::string(kPlain) : text;
+      } else {
+        blanks += missing;
+      }
+      blanks += kColumnGap;
     }
-    line.erase(line.find_last_not_of(' ') + 1);
     *out_ += line;
     *out_ += '\n';
   }
 
-  std::vector<const zorv::Field*> shown_;
-  std::vector<std::string> headings_;
-  std::vector<Layout> layout_;
-  std::vector<std::vector<std::string>> rows_;
   Style style_;
+  std::vector<Column> columns_;
+  std::vector<std::vector<Cell>> rows_;
+  ColumnFit fit_;
   std::string* out_;
   bool heading_put_ = false;
 };
 
 }  // namespace
 
-extern const Format kTableFormat = {"table", "", make_writer_of<TableWriter>};
+extern const Format kTableFormat = {"table", "", make_writer_of<TableWriter<false>>};
+extern const Format kWideFormat = {"wide", "a table of all columns",
+                                   make_writer_of<TableWriter<true>>};
 
 }  // namespace zorvctl
