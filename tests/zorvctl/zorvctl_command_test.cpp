@@ -38,8 +38,8 @@ TEST(Answers, EndWithAStatusAndASentenceEach) {
       {KX_IS_BUSY, 3, "the daemon is too busy\n"},
       {KX_IS_INVALID, 1, "the daemon does not know this request\n"},
   };
-  for (const char* words :
-       {"uuid new", "block check alice", "session list", "device add", "client-log clean --all"}) {
+  for (const char* words : {"uuid new", "block check alice", "session list", "device add --mac=m",
+                            "client-log clean --all"}) {
     for (const auto& one : cases) {
       const RawSocket listener = RawSocket::listening(kZorvdAddress);
       std::thread daemon([&] {

@@ -9,6 +9,7 @@
 #include "delete_records.h"
 #include "display_text.h"
 #include "exit_status.h"
+#include "output_options.h"
 #include "table_facts.h"
 #include "table_look.h"
 #include "value_text.h"
@@ -111,8 +112,12 @@ const char* caution(const zorv::TableSchema& table) {
            "delete\nafter a clean, fails and may lose the whole list.";
   }
   if (deletes_are_linked(table)) {
-    return "Until zorvd is restarted, a delete after a clean deletes EVERY record, which it says "
-           "and ends\nwith 1, and a clean after a delete deletes none.";
+    return "\"clean\" deletes one by one. With --force the daemon deletes all at once; until it "
+           "is\n"
+           "restarted, a delete then deletes EVERY record, which it says and ends with 1, and "
+           "after\n"
+           "a delete such a clean deletes none. A delete that may be the one after such a clean "
+           "needs\n--force.";
   }
   return "";
 }
@@ -132,12 +137,19 @@ int clean_records(const zorv::TableSchema& table) {
   }
   // Newer ones came after the clean.
   if (status == kDone && oldest.id && newest.id && *oldest.id <= *newest.id) {
-    complain("cannot {}: {} are still there{}, the daemon's log says why", what, table.plural,
-             deletes_are_linked(table)
-                 ? ": after a delete, a clean does nothing until zorvd is restarted; without one"
-                 : "");
+    complain("cannot {}: {} are still there: {}the daemon's log says why", what, table.plural,
+             deletes_are_linked(table) ? "after a delete, a clean with --force does nothing until "
+                                         "zorvd is restarted; otherwise "
+                                       : "");
     return kFailed;
   }
+  return status;
+}
+
+int clean_slowly(const zorv::TableSchema& table) {
+  Progress progress("deleted");
+  const int status = clean_one_by_one(table, std::ref(progress));
+  progress.clear();
   return status;
 }
 
@@ -153,6 +165,7 @@ void add_add_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
           value_hint(field) + (&field == table.time ? "; now if not given" : "");
       options->push_back({&field, verb->add_option(option_name(field), hint)
                                       ->type_name(field.is_text() ? "TEXT" : "VALUE")
+                                      ->required(&field == table.needed)
                                       ->expected(1)});
     }
   }
@@ -164,19 +177,23 @@ void add_add_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
 void add_delete_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
   CLI::App* verb = noun.add_subcommand("delete", fmt::format("Delete {} by id", table.plural));
   auto words = std::make_shared<std::vector<std::string>>();
-  auto quiet = std::make_shared<bool>(false);
-  verb->add_flag("-q,--quiet", *quiet, "No word about ids that are not there");
-  CLI::Option* id_words =
-      verb->add_option("ids", *words, "Ids, as \"list\" shows them")->required()->type_name("ID");
+  auto options = std::make_shared<DeleteOptions>();
+  verb->add_flag("-q,--quiet", options->quiet, "No word about ids that are not there");
+  if (deletes_are_linked(table)) {
+    verb->add_flag("--force", options->force, "Also where that may delete all of them");
+  }
+  CLI::Option* id_words = verb->add_option("ids", *words, "Ids, as \"list -o wide\" shows them")
+                              ->required()
+                              ->type_name("ID");
   if (deletes_once(table)) {
     id_words->expected(1);
   }
   verb->footer(caution(table));
-  verb->callback([&table, words, quiet, run] {
-    *run = [&table, words, quiet] {
+  verb->callback([&table, words, options, run] {
+    *run = [&table, words, options] {
       std::vector<record_int64> ids;
       const int status = read_ids(table, *words, &ids);
-      return status == kDone ? delete_records(table, ids, *quiet) : status;
+      return status == kDone ? delete_records(table, ids, *options) : status;
     };
   });
 }
@@ -185,14 +202,18 @@ void add_clean_verb(CLI::App& noun, const zorv::TableSchema& table, Run* run) {
   CLI::App* verb = noun.add_subcommand("clean", fmt::format("Delete all {}", table.plural));
   auto all = std::make_shared<bool>(false);
   verb->add_flag("--all", *all, "Say that all are meant: without it nothing is deleted");
+  auto force = std::make_shared<bool>(false);
+  if (deletes_are_linked(table)) {
+    verb->add_flag("--force", *force, "All at once, whatever that makes of a later delete");
+  }
   verb->footer(caution(table));
-  verb->callback([&table, all, run] {
-    *run = [&table, all] {
+  verb->callback([&table, all, force, run] {
+    *run = [&table, all, force] {
       if (!*all) {
         complain("clean deletes all {}: say --all if that is meant", table.plural);
         return static_cast<int>(kUsage);
       }
-      return clean_records(table);
+      return deletes_are_linked(table) && !*force ? clean_slowly(table) : clean_records(table);
     };
   });
 }

@@ -5,6 +5,7 @@
 
 #include "daemon_answer.h"
 #include "exit_status.h"
+#include "table_facts.h"
 #include "table_look.h"
 #include "zorv_calls.h"
 
@@ -13,11 +14,14 @@ namespace {
 
 using Ids = std::set<record_int64>;
 
+constexpr record_int64 kFirstId = 1;
+
 class Deletion {
  public:
-  explicit Deletion(const zorv::TableSchema& table) : table_(table) {}
+  Deletion(const zorv::TableSchema& table, const DeleteOptions& options)
+      : table_(table), options_(options) {}
 
-  int run(const std::vector<record_int64>& ids, bool quiet) {
+  int run(const std::vector<record_int64>& ids) {
     if (const int status = look_or_complain(table_, what_, before_); status != kDone) {
       return status;
     }
@@ -30,7 +34,7 @@ class Deletion {
       // Rows older than those that can be shown are deleted unseen. For others that are not there
       // nothing is asked: a delete may cost more than its row.
       if (there.erase(id) == 0 && before_.total < kMostRowsShown) {
-        if (!quiet) {
+        if (!options_.quiet) {
           complain("there is no {} in {}", id, table_.noun);
         }
         continue;
@@ -48,12 +52,35 @@ class Deletion {
 
   int remove(record_int64 id) {
     name(id);
+    if (const int status = deleted_.empty() ? refuse_risk() : kDone; status != kDone) {
+      return status;
+    }
     if (const int status = report(zorv_api::remove(table_, id)); status != kDone) {
       return status;
     }
     deleted_.insert(id);
     // The first one shows whether a delete takes more than it should.
     return deleted_.size() == 1 ? check() : kDone;
+  }
+
+  // After a clean a delete empties the table. Ids are never given twice, so where the first row is
+  // still there, there was none; otherwise nobody knows.
+  int refuse_risk() const {
+    if (!deletes_are_linked(table_) || options_.force) {
+      return kDone;
+    }
+    TableLook oldest;
+    if (const int status = look_or_complain(table_, what_, oldest, upwards()); status != kDone) {
+      return status;
+    }
+    if (oldest.id == kFirstId && oldest.total < kMostRowsShown) {
+      return kDone;
+    }
+    complain(
+        "cannot {}: the first {} are gone; if a clean took them since zorvd was started, a delete "
+        "takes all others, too: say --force if that may be",
+        what_, table_.plural);
+    return kFailed;
   }
 
   // kFailed after a complaint where a row is left that was deleted, or none of those that were not.
@@ -130,16 +157,64 @@ class Deletion {
   }
 
   const zorv::TableSchema& table_;
+  DeleteOptions options_;
   std::string what_ = fmt::format("delete from {}", table_.noun);
   TableLook before_;
   Ids deleted_;
 };
 
+// From the oldest on.
+int read_ids(const zorv::TableSchema& table, std::vector<record_int64>* ret_ids) {
+  QueryEvents events;
+  events.on_record = [&](const void* record) {
+    ret_ids->push_back(std::get<record_int64>(get(table.fields[0], record)));
+    return true;
+  };
+  return run_query(table, upwards(), events);
+}
+
 }  // namespace
 
 int delete_records(const zorv::TableSchema& table, const std::vector<record_int64>& ids,
-                   bool quiet) {
-  return Deletion(table).run(ids, quiet);
+                   const DeleteOptions& options) {
+  return Deletion(table, options).run(ids);
+}
+
+int clean_one_by_one(
+    const zorv::TableSchema& table,
+    const std::function<void(unsigned long long done, unsigned long long total)>& on_progress) {
+  const std::string what = fmt::format("clean {}", table.noun);
+  TableLook seen;
+  if (const int status = look_or_complain(table, what, seen); status != kDone) {
+    return status;
+  }
+  if (seen.total > kMostDeletedOneByOne) {
+    complain(
+        "cannot {}: {} {} are too many to delete one by one; --force has the daemon delete all at "
+        "once, and until zorvd is restarted every delete then empties the log",
+        what, seen.total, table.plural);
+    return kFailed;
+  }
+  std::vector<record_int64> ids;
+  int status = report_status(read_ids(table, &ids), what);
+  for (size_t done = 0; done < ids.size() && status == kDone; ++done) {
+    status = report_status(zorv_api::remove(table, ids[done]), what);
+    on_progress(done + 1, ids.size());
+    // The first one may take all, and the next would take what came meanwhile.
+    const bool is_checked = done == 0 || done + 1 == ids.size();
+    TableLook oldest;
+    if (status == kDone && is_checked) {
+      status = look_or_complain(table, what, oldest, upwards());
+    }
+    if (status == kDone && is_checked && (!oldest.id || *oldest.id > ids.back())) {
+      return kDone;
+    }
+  }
+  if (status == kDone && !ids.empty()) {
+    complain("cannot {}: {} are still there, the daemon's log says why", what, table.plural);
+    return kFailed;
+  }
+  return status;
 }
 
 }  // namespace zorvctl
