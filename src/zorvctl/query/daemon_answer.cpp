@@ -7,6 +7,7 @@
 
 #include "exit_status.h"
 #include "kxbus.h"
+#include "permission.h"
 #include "rooted.h"
 #include "zorv_api_db.h"
 
@@ -62,7 +63,8 @@ int report_status(int status, const std::string& what) {
     return kDone;
   }
   const Answer& answer = answer_of(status);
-  complain("cannot {}: {}", what, answer.text);
+  const std::string missing = status == KX_IS_REJECT ? missing_permission() : "";
+  complain("cannot {}: {}", what, missing.empty() ? answer.text : missing);
   return answer.unreachable ? kUnreachable : kFailed;
 }
 
