@@ -5,9 +5,9 @@
 include(GNUInstallDirs)
 set(package ${CMAKE_SOURCE_DIR}/packaging)
 
-install(TARGETS zorvd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
+install(TARGETS zorvd zorv-check RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
 install(TARGETS zorvctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT zorvd)
-set(manuals zorvd.8 zorvctl.1)
+set(manuals zorvd.8 zorv-check.8 zorvctl.1)
 set(units zorvd)
 if(TARGET platformd)
   install(TARGETS platformd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)

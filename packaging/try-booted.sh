@@ -27,7 +27,11 @@ for _ in 1 2 3; do systemctl restart zorvd.service; done
 wait
 [ ! -s /tmp/lost ] && [ "$(zorvctl client-log list -n 0 -j | wc -l)" -eq $((before + 100)) ]
 systemctl stop platformd.service zorvd.service
+# The beginning of the database is gone, and its rows are not.
+dd if=/dev/zero of=/etc/config/zorv/zorv.db bs=1 count=100 conv=notrunc
 systemctl start zorvd.service
+ls -l /etc/config/zorv/zorv.db@*
+zorvctl server-log list -q username=alice | grep alice
 systemctl is-active platformd.service
 systemctl stop zorvd.socket zorvd.service platformd.service
 systemctl --failed --no-legend --plain | grep -E '^(zorvd|platformd)' && exit 1

@@ -32,7 +32,7 @@ def same(what, documented, told):
 programs, manuals = sys.argv[1:]
 faults = []
 
-for program in ("zorvd", "platformd", "notify"):
+for program in ("zorvd", "zorv-check", "platformd", "notify"):
     told = set(OPTION.findall(help_of(program)))
     same(program, set(OPTION.findall(page(f"{program}.8"))), told or {"no help"})
 

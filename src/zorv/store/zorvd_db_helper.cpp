@@ -78,12 +78,12 @@ std::string head(const char* before, const Table& table, const char* after) {
   return std::string(before) + table.schema.name + after;
 }
 
-void start_texts(Table& table) {
+void start_texts(Table& table, const char* file) {
   const bool temporary = table.schema.storage == zorv::Storage::temporary;
   table.__db_fields[0].assign("id");
   table.__db_field_index__ = 1;
   table.__db_table_name_str.assign(table.schema.name);
-  table.__db_file.assign(kDatabaseFile);
+  table.__db_file.assign(file);
   // Two blanks: the word TEMPORARY would stand between them.
   table.__db_create_str.assign(
       head(temporary ? "CREATE TEMPORARY TABLE IF NOT EXISTS " : "CREATE  TABLE IF NOT EXISTS ",
@@ -261,10 +261,10 @@ Table& table_of(const zorv::TableSchema& schema) {
   return tables.try_emplace(&schema, schema).first->second;
 }
 
-int create(Table& table) {
+int create(Table& table, const char* file) {
   const Operation operation;
   if (table.__db_create_str.empty()) {
-    start_texts(table);
+    start_texts(table, file);
   }
   for (const zorv::Field& field : table.schema.fields) {
     if (&field != table.schema.fields.data()) {

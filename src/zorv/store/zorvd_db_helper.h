@@ -104,8 +104,8 @@ struct Table {
 Table& table_of(const zorv::TableSchema& schema);
 
 // Assembles the texts, opens the file, sets the pragmas and makes the table. 0, or -1 with the
-// connection closed. Called once a process: a second call would register the columns again.
-int create(Table& table);
+// connection closed. Called once a Table: a second call would register the columns again.
+int create(Table& table, const char* file = kDatabaseFile);
 
 // A statement: each placeholder of `format`, in SQLite's printf language, takes the next value.
 // Where there are fewer values than placeholders the missing ones are 0, an id that no row bears.
