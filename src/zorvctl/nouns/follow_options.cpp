@@ -26,8 +26,6 @@ std::shared_ptr<FollowOptions> add_follow_options(CLI::App& verb, bool has_curso
                     [other](CLI::Option* option) { option->excludes(other); });
     }
   }
-  verb.parse_complete_callback(
-      [&verb, following] { following->limit_given = verb.get_option("--limit")->count() != 0; });
   return following;
 }
 
@@ -47,7 +45,7 @@ bool is_wanted(const zorv::TableSchema& table, const RecordQuery& query, const v
 
 std::optional<unsigned long long> rows_before(const ListOptions& options,
                                               const FollowOptions& following) {
-  if (following.limit_given) {
+  if (options.has_limit) {
     // As elsewhere 0 is all; but who follows and asks for none means that.
     return options.limit == 0 && !following.follow ? std::nullopt : std::optional(options.limit);
   }

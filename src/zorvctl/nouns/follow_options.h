@@ -17,7 +17,6 @@ inline constexpr unsigned long long kRowsBeforeFollowing = 10;
 struct FollowOptions {
   bool follow = false;
   std::optional<std::string> cursor;
-  bool limit_given = false;
 
   bool is_asked() const { return follow || cursor; }
 };
