@@ -11,14 +11,13 @@
 
 #include "block_time.h"
 #include "call_deadline.h"
-#include "libzorv_text.h"
 #include "logger.h"
+#include "record_text.h"
 #include "zorv_calls.h"
 #include "zorv_connection_codes.h"
 
 namespace {
 
-using libzorv::record_text;
 using zorv_api::CallDeadline;
 
 LogModule log_module{"libzorv"};
@@ -56,6 +55,13 @@ static_assert(int{ZORV_PPTP_SERVER} == zorv::PPTP_SERVER_TYPE &&
 
 using zorv::kind_of;
 using zorv::VpnKind;
+
+// Null is the empty text.
+std::string record_text(const char* text, size_t longest) {
+  return text == nullptr
+             ? ""
+             : zorv::record_text({text, strnlen(text, zorv::bytes_looked_at(longest))}, longest);
+}
 
 // Its lines would go to standard error.
 [[maybe_unused]] const bool bus_is_silent = (kx_set_log([](const char*) {}), true);

@@ -169,6 +169,7 @@ TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
     const char* records;       // of the login up to its time; of the logout from the uptime on
   };
   const Case cases[] = {
+      {{"username=a\nb\xc2\x9b", "IV_PLAT=w\x7fn", "trusted_ip=\t"}, "a_b_|w_n|_||77 0|77|0|0"},
       {{"username=a=b", "username=c", "no equals sign", "=e"}, "a=b||||77 0|77|0|0"},
       {{"username=", "common_name=cert", "trusted_ip6=::1"}, "cert||::1||77 0|77|0|0"},
       {{"ifconfig_pool_remote_ip6=::2", "ifconfig_pool_remote_ip=10.0.0.2"},

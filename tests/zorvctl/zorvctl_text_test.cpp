@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "display_text.h"
+#include "record_text.h"
 #include "time_argument.h"
-#include "utf8.h"
 
 using namespace zorvctl;
 
@@ -82,7 +82,7 @@ TEST(Texts, AreCutBetweenCharacters) {
   const size_t bytes[] = {0, 1, 1, 1, 4, 5};
   for (size_t most = 0; most < std::size(columns); ++most) {
     EXPECT_EQ(front_of_columns(wide, most), wide.substr(0, columns[most]));
-    EXPECT_EQ(zorv::front_of_bytes(wide, most), wide.substr(0, bytes[most]));
+    EXPECT_EQ(zorv::record_text(wide, most), wide.substr(0, bytes[most]));
   }
 }
 

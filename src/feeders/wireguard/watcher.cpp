@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "feeder_text.h"
 #include "wg_run.h"
 
 namespace wireguard {
@@ -83,8 +84,10 @@ bool Watcher::look() {
                     [this](const std::string& key) { return names_.name_of(key); });
   }
   while (book_.pending.size() > kMostWaiting) {
+    char name[256];
+    shown_text(book_.pending.front().name.c_str(), name, sizeof name);
     fmt::print(stderr, "zorv-wireguard: {}: a row of {} is lost, too many wait\n", interface_,
-               book_.pending.front().name);
+               name);
     book_.pending.pop_front();
   }
   const bool is_saved = !is_due_to_be_saved(now.steady) || save();

@@ -51,16 +51,4 @@ Character first_character(std::string_view text) {
   return {code, length, true};
 }
 
-std::string_view front_of_bytes(std::string_view text, size_t bytes) {
-  size_t length = 0;
-  while (length < text.size()) {
-    const size_t next = length + first_character(text.substr(length)).length;
-    if (next > bytes) {
-      break;
-    }
-    length = next;
-  }
-  return text.substr(0, length);
-}
-
 }  // namespace zorv

@@ -17,7 +17,4 @@ struct Character {
 // The first character of `text`, which is not empty.
 Character first_character(std::string_view text);
 
-// The longest front of `text` that takes at most so many bytes and ends between two characters.
-std::string_view front_of_bytes(std::string_view text, size_t bytes);
-
 }  // namespace zorv

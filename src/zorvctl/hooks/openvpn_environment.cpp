@@ -7,7 +7,7 @@
 #include <limits>
 #include <string_view>
 
-#include "utf8.h"
+#include "record_text.h"
 #include "whole_number.h"
 #include "zorv_schema.h"
 
@@ -61,7 +61,7 @@ unsigned long long number_of(const Environment& environment, std::string_view na
 }
 
 void put_text(char (&field)[kTextSize], std::string_view text) {
-  zorv::copy_text(field, zorv::front_of_bytes(text, sizeof field - 1));
+  zorv::copy_text(field, zorv::record_text(text, sizeof field - 1));
 }
 
 std::string device_info(const Environment& environment) {
@@ -164,8 +164,7 @@ ScriptType script_type(const Environment& environment) {
 }
 
 std::string login_name(const Environment& environment) {
-  return std::string(
-      zorv::front_of_bytes(first_of(environment, {"username", "common_name"}), kTextSize - 1));
+  return zorv::record_text(first_of(environment, {"username", "common_name"}), kTextSize - 1);
 }
 
 db_conn_server_log login_record(const Environment& environment, std::time_t now) {

@@ -1,8 +1,8 @@
 // The environment that an OpenVPN server gives its scripts, read as connection records.
 //
 // Nothing here trusts a value: whatever the variables hold, a record comes out. Texts are cut to
-// their field between two characters, numbers that are none read as 0, and numbers too large as the
-// largest.
+// their field between two characters and have '_' for control characters, numbers that are none read
+// as 0, and numbers too large as the largest.
 #pragma once
 
 #include <ctime>
@@ -31,7 +31,8 @@ enum class ScriptType {
 
 ScriptType script_type(const Environment& environment);
 
-// `username`, or the certificate's `common_name` where there is none; cut to a user name's length.
+// `username`, or the certificate's `common_name` where there is none; as it stands in
+// the records.
 std::string login_name(const Environment& environment);
 
 // The record of a login, a logout, or a login that failed. `now` is used only where the environment

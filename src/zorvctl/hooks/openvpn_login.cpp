@@ -11,6 +11,7 @@
 #include "display_text.h"
 #include "exit_status.h"
 #include "login_checker.h"
+#include "record_text.h"
 #include "zorv_calls.h"
 
 namespace zorvctl {
@@ -65,7 +66,7 @@ void take_name_from_file(const HookWords& words, Environment* environment) {
     return;
   }
   std::ifstream file(last_of.back(), std::ios::binary);
-  std::string name(kTextSize, '\0');
+  std::string name(zorv::bytes_looked_at(kTextSize - 1), '\0');
   file.read(name.data(), static_cast<std::streamsize>(name.size()));
   name.resize(static_cast<size_t>(file.gcount()));
   name.resize(std::min(name.find_first_of(std::string_view("\r\n\0", 3)), name.size()));

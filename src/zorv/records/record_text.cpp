@@ -1,18 +1,14 @@
-#include "libzorv_text.h"
-
-#include <cstring>
+#include "record_text.h"
 
 #include "utf8.h"
 
-namespace libzorv {
+namespace zorv {
 
-std::string record_text(const char* text, size_t longest) {
-  constexpr size_t kLongestCharacter = 4;
+std::string record_text(std::string_view text, size_t longest) {
   std::string result;
-  std::string_view rest(text != nullptr ? text : "",
-                        text != nullptr ? strnlen(text, longest + kLongestCharacter) : 0);
+  std::string_view rest = text.substr(0, bytes_looked_at(longest));
   while (!rest.empty()) {
-    const zorv::Character character = zorv::first_character(rest);
+    const Character character = first_character(rest);
     const bool is_control = character.valid && (character.code < 0x20 ||
                                                 (character.code >= 0x7f && character.code < 0xa0));
     const std::string_view written = is_control ? "_" : rest.substr(0, character.length);
@@ -25,4 +21,4 @@ std::string record_text(const char* text, size_t longest) {
   return result;
 }
 
-}  // namespace libzorv
+}  // namespace zorv
