@@ -8,7 +8,7 @@ set(package ${CMAKE_SOURCE_DIR}/packaging)
 install(TARGETS zorvd zorv-check RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
 install(TARGETS zorvctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT zorvd)
 set(manuals zorvd.8 zorv-check.8 zorvctl.1)
-set(units zorvd)
+set(units zorvd zorv-spool)
 if(TARGET platformd)
   install(TARGETS platformd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
   # The daemon runs /usr/local/sbin/notify, which is no package's to own: tmpfiles links it here.

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "descriptor.h"
+#include "kx_callers.h"
 #include "rooted.h"
 
 namespace kxbus {
@@ -88,6 +89,23 @@ std::string load(const std::string& path, LogBudget& budget) {
   return text;
 }
 
+void add_members(gid_t id, std::set<unsigned>& users) {
+  if (const group* entry = getgrgid(id); entry != nullptr) {
+    for (char** name = entry->gr_mem; *name != nullptr; ++name) {
+      if (const passwd* user = getpwnam(*name); user != nullptr) {
+        users.insert(user->pw_uid);
+      }
+    }
+  }
+  setpwent();
+  for (const passwd* user = getpwent(); user != nullptr; user = getpwent()) {
+    if (user->pw_gid == id) {
+      users.insert(user->pw_uid);
+    }
+  }
+  endpwent();
+}
+
 // Whether `admits` holds for the kind and the id of one of the list's lines.
 template <class Admits>
 bool any_line(std::string_view service, LogBudget& budget, Admits admits) {
@@ -130,6 +148,20 @@ bool is_allowed_listener(std::string_view service, const Peer& peer) {
   return any_line(service, budget, [&](std::string_view kind, unsigned id) {
     return kind == "server" && id == peer.uid;
   });
+}
+
+std::set<unsigned> allowed_callers(std::string_view service) {
+  std::set<unsigned> users{0, geteuid()};
+  LogBudget budget;
+  any_line(service, budget, [&](std::string_view kind, unsigned id) {
+    if (kind == "group") {
+      add_members(id, users);
+    } else {
+      users.insert(id);
+    }
+    return false;
+  });
+  return users;
 }
 
 }  // namespace kxbus

@@ -13,6 +13,7 @@
 #include "call_deadline.h"
 #include "logger.h"
 #include "record_text.h"
+#include "spool.h"
 #include "zorv_calls.h"
 #include "zorv_connection_codes.h"
 
@@ -39,8 +40,10 @@ constexpr const char* kStatusTexts[] = {
     "the call has wrong arguments, or the daemon does not know it",
     "the daemon cannot read its login policy",
     "no memory",
+    "it waits in the spool until the daemon is started again",
+    "it waits in the spool until the daemon is started again, whose oldest record is lost for it",
 };
-static_assert(std::size(kStatusTexts) == ZORV_NO_MEMORY + 1);
+static_assert(std::size(kStatusTexts) == ZORV_SPOOLED_FULL + 1);
 
 static_assert(int{ZORV_PPTP_SERVER} == zorv::PPTP_SERVER_TYPE &&
               int{ZORV_L2TP_SERVER} == zorv::L2TP_SERVER_TYPE &&
@@ -77,7 +80,7 @@ bool take(const Structure* given, Structure& ret_known) {
   return true;
 }
 
-// One call of the interface: `body(deadline)` within the caller's wishes, its status told.
+// One call of the interface: `body(deadline, spools)` within the caller's wishes, its status told.
 template <class Body>
 int perform(const LogSite& site, const zorv_call* given, const char* username, Body&& body) {
   int status = ZORV_INVALID;
@@ -86,8 +89,9 @@ int perform(const LogSite& site, const zorv_call* given, const char* username, B
     if (given != nullptr && !take(given, call)) {
       return ZORV_INVALID;
     }
-    status =
-        body(CallDeadline(call.deadline_ms != 0 ? call.deadline_ms : ZORV_DEFAULT_DEADLINE_MS));
+    const CallDeadline deadline(call.deadline_ms != 0 ? call.deadline_ms
+                                                      : ZORV_DEFAULT_DEADLINE_MS);
+    status = body(deadline, (call.flags & ZORV_SPOOL) != 0);
     if ((call.flags & ZORV_LOG_LINES) != 0) {
       const std::string name = record_text(username, kTextSize - 1);
       if (status == ZORV_DONE) {
@@ -126,11 +130,19 @@ void fill(Record& record, const Given& given, int action) {
   record.rx_rate = given.rx_rate;
 }
 
-int insert(const zorv::TableSchema& table, const void* record, const CallDeadline& deadline) {
+int insert(const zorv::TableSchema& table, const void* record, const CallDeadline& deadline,
+           bool spools) {
   kx_io_owner io = zorv_api::new_buffer();
-  return io == nullptr
-             ? ZORV_NO_MEMORY
-             : zorv_api::insert(table, record, std::move(io), deadline.milliseconds_left());
+  if (io == nullptr) {
+    return ZORV_NO_MEMORY;
+  }
+  const int status = zorv_api::insert(table, record, std::move(io), deadline.milliseconds_left());
+  size_t dropped = 0;
+  if (!spools || !zorv::spool::is_undelivered(status) ||
+      zorv::spool::keep(table, record, dropped) != 0) {
+    return status;
+  }
+  return dropped == 0 ? ZORV_SPOOLED : ZORV_SPOOLED_FULL;
 }
 
 int record_server(const LogSite& site, const zorv_server_record* record, const zorv_call* call,
@@ -139,13 +151,13 @@ int record_server(const LogSite& site, const zorv_server_record* record, const z
   if (!take(record, given) || kind_of(&VpnKind::server, given.vpn_type) == nullptr) {
     return ZORV_INVALID;
   }
-  return perform(site, call, given.username, [&](const CallDeadline& deadline) {
+  return perform(site, call, given.username, [&](const CallDeadline& deadline, bool spools) {
     db_conn_server_log row{};
     fill(row, given, action);
     put_text(row.source_ip, given.source_ip);
     put_text(row.device_info, given.device_info);
     put_text(row.outgoing, given.outgoing);
-    return insert(zorv::kServerLog, &row, deadline);
+    return insert(zorv::kServerLog, &row, deadline, spools);
   });
 }
 
@@ -155,12 +167,12 @@ int record_client(const LogSite& site, const zorv_client_record* record, const z
   if (!take(record, given) || kind_of(&VpnKind::client, given.vpn_type) == nullptr) {
     return ZORV_INVALID;
   }
-  return perform(site, call, given.username, [&](const CallDeadline& deadline) {
+  return perform(site, call, given.username, [&](const CallDeadline& deadline, bool spools) {
     db_conn_client_log_data row{};
     fill(row, given, action);
     put_text(row.wan_ip, given.wan_ip);
     put_text(row.country_code, given.country_code);
-    return insert(zorv::kClientLog, &row, deadline);
+    return insert(zorv::kClientLog, &row, deadline, spools);
   });
 }
 
@@ -170,7 +182,7 @@ int about_user(const LogSite& site, const char* username, const zorv_call* call,
   if (username == nullptr || *username == '\0') {
     return ZORV_INVALID;
   }
-  return perform(site, call, username, [&](const CallDeadline& deadline) -> int {
+  return perform(site, call, username, [&](const CallDeadline& deadline, bool /*spools*/) -> int {
     const std::string name = record_text(username, kTextSize - 1);
     kx_io_owner io = zorv_api::new_buffer();
     return io == nullptr ? ZORV_NO_MEMORY : ask(name, std::move(io), deadline);

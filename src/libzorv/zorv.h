@@ -19,6 +19,11 @@
  * bytes, between two characters of UTF-8, and each control character in it becomes '_'. A user has
  * one name in the records, counts and blocks this way, however long or strange it came.
  *
+ * A record that the daemon does not take because it is away, stopping, overrun or mute is lost
+ * unless the call asks for ZORV_SPOOL: it is then written to a file below /var/spool/zorv, which
+ * takes one flush of a disk, and the daemon gets it at its next start, with the time that it has
+ * now.
+ *
  * A daemon that cannot be asked is no reason to refuse anybody: ZORV_UNKNOWN is not ZORV_BLOCKED.
  */
 #ifndef ZORV_H
@@ -41,7 +46,9 @@ enum zorv_status {
   ZORV_BUSY = 6,      /* the daemon is overrun, or this process has no descriptor left */
   ZORV_INVALID = 7,   /* wrong arguments, or a daemon that does not know the call */
   ZORV_NO_POLICY = 8, /* the daemon answers but cannot tell whom its login policy blocks */
-  ZORV_NO_MEMORY = 9
+  ZORV_NO_MEMORY = 9,
+  ZORV_SPOOLED = 10,     /* with ZORV_SPOOL: the record waits until the daemon is started again */
+  ZORV_SPOOLED_FULL = 11 /* so it does, and the oldest that waited is lost in its place */
 };
 
 /* A few words on any status, for a log; never null. */
@@ -75,7 +82,12 @@ struct zorv_call {
 #define ZORV_DEFAULT_DEADLINE_MS 5000
 
 enum zorv_call_flags {
-  ZORV_LOG_LINES = 1 /* lines about the call go to the service's log, /var/log/network/ZORV.log */
+  ZORV_LOG_LINES = 1, /* lines about the call go to the service's log, /var/log/network/ZORV.log */
+  /* A record that is not delivered waits in the spool, at most 10,000 of this process's effective
+   * user. Where it cannot be written there either, the status is the daemon's, as without the flag.
+   * After ZORV_TIMED_OUT or ZORV_BROKEN the daemon may have taken it: it then has it twice. Counted
+   * and forgotten failures do not wait: by then they would speak of another moment. */
+  ZORV_SPOOL = 2
 };
 
 /* --- Connections made to one of this machine's VPN servers --- */

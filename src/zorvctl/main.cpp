@@ -36,6 +36,7 @@ void add_nouns(CLI::App& program, Run* run) {
   add_sessions_noun(program, run);
   add_stats_noun(program, run);
   add_report_noun(program, run);
+  add_spool_noun(program, run);
   add_uuid_noun(program, run);
   add_option_noun(program, run);
   add_gateway_noun(program, run);

@@ -79,18 +79,15 @@ static void tell(const struct login* login, const char* what, int status) {
 static void record_failure(const struct login* login) {
   struct zorv_server_record record = {.size = sizeof record};
   struct timed_call call;
-  int status = ZORV_TIMED_OUT;
   if (login->options.vpn_type == 0) {
     return;
   }
   record.vpn_type = login->options.vpn_type;
   record.username = login->user;
   record.source_ip = login->host;
-  if (begin(login, &call)) {
-    status =
-        end_call(&call, &login->state->spent_ms, zorv_record_login_failure(&record, &call.form));
-  }
-  tell(login, "recording the failed login", status);
+  begin_record(&call, login->options.deadline_ms, login->state->spent_ms);
+  tell(login, "recording the failed login",
+       end_call(&call, &login->state->spent_ms, zorv_record_login_failure(&record, &call.form)));
 }
 
 static int refuse_blocked(const struct login* login) {
@@ -126,7 +123,7 @@ static void count_failure(const struct login* login) {
     status = end_call(&call, &login->state->spent_ms, zorv_count_failure(login->user, &call.form));
   }
   tell(login, "counting the failed login", status);
-  if (status == ZORV_DONE) {
+  if (status == ZORV_DONE || is_undelivered(status)) {
     record_failure(login);
   }
   /* Without preauth in the stack the next try of this handle begins here. */

@@ -29,16 +29,16 @@ static int record_server(struct ppp_link* link, const struct zorv_server_record*
                          int (*function)(const struct zorv_server_record*,
                                          const struct zorv_call*)) {
   struct timed_call call;
-  return begin(link, &call) ? end_call(&call, &link->spent_ms, function(record, &call.form))
-                            : ZORV_TIMED_OUT;
+  begin_record(&call, link->deadline_ms, link->spent_ms);
+  return end_call(&call, &link->spent_ms, function(record, &call.form));
 }
 
 static int record_client(struct ppp_link* link, const struct zorv_client_record* record,
                          int (*function)(const struct zorv_client_record*,
                                          const struct zorv_call*)) {
   struct timed_call call;
-  return begin(link, &call) ? end_call(&call, &link->spent_ms, function(record, &call.form))
-                            : ZORV_TIMED_OUT;
+  begin_record(&call, link->deadline_ms, link->spent_ms);
+  return end_call(&call, &link->spent_ms, function(record, &call.form));
 }
 
 static void judge(const struct ppp_link* link, int status, const char* subject, const char* user,
@@ -46,6 +46,12 @@ static void judge(const struct ppp_link* link, int status, const char* subject, 
   if (status != ZORV_DONE) {
     link->complain(subject, user, trouble, zorv_status_text(status));
   }
+}
+
+static void judge_record(const struct ppp_link* link, int status, const char* subject,
+                         const char* user) {
+  const bool waits = status == ZORV_SPOOLED || status == ZORV_SPOOLED_FULL;
+  judge(link, status, subject, user, waits ? "is not recorded yet" : "is not recorded");
 }
 
 /* --- The login --- */
@@ -112,8 +118,8 @@ void ppp_link_failed(struct ppp_link* link) {
                                             .vpn_type = link->server_type,
                                             .username = link->name,
                                             .source_ip = link->caller};
-  judge(link, record_server(link, &record, zorv_record_login_failure), "the failed login of",
-        link->name, "is not recorded");
+  judge_record(link, record_server(link, &record, zorv_record_login_failure), "the failed login of",
+               link->name);
 }
 
 /* --- The session --- */
@@ -152,8 +158,7 @@ void ppp_link_up(struct ppp_link* link, const struct ppp_session* session) {
   const struct ppp_traffic nothing = {0, 0};
   link->session = *session;
   link->is_up = true;
-  judge(link, record_session(link, false, 0, nothing), "the login of", session_user(link),
-        "is not recorded");
+  judge_record(link, record_session(link, false, 0, nothing), "the login of", session_user(link));
   link->spent_ms = 0; /* what comes now is the end */
 }
 
@@ -169,6 +174,6 @@ void ppp_link_down(struct ppp_link* link, uint64_t uptime_s, struct ppp_traffic 
   link->is_up = false;
   const struct ppp_traffic moved = {since(link->session.at_start.rx, at_end.rx),
                                     since(link->session.at_start.tx, at_end.tx)};
-  judge(link, record_session(link, true, uptime_s, moved), "the logout of", session_user(link),
-        "is not recorded");
+  judge_record(link, record_session(link, true, uptime_s, moved), "the logout of",
+               session_user(link));
 }

@@ -2,8 +2,8 @@
  *
  * pppd's part tells what happens, these functions tell the daemon, through libzorv. A link has two
  * stages, its login and its end. The calls of a stage take one deadline together at most, so a
- * daemon that is mute holds pppd up once; what it did not take is complained of and lost. Only a
- * daemon that answers "blocked" refuses anybody.
+ * daemon that is mute holds pppd up once; what it did not take is complained of, and records wait
+ * in the spool. Only a daemon that answers "blocked" refuses anybody.
  *
  * One link at a time, on one thread. Texts are copied, cut where they are too long.
  */

@@ -19,6 +19,26 @@ bool begin_call(struct timed_call* ret_call, uint32_t deadline_ms, uint64_t spen
   return true;
 }
 
+void begin_record(struct timed_call* ret_call, uint32_t deadline_ms, uint64_t spent_ms) {
+  begin_call(ret_call, spent_ms < deadline_ms ? deadline_ms - (uint32_t)spent_ms : 1, 0);
+  ret_call->form.flags = ZORV_SPOOL;
+}
+
+bool is_undelivered(int status) {
+  switch (status) {
+    case ZORV_TIMED_OUT:
+    case ZORV_AWAY:
+    case ZORV_STOPPING:
+    case ZORV_BROKEN:
+    case ZORV_BUSY:
+    case ZORV_SPOOLED:
+    case ZORV_SPOOLED_FULL:
+      return true;
+    default:
+      return false;
+  }
+}
+
 int end_call(const struct timed_call* call, uint64_t* spent_ms, int status) {
   *spent_ms += clock_ms() - call->begin_ms;
   return status;

@@ -1,8 +1,8 @@
 // The environment that an OpenVPN server gives its scripts, read as connection records.
 //
 // Nothing here trusts a value: whatever the variables hold, a record comes out. Texts are cut to
-// their field between two characters and have '_' for control characters, numbers that are none read
-// as 0, and numbers too large as the largest.
+// their field between two characters and have '_' for control characters, numbers that are none
+// read as 0, and numbers too large as the largest.
 #pragma once
 
 #include <ctime>

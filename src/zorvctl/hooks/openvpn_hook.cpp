@@ -4,12 +4,11 @@
 #include <ctime>
 
 #include "call_deadline.h"
-#include "daemon_answer.h"
-#include "display_text.h"
 #include "exit_status.h"
 #include "hook.h"
 #include "openvpn_environment.h"
 #include "openvpn_login.h"
+#include "undelivered.h"
 #include "zorv_calls.h"
 
 namespace zorvctl {
@@ -40,11 +39,12 @@ constexpr const char* kHookHelp =
     "                                  whether the user is blocked: accept if not given\n"
     "  --deadline SECONDS              how long the daemon may hold up a login, and everybody "
     "with\n"
-    "                                  it: 1 to 60, 5 if not given\n\n"
+    "                                  it: 1 to 60, 3 if not given\n\n"
     "The scripts run as the server's user: zorvd answers root, its own user and whoever\n"
     "/etc/config/kxbus/zorvd.allow names (a line \"user NAME\" or \"group NAME\"). What the "
     "daemon\n"
-    "does not take is said on standard error, which OpenVPN writes to its log.\n\n"
+    "does not take is said on standard error, which OpenVPN writes to its log; records wait in\n"
+    "/var/spool/zorv until it is started again, counted failures do not.\n\n"
     "In a client's configuration, for records of \"client-log\":\n"
     "  setenv username alice\n"
     "  route-up \"/usr/bin/zorvctl hook openvpn\"\n"
@@ -53,15 +53,12 @@ constexpr const char* kHookHelp =
     "Exit status, as OpenVPN reads it: 0 go on, 1 refuse (wrong words, too), 2 deferred by "
     "CHECKER.";
 
-// A record that cannot be kept is said and forgotten: the connection goes on.
+// Whatever becomes of the record, the connection goes on.
 template <class Record>
 int keep(const zorv::TableSchema& table, const Record& record, const CallDeadline& deadline) {
-  if (const int status =
-          zorv_api::insert(table, &record, zorv_api::new_buffer(), deadline.milliseconds_left());
-      status != 0) {
-    complain("hook: the connection of {} is not recorded: {}", display_text(record.username),
-             status_text(status));
-  }
+  keep_undelivered(
+      zorv_api::insert(table, &record, zorv_api::new_buffer(), deadline.milliseconds_left()), table,
+      &record, "the connection", record.username);
   return kGoOn;
 }
 

@@ -12,6 +12,7 @@
 #include "exit_status.h"
 #include "login_checker.h"
 #include "record_text.h"
+#include "undelivered.h"
 #include "zorv_calls.h"
 
 namespace zorvctl {
@@ -141,7 +142,7 @@ bool Login::is_kept_out() {
     return true;
   }
   if (answered_ != 0) {
-    complain("hook: {} may be blocked, the login goes on unchecked and unrecorded: {}",
+    complain("hook: {} may be blocked, the login goes on unchecked and uncounted: {}",
              display_text(user_), why);
   }
   return false;
@@ -169,14 +170,11 @@ void Login::forget_failures() {
 
 void Login::record_failure() {
   const db_conn_server_log record = failed_login_record(environment_, std::time(nullptr));
-  const int status = time_.spend([&](const CallDeadline& deadline) {
+  const int status = answered_ != 0 ? answered_ : time_.spend([&](const CallDeadline& deadline) {
     return zorv_api::insert(zorv::kServerLog, &record, zorv_api::new_buffer(),
                             deadline.milliseconds_left());
   });
-  if (status != 0) {
-    complain("hook: the failed login of {} is not recorded: {}", display_text(user_),
-             status_text(status));
-  }
+  keep_undelivered(status, zorv::kServerLog, &record, "the failed login", user_);
 }
 
 int Login::verify() {
@@ -200,8 +198,10 @@ int Login::verify() {
     case Verdict::refused:
       break;
   }
-  if (answered_ == 0 && !is_expired_token(environment_)) {
-    count_failure();
+  if (!is_expired_token(environment_)) {
+    if (answered_ == 0) {
+      count_failure();
+    }
     record_failure();
   }
   return kRefuse;

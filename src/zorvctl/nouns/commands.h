@@ -19,6 +19,7 @@ void add_table_nouns(CLI::App& program, Run* run);
 void add_sessions_noun(CLI::App& program, Run* run);
 void add_stats_noun(CLI::App& program, Run* run);
 void add_report_noun(CLI::App& program, Run* run);
+void add_spool_noun(CLI::App& program, Run* run);
 void add_uuid_noun(CLI::App& program, Run* run);
 void add_option_noun(CLI::App& program, Run* run);
 void add_gateway_noun(CLI::App& program, Run* run);
