@@ -136,7 +136,10 @@ int insert(const zorv::TableSchema& table, const void* record, const CallDeadlin
   if (io == nullptr) {
     return ZORV_NO_MEMORY;
   }
-  const int status = zorv_api::insert(table, record, std::move(io), deadline.milliseconds_left());
+  // With less than a millisecond left only the spool is of use.
+  const int left = deadline.milliseconds_left();
+  const int status =
+      spools && left == 0 ? KX_TIMEOUT : zorv_api::insert(table, record, std::move(io), left);
   size_t dropped = 0;
   if (!spools || !zorv::spool::is_undelivered(status) ||
       zorv::spool::keep(table, record, dropped) != 0) {

@@ -84,9 +84,10 @@ struct zorv_call {
 enum zorv_call_flags {
   ZORV_LOG_LINES = 1, /* lines about the call go to the service's log, /var/log/network/ZORV.log */
   /* A record that is not delivered waits in the spool, at most 10,000 of this process's effective
-   * user. Where it cannot be written there either, the status is the daemon's, as without the flag.
-   * After ZORV_TIMED_OUT or ZORV_BROKEN the daemon may have taken it: it then has it twice. Counted
-   * and forgotten failures do not wait: by then they would speak of another moment. */
+   * user; with a deadline of 1 the daemon is not asked before. Where it cannot be written there
+   * either, the status is the daemon's, as without the flag. One that did not answer in time may
+   * have taken the record: it then has it twice. Counted and forgotten failures do not wait: by
+   * then they would speak of another moment. */
   ZORV_SPOOL = 2
 };
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <thread>
 
 #include "harness/daemon.h"
@@ -65,6 +66,24 @@ TEST(Zorv, RefusesWrongArguments) {
   EXPECT_EQ(zorv_record_login(&kAlice, &sizeless_call), ZORV_INVALID);
   EXPECT_EQ(zorv_record_login_failure(&client_kind, nullptr), ZORV_INVALID);
   EXPECT_EQ(ask(nullptr) + ", " + ask(""), "2 7 0, 2 7 0");
+}
+
+TEST(Zorv, LetsRecordsWaitWhereAsked) {
+  const zorv_call call{sizeof call, 0, ZORV_SPOOL};
+  zorv_server_record now = kAlice;
+  now.time = 0;
+  EXPECT_EQ(zorv_record_login(&now, &call), ZORV_AWAY) << "there is no spool";
+  std::filesystem::create_directories(harness::test_root() + "/var/spool/zorv");
+  EXPECT_EQ(zorv_record_login(&now, &call), ZORV_SPOOLED);
+  EXPECT_EQ(zorv_record_client_logout(&kOffice, &call), ZORV_SPOOLED);
+  EXPECT_EQ(zorv_record_login(&kAlice, nullptr), ZORV_AWAY);
+  EXPECT_EQ(zorv_count_failure("alice", &call), ZORV_AWAY);
+  const harness::Daemon daemon;
+  EXPECT_EQ(zorv_record_login(&kAlice, &call), ZORV_DONE);
+  EXPECT_EQ(harness::zorvctl({"spool", "deliver"}).out, "2 records delivered\n");
+  EXPECT_EQ(sql("SELECT username, strftime('%s') - time BETWEEN 0 AND 60 FROM conn_server_log"),
+            (Texts{"alice|0", "alice|1"}));
+  EXPECT_EQ(sql("SELECT username, time, action FROM conn_client_log"), Texts{"nas|1800|3"});
 }
 
 // A name is one name in records, counts and blocks; what would hurt a reader does not get there.

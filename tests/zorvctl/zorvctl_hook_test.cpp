@@ -79,9 +79,12 @@ TEST(Hook, TakesATimeOutForNoAnswerAndAsksNoMore) {
   const Outcome outcome = hook(kVerify, "-- false");
   daemon.join();
   EXPECT_EQ(outcome.status, 1);
-  EXPECT_EQ(outcome.err,
-            "zorvctl: hook: alice may be blocked, the login goes on unchecked and unrecorded: the "
-            "daemon did not answer in time\n");
+  EXPECT_EQ(
+      outcome.err,
+      "zorvctl: hook: alice may be blocked, the login goes on unchecked and uncounted: the "
+      "daemon did not answer in time\n"
+      "zorvctl: hook: the failed login of alice is not recorded: the daemon did not answer in "
+      "time; nor can it wait in /var/spool/zorv: No such file or directory\n");
 }
 
 TEST(Hook, RecordsLoginsLogoutsAndWhomTheCheckerRefusesUntilTheyAreBlocked) {

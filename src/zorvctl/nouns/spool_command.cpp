@@ -97,7 +97,7 @@ int list_waiting(const OutputOptions& options) {
   }
   std::string out;
   const auto writer =
-      find_format(options.output)->make_writer({kFields, nullptr, output_style(options)}, &out);
+      find_format(options.output)->make_writer({kFields, output_style(options)}, &out);
   const auto now = static_cast<uint64_t>(std::time(nullptr));
   for (const Entry& entry : spool.entries()) {
     Record record;

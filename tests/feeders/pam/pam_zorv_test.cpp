@@ -131,6 +131,15 @@ TEST(PamZorv, RefusesNobodyForTheDaemonsSake) {
             (Texts{check + " eve", insert + " eve", insert + " eve", insert + " eve"}));
 }
 
+TEST(PamZorv, RecordsLaterWhatTheDaemonWasNotThereFor) {
+  std::filesystem::create_directories(harness::test_root() + "/var/spool/zorv");
+  write_stack("wrong", "pam_deny.so", "type=openvpn");
+  EXPECT_EQ(Handle("wrong").login(), PAM_AUTH_ERR);
+  const harness::Daemon daemon;
+  EXPECT_EQ(harness::zorvctl({"spool", "deliver"}).status, 0);
+  EXPECT_EQ(sql(kCounts), Texts{"1"}) << "recorded, not counted";
+}
+
 TEST(PamZorv, IsMendedRatherThanGuessedAt) {
   for (const char* options : {"silent", "preauth type=ocserv", "preauth deadline=0",
                               "preauth deadline=5s", "preauth deadline=3601", "preauth foo"}) {

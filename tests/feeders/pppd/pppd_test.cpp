@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <filesystem>
 #include <optional>
 
 #include "harness/bus_peer.h"
@@ -205,7 +206,18 @@ TEST_F(Pppd, RefusesNobodyForADaemonThatIsAwayOrMute) {
     }
     EXPECT_EQ(callers, 2) << "a login waits once, its end once more";
   }
+  // Away or mute, with the time used up or not: what happened waits.
+  std::filesystem::create_directories(test_root() + "/var/spool/zorv");
+  told.clear();
+  up();
+  down(6, 10, 20);
+  EXPECT_EQ(told.at(1),
+            "zorv: the logout of \"amy\" is not recorded yet: it waits in the spool until the "
+            "daemon is started again");
   daemon.emplace();
+  EXPECT_EQ(zorvctl({"spool", "deliver"}).out, "2 records delivered\n");
+  EXPECT_EQ(sql("SELECT action, username, uptime FROM conn_server_log"),
+            (Lines{"2|amy|0", "3|amy|6"}));
   begin();
   EXPECT_FALSE(give_name(kMschap2, "amy")) << "a link has a deadline of its own";
 }
