@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "kxbus.h"
+#include "memory_room.h"
 
 namespace kxbus {
 
@@ -97,7 +99,7 @@ void Buffer::clear() {
   view_ = Mapping();
   memfd_.reset();
   sealed_ = false;
-  held_ = stored_ = 0;
+  held_ = stored_ = granted_ = 0;
 }
 
 const char* Buffer::read() {
@@ -138,8 +140,30 @@ int Buffer::copy(std::size_t offset, void* ret_bytes, std::size_t length) {
   return KX_SUCCESS;
 }
 
+// A memfd's pages are never given back under pressure: where they would exceed the memory of this
+// process's control group, the process would be killed instead of getting an error.
+bool Buffer::has_room_for(std::size_t size) {
+  constexpr std::size_t kStep = 8 << 20;     // small ones are not asked about
+  constexpr std::size_t kReserve = 8 << 20;  // for everything else that the process does
+  if (size <= granted_ + kStep) {
+    return true;
+  }
+  try {
+    if (os::memory_room().left < kReserve + kStep + (size - stored_)) {
+      return false;
+    }
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  granted_ = size;
+  return true;
+}
+
 // Writes into the memfd at `offset`, all or nothing of it counted.
 int Buffer::store(std::size_t offset, const void* bytes, std::size_t length) {
+  if (!has_room_for(offset + length)) {
+    return KX_IO_FAILURE;
+  }
   const char* from = static_cast<const char*>(bytes);
   while (length > 0) {
     const ssize_t written = pwrite(memfd_.get(), from, length, static_cast<off_t>(offset));

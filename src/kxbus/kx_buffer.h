@@ -87,6 +87,7 @@ class Buffer {
   int make_room(std::size_t length);
   int append_zeros(std::size_t length);  // a packet's body of them at most
   void hold(std::size_t length);
+  bool has_room_for(std::size_t size);
   int store(std::size_t offset, const void* bytes, std::size_t length);
   int flush();
   int move_to_memfd();
@@ -97,9 +98,10 @@ class Buffer {
   };
 
   std::unique_ptr<char, Free> block_;
-  std::size_t held_ = 0;    // bytes of content in the block
-  std::size_t dirty_ = 0;   // bytes of a cleared block that may not be zero any more
-  std::size_t stored_ = 0;  // bytes of content before them in the memfd
+  std::size_t held_ = 0;     // bytes of content in the block
+  std::size_t dirty_ = 0;    // bytes of a cleared block that may not be zero any more
+  std::size_t stored_ = 0;   // bytes of content before them in the memfd
+  std::size_t granted_ = 0;  // of the content, when room was last asked for
   os::Descriptor memfd_;
   bool sealed_ = false;
   Mapping view_;  // of the whole content, for reading

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 
 #include "harness/bus_peer.h"
@@ -78,6 +79,28 @@ TEST(Limits, MemoryThatIsShortFailsOneRequest) {
   EXPECT_EQ(query(3), KX_SUCCESS);
   limit(daemon.pid(), RLIMIT_AS);
   EXPECT_EQ(daemon.stop(), 0);
+}
+
+// A control group of the first version, which kills instead of refusing.
+TEST(Limits, AControlGroupsMemoryIsLeftToTheDaemon) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer's shadow counts, too";
+#endif
+  const std::string group = "/sys/fs/cgroup/memory/zorv-test." + std::to_string(getpid());
+  if (std::error_code error; !std::filesystem::create_directory(group, error)) {
+    GTEST_SKIP() << "no control group can be made here";
+  }
+  const auto set = [&group](const char* name, const std::string& value) {
+    std::ofstream(group + name) << value;
+  };
+  set("/memory.limit_in_bytes", "48M");
+  harness::Daemon daemon;
+  harness::insert_rows("conn_server_log", 10'000, "username", "'user' || i");
+  set("/cgroup.procs", std::to_string(daemon.pid()));
+  EXPECT_EQ(query(-1), KX_IS_REJECT) << "52 MB";
+  EXPECT_EQ(query(3000), KX_SUCCESS);
+  EXPECT_EQ(daemon.stop(), 0);
+  std::filesystem::remove(group);
 }
 
 }  // namespace
