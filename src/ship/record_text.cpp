@@ -11,7 +11,11 @@
 namespace ship {
 namespace {
 
-constexpr char32_t kStrayBytes = 0x10FF00;
+constexpr char32_t kStrayBytes = 0x10FE00;
+
+bool is_stray_byte(char32_t code) {
+  return code >= kStrayBytes + 0x80 && code <= kStrayBytes + 0xFF;
+}
 
 void append_stray_byte(char byte, std::string* ret_text) {
   const char32_t code = kStrayBytes + static_cast<unsigned char>(byte);
@@ -44,7 +48,7 @@ void append_text(std::string_view text, std::string* ret_text) {
   while (!text.empty()) {
     const zorv::Character character = zorv::first_character(text);
     const std::string_view bytes = text.substr(0, character.length);
-    if (!character.valid || character.code >= kStrayBytes + 0x80) {
+    if (!character.valid || is_stray_byte(character.code)) {
       for (const char byte : bytes) {
         append_stray_byte(byte, ret_text);
       }

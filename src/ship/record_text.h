@@ -1,7 +1,7 @@
 // A record as a line of COPY, and its digest.
 //
 // The server takes UTF-8 only and the daemon any bytes: a byte that is part of no character is sent
-// as the character U+10FF00 + byte. So are the bytes of a character from U+10FF80 on, which makes
+// as the private character U+10FE00 + byte. So are the bytes of such a character itself, which makes
 // it reversible; every other text stays as it is. An unsigned number that bigint does not hold is
 // sent as the largest it does.
 #pragma once
