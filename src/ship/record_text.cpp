@@ -61,6 +61,8 @@ void append_text(std::string_view text, std::string* ret_text) {
   }
 }
 
+}  // namespace
+
 std::string number_text(const zorv::FieldValue& value) {
   if (const auto* number = std::get_if<record_int64>(&value)) {
     return fmt::to_string(*number);
@@ -68,8 +70,6 @@ std::string number_text(const zorv::FieldValue& value) {
   constexpr record_uint64 kMost = std::numeric_limits<record_int64>::max();
   return fmt::to_string(std::min(std::get<record_uint64>(value), kMost));
 }
-
-}  // namespace
 
 void append_copy_line(const zorv::TableSchema& table, const void* record, std::string* ret_text) {
   for (const zorv::Field& field : table.fields) {

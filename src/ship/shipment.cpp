@@ -69,14 +69,13 @@ bool Shipment::send(const ShippedLog& log, const NewRows& rows, Place* place) {
   const void* const last = rows.page.record(rows.page.count - 1);
   const Place next{rows.from.generation, id_of(*log.table, last), digest_of(*log.table, last)};
   const std::string move = fmt::format(
-      "UPDATE zorv.place SET generation = {}, last_id = {}, digest = '{}', "
-      "last_time = to_timestamp(least({}, 9224318015999)), shipped = shipped + {}, lost = lost + "
-      "{}, "
-      "seen = now() WHERE nas = {} AND log = '{}' AND generation = {} AND last_id = {} AND digest "
-      "= {}",
+      "UPDATE zorv.place SET generation = {}, last_id = {}, digest = '{}', last_time = {}, "
+      "shipped = shipped + {}, lost = lost + {}, seen = now() "
+      "WHERE nas = {} AND log = '{}' AND generation = {} AND last_id = {} AND digest = {}",
       next.generation, next.last_id, next.digest,
-      std::get<record_uint64>(zorv::get(*log.table->time, last)), rows.page.count - rows.first,
-      rows.lost, nas_, log.name, place->generation, place->last_id, server_.literal(place->digest));
+      timestamp_of(number_text(zorv::get(*log.table->time, last)) + "::bigint"),
+      rows.page.count - rows.first, rows.lost, nas_, log.name, place->generation, place->last_id,
+      server_.literal(place->digest));
   int moved = 0;
   if (!server_.start_copy(fmt::format("BEGIN;{};{}", move, copy_into_staging(log)), &moved)) {
     return false;

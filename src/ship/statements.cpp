@@ -71,14 +71,18 @@ std::string insert_from_staging(const ShippedLog& log, const std::string& nas,
       log.name, column_names(log), nas, generation,
       list(log,
            [](const Field& field) {
-             return field.meaning == Meaning::time
-                        ? fmt::format(
-                              "CASE WHEN {0} < 9224318016000 THEN to_timestamp({0}) "
-                              "ELSE 'infinity' END",
-                              field.name)
-                        : std::string(field.name);
+             return field.meaning == Meaning::time ? timestamp_of(field.name)
+                                                   : std::string(field.name);
            }),
       staging(log));
+}
+
+// to_timestamp() goes by way of a double.
+std::string timestamp_of(const std::string& seconds) {
+  return fmt::format(
+      "CASE WHEN {0} < 9224318016000 THEN timestamptz 'epoch' + "
+      "make_interval(days => ({0} / 86400)::integer, secs => {0} % 86400) ELSE 'infinity' END",
+      seconds);
 }
 
 }  // namespace ship

@@ -1,5 +1,5 @@
-// Loaded in front of the C library: the FAULT_AT-th call on a socket ends the process (FAULT_MODE=kill) or the
-// connection (cut).
+// Loaded in front of the C library: the FAULT_AT-th call on a socket ends the process
+// (FAULT_MODE=kill) or the connection (cut).
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
@@ -20,15 +20,20 @@ static void count_call(int descriptor) {
   shutdown(descriptor, SHUT_RDWR);
 }
 
-#define COUNTED(result, name, parameters, ...)                                     \
-  result name parameters {                                                         \
-    result(*real) parameters = (result(*) parameters)dlsym(RTLD_NEXT, #name);      \
-    count_call(descriptor);                                                        \
-    return real(__VA_ARGS__);                                                      \
+#define COUNTED(result, name, parameters, ...)                                \
+  result name parameters {                                                    \
+    result(*real) parameters = (result(*) parameters)dlsym(RTLD_NEXT, #name); \
+    count_call(descriptor);                                                   \
+    return real(__VA_ARGS__);                                                 \
   }
 
-COUNTED(int, connect, (int descriptor, const struct sockaddr* address, socklen_t size), descriptor, address, size)
-COUNTED(ssize_t, send, (int descriptor, const void* bytes, size_t size, int flags), descriptor, bytes, size, flags)
-COUNTED(ssize_t, recv, (int descriptor, void* bytes, size_t size, int flags), descriptor, bytes, size, flags)
-COUNTED(ssize_t, sendmsg, (int descriptor, const struct msghdr* message, int flags), descriptor, message, flags)
-COUNTED(ssize_t, recvmsg, (int descriptor, struct msghdr* message, int flags), descriptor, message, flags)
+COUNTED(int, connect, (int descriptor, const struct sockaddr* address, socklen_t size), descriptor,
+        address, size)
+COUNTED(ssize_t, send, (int descriptor, const void* bytes, size_t size, int flags), descriptor,
+        bytes, size, flags)
+COUNTED(ssize_t, recv, (int descriptor, void* bytes, size_t size, int flags), descriptor, bytes,
+        size, flags)
+COUNTED(ssize_t, sendmsg, (int descriptor, const struct msghdr* message, int flags), descriptor,
+        message, flags)
+COUNTED(ssize_t, recvmsg, (int descriptor, struct msghdr* message, int flags), descriptor, message,
+        flags)

@@ -2,6 +2,7 @@
 """ship_test.py BUILD_FOLDER: zorv-ship between a real zorvd and a real PostgreSQL. Whatever is broken in between,
 the rows there are in the end exactly the rows that were here."""
 import codecs
+import datetime
 import hashlib
 import os
 import random
@@ -12,18 +13,19 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(__file__))
-from lab import Cluster, Nas, client_rows, eventually, run, server_rows  # noqa: E402
+from lab import MEMORY, Cluster, Nas, client_rows, eventually, run, server_rows  # noqa: E402
 
 BUILD = os.path.abspath(sys.argv.pop(1))
 BIN = f"{BUILD}/bin"
 TIMES = {"server_log": 5, "client_log": 5}
+FAR = {253402300800: "10000-01-01 00:00:00+00", 9224318015999: "294276-12-31 23:59:59+00"}
 STRAY = lambda error: ("".join(chr(0x10FE00 + b) for b in error.object[error.start:error.start + 1]), error.start + 1)
 codecs.register_error("stray", STRAY)
 
 
 def setUpModule():
     global folder, cluster
-    folder = tempfile.TemporaryDirectory(prefix="zship.")
+    folder = tempfile.TemporaryDirectory(prefix="zship.", dir=MEMORY)
     os.chmod(folder.name, 0o755)
     unittest.addModuleCleanup(folder.cleanup)
     cluster = Cluster(f"{folder.name}/pg")
@@ -31,7 +33,7 @@ def setUpModule():
     cluster.prepare(BIN)
 
 
-class ShipTest(unittest.TestCase):
+class Shipping(unittest.TestCase):
     def setUp(self):
         self.name = "nas-" + self.id().rsplit("_", 1)[-1]
         self.nas = Nas(f"{folder.name}/{self.name}", BIN)
@@ -41,10 +43,9 @@ class ShipTest(unittest.TestCase):
     def words(self, *options):
         return [f"{BIN}/zorv-ship", "--to", f"{cluster.to} user={self.name}", "--name", self.name, *options]
 
-    def ship(self, *options, status=0, **environment):
-        done = run(*self.words(*options), check=False, env={**self.nas.environment, **environment})
-        if status is not None:
-            self.assertEqual(done.returncode, status, done.stderr.decode())
+    def ship(self, *options, status=0):
+        done = run(*self.words(*options), check=False, env=self.nas.environment)
+        self.assertEqual(done.returncode, status, done.stderr.decode())
         return done.stderr.decode()
 
     def follow(self, *options):
@@ -62,7 +63,7 @@ class ShipTest(unittest.TestCase):
     def here(self, log):
         def text(value, at):
             if at == TIMES[log]:
-                return cluster_time(value)
+                return moment(value)
             if isinstance(value, bytes) and value == b"\xf4\x8f\xba\x81":
                 return "".join(chr(0x10FE00 + byte) for byte in value)
             return value.decode("utf-8", "stray") if isinstance(value, bytes) else str(value)
@@ -83,26 +84,8 @@ class ShipTest(unittest.TestCase):
                 self.assertEqual(there, here)
         self.assertEqual(self.count(), sum(map(len, self.nas.written.values())))
 
-    def test_backlog(self):
-        self.nas.add("server_log", server_rows(100_000))
-        self.nas.add("client_log", client_rows(5_000))
-        self.ship()
-        self.expect_same()
 
-    def test_strange(self):
-        far = [0, 253402300800, 9224318015999, 4294967296]
-        texts = [b"", b"a\tb\nc\\d\re", b"DOMAIN\\alice", "größe 日本".encode(), b"\xff\xfe \x80", b"\xf4\x8f\xba\x81", b"\\N",
-                 b"\\.", b"\x01\x7f", b"x" * 1024, b"\xed\xa0\x80", b"'; DROP TABLE"]
-        self.nas.add("server_log", [(text, -5, 7, far[n % 4], text, text, text, -2**63, 2**63 - 1, 0, 0, text, 99)
-                                    for n, text in enumerate(texts)])
-        self.ship()
-        self.expect_same()
-        self.nas.execute("INSERT INTO conn_server_log (username, time, uptime) VALUES ('late', 9223372036854775807, -1)")
-        self.ship()
-        self.assertEqual(cluster.sql("SELECT time, uptime FROM zorv.server_log WHERE username = 'late'"),
-                         [["infinity", str(2**63 - 1)]])
-        self.assertNotEqual(cluster.sql("SELECT count(*) FROM zorv.sessions"), [["0"]])
-
+class FaultTest(Shipping):
     def test_each_call(self):
         """The process, and then the connection, ends at each of its calls on sockets."""
         faults = 0
@@ -112,19 +95,17 @@ class ShipTest(unittest.TestCase):
                 at += 1
                 self.nas.add("server_log", server_rows(150, 1000 * at))
                 self.nas.add("client_log", client_rows(1, at))
-                before = len(self.nas.written["client_log"]) - 1
-                error = self.ship("--page", "100", status=None, LD_PRELOAD=f"{BUILD}/tests/fault_shim.so", FAULT_AT=str(at),
-                                  FAULT_MODE=mode)
-                is_done = error == "" and self.count() == sum(map(len, self.nas.written.values()))
-                ended_well = ended_well + 1 if is_done else 0
-                faults += not is_done
+                shim = {"LD_PRELOAD": f"{BUILD}/tests/fault_shim.so", "FAULT_AT": str(at), "FAULT_MODE": mode}
+                done = run(*self.words("--page", "100"), check=False, env={**self.nas.environment, **shim})
+                ended_well = ended_well + 1 if done.returncode == 0 else 0
+                faults += done.returncode != 0
         self.ship()
         self.expect_same()
         print(f"{faults} faults at single calls")
 
     def test_kills(self):
-        """At any moment, also of the server's and the daemon's."""
-        for kill in range(400):
+        """At any moment."""
+        for kill in range(340):
             if kill % 4 == 0:
                 self.nas.add("server_log", server_rows(300, 300 * kill))
             shipper = subprocess.Popen(self.words("--page", "100"), env=self.nas.environment, stderr=subprocess.DEVNULL)
@@ -146,6 +127,28 @@ class ShipTest(unittest.TestCase):
             eventually(self.all_shipped)
         self.assertIsNone(shipper.poll())
         self.expect_same()
+
+
+class ShipTest(Shipping):
+    def test_backlog(self):
+        self.nas.add("server_log", server_rows(100_000))
+        self.nas.add("client_log", client_rows(5_000))
+        self.ship()
+        self.expect_same()
+
+    def test_strange(self):
+        far = [0, 4294967296, *FAR]
+        texts = [b"", b"a\tb\nc\\d\re", b"DOMAIN\\alice", "größe 日本".encode(), b"\xff\xfe \x80", b"\xf4\x8f\xba\x81", b"\\N",
+                 b"\\.", b"\x01\x7f", b"x" * 1024, b"\xed\xa0\x80", b"'; DROP TABLE"]
+        self.nas.add("server_log", [(text, -5, 7, far[n % 4], text, text, text, -2**63, 2**63 - 1, 0, 0, text, 99)
+                                    for n, text in enumerate(texts)])
+        self.ship()
+        self.expect_same()
+        self.nas.execute("INSERT INTO conn_server_log (username, time, uptime) VALUES ('late', 9223372036854775807, -1)")
+        self.ship()
+        self.assertEqual(cluster.sql("SELECT time, uptime FROM zorv.server_log WHERE username = 'late'"),
+                         [["infinity", str(2**63 - 1)]])
+        self.assertNotEqual(cluster.sql("SELECT count(*) FROM zorv.sessions"), [["0"]])
 
     def test_refusals(self):
         """A server that is read-only, full, or has another schema; a daemon that is away."""
@@ -240,13 +243,11 @@ class ShipTest(unittest.TestCase):
                                      "AND vpn_type = 'OpenVPN' AND action IN ('Login OK', 'Logout')", "report"), [["2"]])
 
 
-def cluster_time(seconds, known={}):
-    if seconds not in known:
-        wanted = range(seconds, seconds + 150_000) if seconds in range(10**9, 2 * 10**9) else [seconds]
-        moments = cluster.sql("SET timezone = 'UTC'; SELECT to_timestamp(n) FROM generate_series("
-                              f"{wanted[0]}::bigint, {wanted[-1]}::bigint) AS n")
-        known.update(zip(wanted, (moment[0] for moment in moments)))
-    return known[seconds]
+def moment(seconds):
+    """As PostgreSQL writes it, and Python cannot beyond the year 9999."""
+    if seconds in FAR:
+        return FAR[seconds]
+    return (datetime.datetime(1970, 1, 1) + datetime.timedelta(seconds=seconds)).strftime("%Y-%m-%d %H:%M:%S+00").zfill(22)
 
 
 if __name__ == "__main__":
