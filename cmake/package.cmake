@@ -1,7 +1,8 @@
 # What is installed where, and the Debian packages made of it: script/package.
 #
 # zorvd is the daemon with everything around it; libzorv1 is the C interface for VPN servers' plugins,
-# libpam-zorv the PAM module, zorv-wireguard the watcher of WireGuard interfaces; zorv-dev is for programs that call the daemon.
+# libpam-zorv the PAM module, zorv-wireguard the watcher of WireGuard interfaces, zorv-ship what ships logs to
+# PostgreSQL; zorv-dev is for programs that call the daemon.
 include(GNUInstallDirs)
 set(package ${CMAKE_SOURCE_DIR}/packaging)
 
@@ -17,7 +18,7 @@ if(TARGET platformd)
   list(APPEND units platformd)
 endif()
 
-foreach(manual ${manuals} pam_zorv.8 zorv-wireguard.8)
+foreach(manual ${manuals} pam_zorv.8 zorv-wireguard.8 zorv-ship.8)
   string(REGEX MATCH "[0-9]$" section ${manual})
   add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/man/${manual}.gz
                      COMMAND gzip -9nc ${package}/man/${manual} > ${CMAKE_BINARY_DIR}/man/${manual}.gz
@@ -86,6 +87,16 @@ install(FILES ${package}/systemd/zorv-wireguard@.service DESTINATION /lib/system
 install(FILES ${CMAKE_BINARY_DIR}/man/zorv-wireguard.8.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT zorv-wireguard)
 
+if(TARGET zorv-ship)
+  install(TARGETS zorv-ship RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorv-ship)
+  install(FILES ${package}/systemd/zorv-ship.service DESTINATION /lib/systemd/system COMPONENT zorv-ship)
+  install(FILES ${CMAKE_BINARY_DIR}/man/zorv-ship.8.gz
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT zorv-ship)
+  install(PROGRAMS ${package}/zorv-ship-spread.sh
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/zorv-ship COMPONENT zorv-ship)
+  set(ship_package zorv-ship)
+endif()
+
 # For one pppd only: its folder of plugins bears its version.
 if(TARGET zorv_ppp)
   install(TARGETS zorv_ppp LIBRARY DESTINATION lib/pppd/${ZORV_PPPD_VERSION} COMPONENT zorv-ppp)
@@ -98,7 +109,8 @@ set(CPACK_PACKAGE_VENDOR "zorvd")
 set(CPACK_PACKAGE_CONTACT "zorvd maintainers <zorvd@localhost>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 zorv-wireguard ${pam_package} ${ppp_package})
+set(CPACK_COMPONENTS_ALL zorvd zorv-dev libzorv1 zorv-wireguard ${pam_package} ${ppp_package}
+    ${ship_package})
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -165,6 +177,18 @@ set(CPACK_DEBIAN_ZORV-WIREGUARD_DESCRIPTION "Recorder of the sessions of WireGua
 set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_CONTROL_EXTRA
     "${package}/debian/zorv-wireguard/postinst;${package}/debian/zorv-wireguard/prerm")
 set(CPACK_DEBIAN_ZORV-WIREGUARD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_NAME zorv-ship)
+set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_DEPENDS
+    "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libfmt9 (>= 9.1), libpq5 (>= 15)")
+set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_RECOMMENDS "zorvd, postgresql-client")
+set(CPACK_DEBIAN_ZORV-SHIP_DESCRIPTION "Ships a NAS's VPN connection logs to PostgreSQL
+ Reads new rows of the logs that the VPN service's record daemon keeps and writes
+ each once to a PostgreSQL database, which keeps those of many NASes.")
+set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_CONTROL_EXTRA
+    "${package}/debian/zorv-ship/postinst;${package}/debian/zorv-ship/prerm")
+set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_NAME zorv-ppp)
 set(CPACK_DEBIAN_ZORV-PPP_PACKAGE_SECTION net)

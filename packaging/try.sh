@@ -50,6 +50,10 @@ mkdir -p /var/lib/zorv-wireguard
 zorv-wireguard --once wg0
 [ -s /var/lib/zorv-wireguard/wg0.json ]
 
+step "the shipper"
+zorv-ship --schema | grep -q 'CREATE TABLE IF NOT EXISTS zorv.server_log'
+zorv-ship --to 'host=/nowhere' --name nas 2>&1 | grep 'No such file'
+
 step "stopping"
 pid=$(cat /var/run/zorvd.pid)
 kill "$pid"

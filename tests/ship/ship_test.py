@@ -144,11 +144,12 @@ class ShipTest(Shipping):
                                     for n, text in enumerate(texts)])
         self.ship()
         self.expect_same()
-        self.nas.execute("INSERT INTO conn_server_log (username, time, uptime) VALUES ('late', 9223372036854775807, -1)")
+        self.nas.execute("INSERT INTO conn_server_log (username, time, uptime, action) "
+                         "VALUES ('late', 9223372036854775807, -1, 3)")
         self.ship()
         self.assertEqual(cluster.sql("SELECT time, uptime FROM zorv.server_log WHERE username = 'late'"),
                          [["infinity", str(2**63 - 1)]])
-        self.assertNotEqual(cluster.sql("SELECT count(*) FROM zorv.sessions"), [["0"]])
+        self.assertEqual(cluster.sql("SELECT ended FROM zorv.sessions WHERE username = 'late'"), [["infinity"]])
 
     def test_refusals(self):
         """A server that is read-only, full, or has another schema; a daemon that is away."""
