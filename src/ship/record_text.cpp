@@ -85,11 +85,12 @@ void append_copy_line(const zorv::TableSchema& table, const void* record, std::s
 }
 
 std::string digest_of(const zorv::TableSchema& table, const void* record) {
+  constexpr std::string_view kEnd("\0", 1);
   Digest digest;
   for (const zorv::Field& field : table.fields) {
     const zorv::FieldValue value = get(field, record);
     const auto* text = std::get_if<std::string_view>(&value);
-    digest.add(text != nullptr ? *text : number_text(value)).add({"", 1});
+    digest.add(text != nullptr ? *text : number_text(value)).add(kEnd);
   }
   return digest.text();
 }

@@ -1,4 +1,5 @@
 """Real servers for the tests and benchmarks of zorv-ship: PostgreSQL and zorvd, each in a folder of its own."""
+import atexit
 import os
 import pwd
 import shutil
@@ -53,6 +54,7 @@ class Cluster:
                        f"port = {port or 5432}\nfsync = off\nmax_connections = 300\n{settings}\n")
         self.to = f"host={folder} port={port or 5432} dbname=postgres"
         self.start()
+        atexit.register(self.stop, "immediate")
 
     def start(self):
         run(f"{PG}/pg_ctl", "-D", self.data, "-l", f"{self.folder}/log", "-w", "start", cwd="/", **DROP)
@@ -87,6 +89,7 @@ class Nas:
         self.environment = {**os.environ, "ZORV_ROOT": folder}
         self.written = {"server_log": [], "client_log": []}
         self.start()
+        atexit.register(lambda: self.daemon.kill())
 
     def start(self):
         self.daemon = subprocess.Popen([f"{self.bin}/zorvd"], env=self.environment, stderr=subprocess.DEVNULL)

@@ -173,6 +173,8 @@ class ShipTest(Shipping):
         self.expect_same()
         self.nas.stop()
         self.assertIn("the daemon is not running", self.ship(status=3))
+        for to in ("host=x password=secret", "postgresql://nas:secret@x/vpn"):
+            self.assertIn("can be read by every user", self.ship("--to", to, "--take-over", status=2))
         self.nas.start()
 
     def test_generations(self):
