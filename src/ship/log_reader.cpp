@@ -30,7 +30,7 @@ int LogReader::query(record_int64 start, record_int64 count, bool newest_first,
   const record_uint64 there =
       page.total - std::min<record_uint64>(page.total, static_cast<record_uint64>(start));
   if (page.total == zorv_api::kTableUnread ||
-      page.count != std::min(there, static_cast<record_uint64>(count))) {
+      page.count < std::min(there, static_cast<record_uint64>(count))) {
     return kTableNotRead;
   }
   *ret_page = std::move(page);
