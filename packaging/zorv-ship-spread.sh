@@ -41,7 +41,7 @@ CREATE EXTENSION IF NOT EXISTS postgres_fdw;
 DO \$\$ BEGIN
   IF NOT EXISTS (SELECT FROM pg_foreign_server WHERE srvname = 'zorv_shard_$number') THEN
     CREATE SERVER zorv_shard_$number FOREIGN DATA WRAPPER postgres_fdw
-      OPTIONS ($options, async_capable 'true', batch_size '1000', fetch_size '10000');
+      OPTIONS ($options, async_capable 'true', fetch_size '10000');
   END IF;
 END \$\$;
 DROP USER MAPPING IF EXISTS FOR PUBLIC SERVER zorv_shard_$number;

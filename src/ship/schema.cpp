@@ -64,9 +64,16 @@ CREATE INDEX IF NOT EXISTS {0}_username ON zorv.{0} (username, time);
 CREATE INDEX IF NOT EXISTS {0}_time ON zorv.{0} (time);
 )";
 
+// Row-level security does not check what goes to foreign tables: a trigger does.
 constexpr const char* kSpread = R"(
 CREATE TABLE IF NOT EXISTS zorv.{0} (nas text NOT NULL, generation bigint NOT NULL, {1},
   arrived timestamptz NOT NULL DEFAULT now()) PARTITION BY HASH (nas);
+CREATE OR REPLACE FUNCTION zorv.refuse_name() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+  RAISE insufficient_privilege USING MESSAGE = 'rows of "' || NEW.nas || '" are refused from another role';
+END $$;
+CREATE OR REPLACE TRIGGER own BEFORE INSERT ON zorv.{0} FOR EACH ROW
+  WHEN (NEW.nas IS DISTINCT FROM current_user) EXECUTE FUNCTION zorv.refuse_name();
 )";
 
 // {0}: the log, {1}: how many shards, {2}: which

@@ -1,5 +1,5 @@
-// Loaded in front of the C library: the FAULT_AT-th call on a socket ends the process
-// (FAULT_MODE=kill) or the connection (cut).
+// Loaded in front of the C library: the FAULT_AT-th call on a socket ends the process (FAULT_MODE=kill) or the
+// connection (cut).
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <signal.h>
@@ -8,16 +8,10 @@
 #include <unistd.h>
 
 static void count_call(int descriptor) {
-  static long calls;
-  const char* const at = getenv("FAULT_AT");
-  const char* const mode = getenv("FAULT_MODE");
-  if (at == NULL || mode == NULL || ++calls != atol(at)) {
-    return;
+  static int calls;
+  if (++calls == atoi(getenv("FAULT_AT"))) {
+    *getenv("FAULT_MODE") == 'k' ? kill(getpid(), SIGKILL) : shutdown(descriptor, SHUT_RDWR);
   }
-  if (mode[0] == 'k') {
-    kill(getpid(), SIGKILL);
-  }
-  shutdown(descriptor, SHUT_RDWR);
 }
 
 #define COUNTED(result, name, parameters, ...)                                \
@@ -27,13 +21,9 @@ static void count_call(int descriptor) {
     return real(__VA_ARGS__);                                                 \
   }
 
-COUNTED(int, connect, (int descriptor, const struct sockaddr* address, socklen_t size), descriptor,
-        address, size)
-COUNTED(ssize_t, send, (int descriptor, const void* bytes, size_t size, int flags), descriptor,
-        bytes, size, flags)
-COUNTED(ssize_t, recv, (int descriptor, void* bytes, size_t size, int flags), descriptor, bytes,
-        size, flags)
-COUNTED(ssize_t, sendmsg, (int descriptor, const struct msghdr* message, int flags), descriptor,
-        message, flags)
-COUNTED(ssize_t, recvmsg, (int descriptor, struct msghdr* message, int flags), descriptor, message,
-        flags)
+// clang-format off
+COUNTED(int, connect, (int descriptor, const struct sockaddr* address, socklen_t size), descriptor, address, size)
+COUNTED(ssize_t, send, (int descriptor, const void* bytes, size_t size, int flags), descriptor, bytes, size, flags)
+COUNTED(ssize_t, recv, (int descriptor, void* bytes, size_t size, int flags), descriptor, bytes, size, flags)
+COUNTED(ssize_t, sendmsg, (int descriptor, const struct msghdr* message, int flags), descriptor, message, flags)
+COUNTED(ssize_t, recvmsg, (int descriptor, struct msghdr* message, int flags), descriptor, message, flags)

@@ -5,7 +5,6 @@ import pwd
 import shutil
 import sqlite3
 import subprocess
-import tempfile
 import time
 
 PG = "/usr/lib/postgresql/15/bin"
@@ -16,7 +15,6 @@ if os.getuid() == 0:  # PostgreSQL refuses root
 
 
 MEMORY = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None  # no disk is waited for
-templates = {}
 
 
 def run(*words, check=True, **options):
@@ -42,13 +40,8 @@ class Cluster:
         os.makedirs(folder)
         if DROP:
             os.chown(folder, DROP["user"], DROP["group"])
-        if not templates:
-            run(f"{PG}/initdb", "-D", self.data, "-U", "owner", "-A", "trust", "-E", "UTF8", "--locale=C", "--no-sync",
-                cwd="/", **DROP)
-            templates["data"] = tempfile.TemporaryDirectory(prefix="zship.", dir=MEMORY)
-            run("cp", "-a", self.data, templates["data"].name)
-        else:
-            run("cp", "-a", f"{templates['data'].name}/data", self.data)
+        run(f"{PG}/initdb", "-D", self.data, "-U", "owner", "-A", "trust", "-E", "UTF8", "--locale=C", "--no-sync", cwd="/",
+            **DROP)
         with open(f"{self.data}/postgresql.conf", "a") as file:
             file.write(f"unix_socket_directories = '{folder}'\nlisten_addresses = '{'localhost' if port else ''}'\n"
                        f"port = {port or 5432}\nfsync = off\nmax_connections = 300\n{settings}\n")
