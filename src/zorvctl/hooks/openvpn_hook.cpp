@@ -20,9 +20,9 @@ static_assert(kFailed == kRefuse);  // so are words that are wrong before a hook
 
 constexpr const char* kHookHelp =
     "In a server's configuration (script-security 2):\n"
-    "  client-connect        \"/usr/bin/zorvctl hook openvpn\"\n"
-    "  client-disconnect     \"/usr/bin/zorvctl hook openvpn\"\n"
-    "  auth-user-pass-verify \"/usr/bin/zorvctl hook openvpn -- CHECKER ARG\" via-file\n\n"
+    "  client-connect        \"/etc/zorv/openvpn-hook\"\n"
+    "  client-disconnect     \"/etc/zorv/openvpn-hook\"\n"
+    "  auth-user-pass-verify \"/etc/zorv/openvpn-hook -- CHECKER ARG\" via-file\n\n"
     "A login and a logout become records of \"server-log\". A user who is blocked is refused "
     "before\n"
     "CHECKER, which is what would stand there without zorvctl, sees the password, and is told for\n"
@@ -47,8 +47,8 @@ constexpr const char* kHookHelp =
     "/var/spool/zorv until it is started again, counted failures do not.\n\n"
     "In a client's configuration, for records of \"client-log\":\n"
     "  setenv username alice\n"
-    "  route-up \"/usr/bin/zorvctl hook openvpn\"\n"
-    "  down     \"/usr/bin/zorvctl hook openvpn\"\n"
+    "  route-up \"/etc/zorv/openvpn-hook\"\n"
+    "  down     \"/etc/zorv/openvpn-hook\"\n"
     "  down-pre\n\n"
     "Exit status, as OpenVPN reads it: 0 go on, 1 refuse (wrong words, too), 2 deferred by "
     "CHECKER.";
