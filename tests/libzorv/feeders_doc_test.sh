@@ -18,15 +18,15 @@ cd "$ZORV_ROOT"
 mkdir -p etc/config/zorv var/log/network var/lock var/run
 echo '{"global": {"enable": true, "limit": 1, "time": 5}}' >etc/config/vpn_block.conf
 platformd >platformd.out & zorvd >zorvd.out &
-for language in c python sh; do sed -n "/^\`\`\`$language\$/,/^\`\`\`\$/{/^\`/!p}" "$source/docs/feeders.md" >"example.$language"; done
-"$compiler" -std=c89 -pedantic -Wall -Werror example.c -o example -I"$source/src/libzorv" -L"$build/lib" -lzorv
+cp "$build"/examples/login.* .
+"$compiler" -std=c89 -pedantic -Wall -Werror login.c -o login -I"$source/src/libzorv" -L"$build/lib" -lzorv
 for _ in $(seq 400); do zorvctl block list && zorvctl block policy && break; sleep 0.05; done >/dev/null 2>&1
 
-for run in ./example "python3 example.python" "sh example.sh"; do same outputs "" "$($run 2>&1)"; done
+for run in ./login "python3 login.py" "sh login.sh"; do same outputs "" "$($run 2>&1)"; done
 row=alice,4,0,192.0.2.7,,0,0,2
 same rows "$(printf '%s\n' $row $row $row)" "$(zorvctl server-log list -q -o csv | tr -d '\r' | cut -d, -f2-4,7,8,11,12,14)"
 zorvctl block fail alice
-for run in ./example "python3 example.python" "sh example.sh"; do
+for run in ./login "python3 login.py" "sh login.sh"; do
   status=0
   said=$($run 2>&1) || status=$?
   same "ends of $run" 4 "$status$said"
