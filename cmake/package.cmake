@@ -9,7 +9,7 @@ set(package ${CMAKE_SOURCE_DIR}/packaging)
 install(TARGETS zorvd zorv-check RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
 install(TARGETS zorvctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT zorvd)
 set(manuals zorvd.8 zorv-check.8 zorvctl.1)
-set(units zorvd.service zorvd.socket zorv-spool.service)
+set(units zorvd.service zorvd.socket zorv-spool.service zorvd-logrotate.service zorvd-logrotate.timer)
 if(TARGET platformd)
   install(TARGETS platformd RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT zorvd)
   # The daemon runs /usr/local/sbin/notify, which is no package's to own: tmpfiles links it here.
@@ -35,9 +35,11 @@ add_custom_target(manuals ALL DEPENDS ${compressed})
 list(TRANSFORM units PREPEND ${package}/systemd/)
 install(FILES ${units} DESTINATION /lib/systemd/system COMPONENT zorvd)
 install(FILES ${package}/tmpfiles.conf DESTINATION lib/tmpfiles.d RENAME zorvd.conf COMPONENT zorvd)
-install(FILES ${package}/logrotate.conf DESTINATION /etc/logrotate.d RENAME zorvd COMPONENT zorvd)
+install(FILES ${package}/logrotate.conf DESTINATION /etc/zorv COMPONENT zorvd)
 install(FILES ${package}/vpn_block.conf DESTINATION /etc/config COMPONENT zorvd)
 install(PROGRAMS ${package}/openvpn-hook DESTINATION /etc/zorv COMPONENT zorvd)
+install(FILES ${package}/debian/lintian-overrides
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME zorvd COMPONENT zorvd)
 install(FILES ${package}/completion/zorvctl.bash
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME zorvctl
         COMPONENT zorvd)
@@ -153,11 +155,10 @@ stand-ins for the services of the NAS's platform.")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_DEPENDS
     "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libsqlite3-0 (>= 3.24.0), \
 libjansson4 (>= 2.14), libfmt9 (>= 9.1), init-system-helpers (>= 1.54~), \
-systemd-standalone-tmpfiles | systemd")
-set(CPACK_DEBIAN_ZORVD_PACKAGE_RECOMMENDS "logrotate")
+systemd-standalone-tmpfiles | systemd, logrotate")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_SUGGESTS "bash-completion, libjs-chart.js, sqlite3")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_EXTRA
-    "${package}/debian/postinst;${package}/debian/prerm;${package}/debian/postrm;\
+    "${package}/debian/preinst;${package}/debian/postinst;${package}/debian/prerm;${package}/debian/postrm;\
 ${package}/debian/conffiles")
 set(CPACK_DEBIAN_ZORVD_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
