@@ -36,7 +36,7 @@ cat /var/log/network/notifications.jsonl
 step "the libraries"
 ldconfig -p | grep 'libzorv.so.1 '
 module=$(ls /usr/lib/*/security/pam_zorv.so)
-! ldd "$module" | grep 'not found'
+ldd "$module" | grep 'not found' && exit 1
 echo 'auth required pam_zorv.so preauth' >/etc/pam.d/vpn
 dpkg --remove libpam-zorv 2>&1 | grep '/etc/pam.d/vpn'
 [ ! -e "$module" ]
@@ -66,7 +66,11 @@ wait "$platform"
 step "removing"
 dpkg --verify zorvd
 dpkg --remove zorvd
-[ ! -e /usr/local/sbin/notify ] && [ ! -e /usr/sbin/zorvd ] && [ -e /etc/config/zorv/zorv.db ]
+[ ! -e /usr/local/sbin/notify ]
+[ ! -e /usr/sbin/zorvd ]
+[ -e /etc/config/zorv/zorv.db ]
 dpkg --purge zorvd
-[ ! -e /etc/logrotate.d/zorvd ] && [ ! -e /etc/config/vpn_block.conf ] && [ -e /etc/config/zorv/zorv.db ]
+[ ! -e /etc/zorv ]
+[ ! -e /etc/config/vpn_block.conf ]
+[ -e /etc/config/zorv/zorv.db ]
 echo "the package works on $(dpkg --print-architecture)"
