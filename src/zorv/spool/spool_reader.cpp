@@ -89,8 +89,9 @@ void SpoolReader::make_folders() const {
     const std::string name = std::to_string(user);
     if (mkdirat(folder_.get(), name.c_str(), 0700) == 0 || errno == EEXIST) {
       // Also where one that was killed in between has left it root's.
-      fchmodat(folder_.get(), name.c_str(), 0770, 0);
-      fchownat(folder_.get(), name.c_str(), user, 0, AT_SYMLINK_NOFOLLOW);
+      [[maybe_unused]] const bool given =
+          fchmodat(folder_.get(), name.c_str(), 0770, 0) == 0 &&
+          fchownat(folder_.get(), name.c_str(), user, 0, AT_SYMLINK_NOFOLLOW) == 0;
     }
   }
 }
