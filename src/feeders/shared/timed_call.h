@@ -16,8 +16,8 @@ struct timed_call {
 /* A call that takes what is left of `deadline_ms` after `spent_ms`. False: nothing is left. */
 bool begin_call(struct timed_call* ret_call, uint32_t deadline_ms, uint64_t spent_ms);
 
-/* A call for a record, which waits in the spool where the daemon does not take it: with nothing left
- * the daemon is not asked, and it waits all the same. */
+/* A call for a record, which waits in the spool where the daemon does not take it: with nothing
+ * left the daemon is not asked, and it waits all the same. */
 void begin_record(struct timed_call* ret_call, uint32_t deadline_ms, uint64_t spent_ms);
 
 /* Whether a record waits now, or would, if it could be kept. */

@@ -52,8 +52,7 @@ struct Search {
 // As it stands in a record, where a longer one is cut.
 std::string_view name_of(int text_count, char** texts) {
   constexpr int kColumn = 1;
-  static_assert(&zorv::kBlockFields[kColumn] ==
-                zorv::named_field(zorv::kBlockFields, "username"));
+  static_assert(&zorv::kBlockFields[kColumn] == zorv::named_field(zorv::kBlockFields, "username"));
   const char* const name = text_count > kColumn ? texts[kColumn] : nullptr;
   return name != nullptr ? std::string_view(name, strnlen(name, sizeof Record::username - 1)) : "";
 }

@@ -193,8 +193,8 @@ int show_statistics(const StatsOptions& options) {
     return status;
   }
   std::string out;
-  const auto writer = find_format(options.output)
-                          ->make_writer({grouping.fields, output_style(options)}, &out);
+  const auto writer =
+      find_format(options.output)->make_writer({grouping.fields, output_style(options)}, &out);
   unsigned long long shown = 0;
   for (const auto* group : in_order(grouping, groups, field, descending)) {
     if (options.limit != 0 && shown == options.limit) {
