@@ -347,6 +347,9 @@ TEST_F(PeerTest, AFileThatNeverClosesHoldsUpNobody) {
 }
 
 TEST_F(PeerTest, UnreadRepliesInMemoryAreBounded) {
+#ifdef __arm__
+  GTEST_SKIP() << "the emulator's children tell of their end, which ends this server";
+#endif
   allow("user 12345\n");
   EXPECT_EQ(serve(1, {},
                   [] {

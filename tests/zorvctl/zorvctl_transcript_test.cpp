@@ -1,6 +1,7 @@
 // zorvctl as it is run, with the real daemons: each transcript is what a shell shows, a command
 // behind each "$ " and an exit status that is not 0 in brackets.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -10,6 +11,12 @@
 #include "harness/daemon.h"
 
 namespace {
+
+#ifdef __arm__
+constexpr bool kIsEmulated = true;
+#else
+constexpr bool kIsEmulated = false;
+#endif
 
 const std::string kFolder = ZORV_SOURCE "/tests/zorvctl/transcripts/";
 
@@ -47,6 +54,9 @@ class Transcript : public testing::TestWithParam<std::string> {
 };
 
 TEST_P(Transcript, IsWhatHappens) {
+  if (GetParam() == "refused" && (geteuid() != 0 || kIsEmulated)) {
+    GTEST_SKIP() << "only root can be somebody else, and the emulator is root's";
+  }
   std::ifstream file(kFolder + GetParam() + ".txt");
   std::vector<std::pair<std::string, std::string>> steps;
   for (std::string line; std::getline(file, line);) {
