@@ -64,6 +64,9 @@ Finding ask(sqlite3* db, const char* pragma) {
         return 0;
       },
       &answer, nullptr);
+  if (sqlite3_extended_errcode(db) == SQLITE_READONLY_ROLLBACK) {
+    return {Verdict::damaged, "a transaction was cut off"};
+  }
   if (result != SQLITE_OK) {
     return {verdict_of(result), sqlite3_errmsg(db)};
   }

@@ -1,24 +1,25 @@
 #!/usr/bin/env python3
 """power_cuts_test.py PROGRAM_FOLDER PRELOADED [--full]: cuts the daemon's writes, and zorv-check repairs.
 
-The daemon's writes and syncs are recorded. A cut leaves what was synced and some of the writes since: all before a
-moment, or a random choice, torn at 512 bytes. Then every acknowledged row must be found, none twice, none that was
-deleted, and the daemon must serve. A write may itself have gone over the only copy of a row, as when a page is divided:
-such rows, whose bytes are no longer in the file, count by themselves. --full takes thousands of cuts and kills.
+The daemon's writes and syncs are recorded, of the database and of the journal beside it. A cut leaves what was synced
+and some of the writes since: all before a moment, or a random choice, torn at 512 bytes. Then every acknowledged row
+must be found, none twice, none that was deleted, and the daemon must serve. --full takes thousands of cuts and kills.
 """
 import collections
+import itertools
 import os
 import random
 import signal
 import sqlite3
 import sys
 import threading
-import time
 
 from repairs import Root, expect_repaired
 
 preloaded = sys.argv[2]
 full = "--full" in sys.argv
+FOLDER, JOURNAL = 2, 1
+Event = collections.namedtuple("Event", "position kind file offset data")
 Step = collections.namedtuple("Step", "position words key value drops")
 
 
@@ -47,49 +48,73 @@ def record(root, steps):
     events, at = [], 0
     while at < len(data):
         line_end = data.index(b"\n", at) + 1
-        kind, offset, size = data[at:line_end].split()
-        size = int(size)
-        events.append((line_end + size, kind, int(offset), data[line_end:line_end + size]))
+        kind, *numbers = data[at:line_end].split()
+        file, offset, size = map(int, numbers)
+        kind, file = (b"u", FOLDER) if kind == b"u" else (kind, file)
+        events.append(Event(line_end + size, kind, file, offset, data[line_end:line_end + size]))
         at = line_end + size
     return events, done
 
 
-def apply(image, event):
-    _, kind, offset, data = event
-    if kind == b"t":
-        image[:] = image[:offset].ljust(offset, b"\0")
-    elif kind == b"w":
-        image.extend(bytes(max(0, offset + len(data) - len(image))))
-        image[offset:offset + len(data)] = data
+class Disk:
+    """The database, and the journal as long as the folder names it."""
+
+    def __init__(self, database, journal=b"", is_named=False):
+        self.files, self.is_named = (bytearray(database), bytearray(journal)), is_named
+
+    def copy(self):
+        return Disk(*self.files, self.is_named)
+
+    def apply(self, event):
+        if event.file == FOLDER:
+            self.is_named = event.kind == b"c"
+            if not self.is_named:
+                self.files[JOURNAL].clear()
+            return
+        image = self.files[event.file]
+        if event.kind == b"t":
+            image[:] = image[:event.offset].ljust(event.offset, b"\0")
+        elif event.kind == b"w":
+            image.extend(bytes(max(0, event.offset + len(event.data) - len(image))))
+            image[event.offset:event.offset + len(event.data)] = event.data
+
+    def images(self):
+        return bytes(self.files[0]), bytes(self.files[1]) if self.is_named else None
 
 
-def chosen(pending, is_torn):
+def chosen(pending):
     """Some of the writes, some of them torn, as a disk may have done them."""
-    for position, kind, offset, data in pending:
+    for event in pending:
         choice = random.random()
-        if choice < 0.4 or (kind == b"t" and choice < 0.7):
-            yield position, kind, offset, data
-        elif choice < 0.6 and kind == b"w" and is_torn:
-            for sector in range(0, len(data), 512):
+        if choice < 0.4 or (event.kind != b"w" and choice < 0.7):
+            yield event
+        elif choice < 0.6 and event.kind == b"w":
+            for sector in range(0, len(event.data), 512):
                 if random.random() < 0.5:
-                    yield position, kind, offset + sector, data[sector:sector + 512]
+                    yield event._replace(offset=event.offset + sector, data=event.data[sector:sector + 512])
 
 
-def cuts(image, events, choices, is_torn):
-    """Each (position, synced, image): after each write, and random choices at each sync."""
-    synced, pending = bytes(image), []
+def cuts(disk, events, choices):
+    """Each (position, images): after each write, and random choices at each sync."""
+    synced, pending = disk.copy(), []
     for event in events:
-        if event[1] == b"s":
+        if event.kind == b"s":
             for _ in range(choices if pending else 0):
-                cut = bytearray(synced)
-                for one in chosen(pending, is_torn):
-                    apply(cut, one)
-                yield event[0] - 1, synced, bytes(cut)
-            synced, pending = bytes(image), []
-        else:
-            apply(image, event)
-            pending.append(event)
-            yield event[0], synced, bytes(image)
+                cut = synced.copy()
+                for one in chosen(pending):
+                    cut.apply(one)
+                yield event.position - 1, cut.images()
+            for one in pending:
+                if one.file == event.file:
+                    synced.apply(one)
+            pending = [one for one in pending if one.file != event.file]
+            continue
+        if event.file == JOURNAL and not disk.is_named:
+            pending.append(Event(event.position, b"c", FOLDER, 0, b""))
+            disk.apply(pending[-1])
+        disk.apply(event)
+        pending.append(event)
+        yield event.position, disk.images()
 
 
 def known_after(before, steps, position):
@@ -107,7 +132,7 @@ def known_after(before, steps, position):
     return known, maybe, gone
 
 
-def look_at_cuts(name, steps, choices, before=(), is_torn=True):
+def look_at_cuts(name, steps, choices, before=()):
     with Root() as root, Root() as other:
         root.start()
         root.end()
@@ -115,13 +140,13 @@ def look_at_cuts(name, steps, choices, before=(), is_torn=True):
             with sqlite3.connect(root.database) as base:
                 base.executemany(statement, rows)
         held = root.rows()
-        image = bytearray(open(root.database, "rb").read())
+        disk = Disk(open(root.database, "rb").read())
         events, done = record(root, steps)
         totals = collections.Counter()
-        for position, synced, cut in cuts(image, events, choices, is_torn):
-            expect_repaired(other, *known_after(held, done, position), synced, cut, totals)
+        for position, (image, journal) in cuts(disk, events, choices):
+            expect_repaired(other, *known_after(held, done, position), image, image, totals, journal)
         print(f"{name}: {dict(totals)}", flush=True)
-        return totals
+        assert totals["cuts"] and not totals["rows gone"]
 
 
 def steps_of(count):
@@ -147,43 +172,48 @@ def recycling():
 
 
 def insert_until_refused(root, name, acknowledged):
-    number = 0
-    while root.daemon:
-        number += 1
-        step = client(f"{name}.{number}") if number % 5 == 0 else add(0, random.choice((50, 400, 3000)))
+    for number in itertools.count():
+        step = client(0) if number % 5 == 0 else add(0, random.choice((50, 400, 3000)))
         step.words[3] = f"{name}.{number}"
-        if root.run("zorvctl", *step.words).returncode == 0:
-            acknowledged.append(step.words[3])
+        words = ["block", "fail", step.words[3]] if number % 5 == 1 else step.words
+        if root.run("zorvctl", *words).returncode != 0:
+            return
+        acknowledged.append(step.words[3])
 
 
 def look_at_kills(count):
-    """The daemon is killed while three callers insert, and started again on what was repaired."""
-    totals, acknowledged = collections.Counter(), []
-    with Root() as root:
-        for kill in range(count):
-            root.start()
-            callers = [threading.Thread(target=insert_until_refused, args=(root, f"{kill}.{i}", acknowledged))
-                       for i in range(3)]
-            for caller in callers:
-                caller.start()
-            before = len(acknowledged)
-            while len(acknowledged) == before:
-                time.sleep(random.uniform(0, 0.02))
-            root.end(signal.SIGKILL)
-            for caller in callers:
-                caller.join()
-            check = root.run("zorv-check", "--repair")
-            assert check.returncode in (0, 1), check
-            totals.update({"kills": 1, "repaired": check.returncode})
-            found = root.rows()
-            lost = [key for key in acknowledged if key not in found]
-            assert not lost, f"lost by a kill: {lost}"
-    print(f"kills: {dict(totals | {'acknowledged': len(acknowledged)})}", flush=True)
+    """The daemon is killed in the midst of a write while three callers insert, and started again on what was repaired.
+
+    Each system has 20 kills, so that its tables grow out of their first pages.
+    """
+    totals = collections.Counter()
+    for _ in range(0, count, 20):
+        with Root() as root:
+            acknowledged = []
+            for kill in range(20):
+                root.start(LD_PRELOAD=preloaded, ZORV_KILL_AT=str(random.randint(1, 120)))
+                open(root.recorded, "w").close()
+                callers = [threading.Thread(target=insert_until_refused, args=(root, f"{kill}.{i}", acknowledged))
+                           for i in range(3)]
+                for caller in callers:
+                    caller.start()
+                for caller in callers:
+                    caller.join()
+                assert root.daemon.wait(20) == -signal.SIGKILL
+                os.unlink(root.recorded)
+                interrupted = os.path.exists(f"{root.database}-journal")
+                check = root.run("zorv-check", "--repair")
+                assert check.returncode in (0, 1), check
+                totals.update({"kills": 1, "repaired": check.returncode, "taken back": interrupted})
+                found = root.rows()
+                lost = [key for key in acknowledged if key not in found]
+                assert not lost, f"lost by a kill: {lost}"
+            totals["acknowledged"] += len(acknowledged)
+    print(f"kills: {dict(totals)}", flush=True)
 
 
 random.seed(int(os.environ.get("SEED", "1")))
 look_at_cuts("all kinds", list(steps_of(250 if full else 24)), 3 if full else 1)
 if full:
-    # Whole pages: a torn one may mix rows of one length.
-    look_at_cuts("recycling", *recycling(), is_torn=False)
+    look_at_cuts("recycling", *recycling())
     look_at_kills(1000)

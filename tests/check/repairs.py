@@ -47,10 +47,12 @@ class Root:
             self.daemon.wait(20)
             self.daemon = None
 
-    def write(self, image):
+    def write(self, image, journal=None):
         for name in os.listdir(self.folder):
             os.unlink(f"{self.folder}/{name}")
         open(self.database, "wb").write(image)
+        if journal is not None:
+            open(f"{self.database}-journal", "wb").write(journal)
 
     def rows(self):
         """What each key has, after the whole file was found sound; no key twice."""
@@ -74,21 +76,21 @@ def marks(image, key, value):
     return texts | {image[at - 18:at + len(key)] if at >= 0 else b"none"}
 
 
-def expect_repaired(root, known, maybe, gone, synced, image, totals):
-    root.write(image)
+def expect_repaired(root, known, maybe, gone, synced, image, totals, journal=None):
+    root.write(image, journal)
     check = root.run("zorv-check", "--repair")
     assert check.returncode in (0, 1), check
     found = root.rows()
     totals["cuts"] += 1
     totals["repaired"] += check.returncode
+    totals["taken back"] += bool(journal) and journal[0] != 0
     totals["copied"] += "copied" in check.stdout
     assert not found.keys() & gone, f"came back: {found.keys() & gone}"
     lost = {key for key in known if key not in maybe and found.get(key) != known[key]}
     lost |= {key for key in known.keys() & maybe.keys() if found.get(key) not in (known[key], maybe[key])}
     there = {key for key in lost if marks(synced, key, known[key]) <= marks(image, key, known[key])}
     assert not there, f"not found, though there: {there}, {check}"
-    totals["cuts that went over rows"] += bool(lost)
-    totals["rows gone so"] += len(lost)
+    totals["rows gone"] += len(lost)
     if totals["cuts"] % 100 == 0:
         root.start()
         assert root.run("zorvctl", "server-log", "add", "--username", "after").returncode == 0

@@ -11,6 +11,7 @@
 
 #include "long_conversion.h"
 #include "rooted.h"
+#include "row_keeping_vfs.h"
 
 namespace store {
 namespace {
@@ -52,7 +53,8 @@ int open_connection(Table& table) {
     return SQLITE_OK;
   }
   sqlite3* db = nullptr;
-  const int result = sqlite3_open(os::rooted(table.__db_file.c_str()).c_str(), &db);
+  const int result = sqlite3_open_v2(os::rooted(table.__db_file.c_str()).c_str(), &db,
+                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, row_keeping_vfs());
   table.__db__.reset(db);
   ZORV_LOG_FOR(table.log, info, "db open %p", static_cast<void*>(db));
   if (result != SQLITE_OK) {
