@@ -57,19 +57,15 @@ def record(root, steps):
 
 
 class Disk:
-    """The database, and the journal as long as the folder names it."""
+    """The database, each journal there was, and which of these the folder names."""
 
-    def __init__(self, database, journal=b"", is_named=False):
-        self.files, self.is_named = (bytearray(database), bytearray(journal)), is_named
-
-    def copy(self):
-        return Disk(*self.files, self.is_named)
+    def __init__(self, files, journal=None):
+        self.files = collections.defaultdict(bytearray, {file: bytearray(image) for file, image in files.items()})
+        self.journal = journal
 
     def apply(self, event):
         if event.file == FOLDER:
-            self.is_named = event.kind == b"c"
-            if not self.is_named:
-                self.files[JOURNAL].clear()
+            self.journal = event.offset if event.kind == b"c" else None
             return
         image = self.files[event.file]
         if event.kind == b"t":
@@ -79,7 +75,7 @@ class Disk:
             image[event.offset:event.offset + len(event.data)] = event.data
 
     def images(self):
-        return bytes(self.files[0]), bytes(self.files[1]) if self.is_named else None
+        return bytes(self.files[0]), bytes(self.files[self.journal]) if self.journal else None
 
 
 def chosen(pending):
@@ -96,11 +92,17 @@ def chosen(pending):
 
 def cuts(disk, events, choices):
     """Each (position, images): after each write, and random choices at each sync."""
-    synced, pending = disk.copy(), []
+    synced, pending, newest = Disk(disk.files), [], FOLDER
     for event in events:
+        if event.file == JOURNAL and not disk.journal:
+            newest += 1
+            pending.append(Event(event.position, b"c", FOLDER, newest, b""))
+            disk.apply(pending[-1])
+        if event.file == JOURNAL:
+            event = event._replace(file=newest)
         if event.kind == b"s":
             for _ in range(choices if pending else 0):
-                cut = synced.copy()
+                cut = Disk(synced.files, synced.journal)
                 for one in chosen(pending):
                     cut.apply(one)
                 yield event.position - 1, cut.images()
@@ -109,9 +111,6 @@ def cuts(disk, events, choices):
                     synced.apply(one)
             pending = [one for one in pending if one.file != event.file]
             continue
-        if event.file == JOURNAL and not disk.is_named:
-            pending.append(Event(event.position, b"c", FOLDER, 0, b""))
-            disk.apply(pending[-1])
         disk.apply(event)
         pending.append(event)
         yield event.position, disk.images()
@@ -140,7 +139,7 @@ def look_at_cuts(name, steps, choices, before=()):
             with sqlite3.connect(root.database) as base:
                 base.executemany(statement, rows)
         held = root.rows()
-        disk = Disk(open(root.database, "rb").read())
+        disk = Disk({0: open(root.database, "rb").read()})
         events, done = record(root, steps)
         totals = collections.Counter()
         for position, (image, journal) in cuts(disk, events, choices):
@@ -213,7 +212,7 @@ def look_at_kills(count):
 
 
 random.seed(int(os.environ.get("SEED", "1")))
-look_at_cuts("all kinds", list(steps_of(250 if full else 24)), 3 if full else 1)
+look_at_cuts("all kinds", list(steps_of(250 if full else 24)), 3 if full else 4)
 if full:
     look_at_cuts("recycling", *recycling())
     look_at_kills(1000)

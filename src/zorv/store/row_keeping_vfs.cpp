@@ -258,6 +258,11 @@ int open(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags, 
   return result;
 }
 
+// A journal that came back after a cut would undo what was written without one since.
+int remove(sqlite3_vfs* /*vfs*/, const char* name, int /*is_synced*/) {
+  return real_vfs->xDelete(real_vfs, name, 1);
+}
+
 }  // namespace
 
 const char* row_keeping_vfs() {
@@ -268,6 +273,7 @@ const char* row_keeping_vfs() {
     vfs.szOsFile += static_cast<int>(sizeof(DatabaseFile));
     vfs.zName = kName;
     vfs.xOpen = open;
+    vfs.xDelete = remove;
     sqlite3_vfs_register(&vfs, 0);
   }
   return real_vfs != nullptr ? kName : nullptr;

@@ -13,6 +13,7 @@
 // finds it free.
 //
 // The journal is off: BEGIN and END group the statements of an insert, nothing is ever rolled back.
+// What a cut must not cost is kept below SQLite (row_keeping_vfs.h).
 //
 // All of the store runs on the bus's callback thread, one request at a time, without locks.
 #pragma once
