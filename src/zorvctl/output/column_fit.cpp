@@ -1,6 +1,7 @@
 #include "column_fit.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zorvctl {
 namespace {
@@ -23,19 +24,31 @@ class Fitting {
       : needs_(needs), columns_(columns), left_out_(needs.size()) {}
 
   ColumnFit run() {
-    while (true) {
-      for (const bool compact : {false, true}) {
-        if (fits(compact, kReadable)) {
-          return fit_;
-        }
-      }
-      if (fits(true, 0) || !leave_one_out()) {
-        return fit_;
+    while (!fits_somehow() && leave_one_out()) {
+    }
+    bring_back();
+    return fit_;
+  }
+
+ private:
+  bool fits_somehow() { return fits(false, kReadable) || fits(true, kReadable) || fits(true, 0); }
+
+  // A wide one that is left out makes room for narrow ones that were left out before it.
+  void bring_back() {
+    if (order_.empty() || needs_[order_.back()].compact < kReadable) {
+      return;
+    }
+    for (order_.pop_back(); !order_.empty(); order_.pop_back()) {
+      ColumnFit before = fit_;
+      left_out_[order_.back()] = false;
+      if (!fits(false, kReadable) && !fits(true, kReadable)) {
+        left_out_[order_.back()] = true;
+        fit_ = std::move(before);
+        return;
       }
     }
   }
 
- private:
   // Takes what the terminal lacks from the widest text, down to `least`.
   bool fits(bool compact, unsigned least) {
     fit_ = {compact, {}};
@@ -75,12 +88,14 @@ class Fitting {
       return false;
     }
     left_out_[chosen] = true;
+    order_.push_back(chosen);
     return true;
   }
 
   const std::vector<ColumnNeed>& needs_;
   unsigned columns_;
   std::vector<bool> left_out_;
+  std::vector<size_t> order_;  // in which they were left out
   ColumnFit fit_;
 };
 

@@ -21,7 +21,8 @@ struct ColumnFit {
 };
 
 // What changes a row least comes first: texts cut to a readable length, short forms, texts cut as
-// far as they may be, columns left out. Where that is not enough, rows are wider than `columns`.
+// far as they may be, columns left out, of which those that still fit come back. Where that is not
+// enough, rows are wider than `columns`.
 ColumnFit fit_columns(const std::vector<ColumnNeed>& needs, unsigned columns);
 
 }  // namespace zorvctl
