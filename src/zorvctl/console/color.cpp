@@ -7,6 +7,13 @@
 
 namespace zorvctl {
 
+std::optional<ColorMode> color_mode_of(std::string_view word) {
+  return word == "auto"     ? std::optional(ColorMode::automatic)
+         : word == "always" ? std::optional(ColorMode::always)
+         : word == "never"  ? std::optional(ColorMode::never)
+                            : std::nullopt;
+}
+
 bool is_colored(ColorMode mode) {
   if (mode != ColorMode::automatic) {
     return mode == ColorMode::always;

@@ -49,7 +49,8 @@ std::optional<unsigned long long> rows_before(const ListOptions& options,
     // As elsewhere 0 is all; but who follows and asks for none means that.
     return options.limit == 0 && !following.follow ? std::nullopt : std::optional(options.limit);
   }
-  return following.follow && !options.since ? std::optional(kRowsBeforeFollowing) : std::nullopt;
+  return following.follow && !options.window.since ? std::optional(kRowsBeforeFollowing)
+                                                   : std::nullopt;
 }
 
 void complain_lost(const zorv::TableSchema& table, unsigned long long rows) {

@@ -1,4 +1,5 @@
 #include <unistd.h>
+
 #include <CLI/CLI.hpp>
 
 #include <memory>
@@ -14,22 +15,10 @@
 #include "pager.h"
 #include "record_query.h"
 #include "value_text.h"
+#include "window_options.h"
 
 namespace zorvctl {
 namespace {
-
-// Broken between words, for a screen of 80 columns.
-std::string wrapped(const std::string& text) {
-  constexpr size_t kWidth = 80;
-  std::string result;
-  size_t line = 0;
-  while (text.size() - line > kWidth) {
-    const size_t blank = text.rfind(' ', line + kWidth);
-    result += text.substr(line, blank - line) + "\n";
-    line = blank + 1;
-  }
-  return result + text.substr(line);
-}
 
 int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   RecordQuery query;
@@ -41,7 +30,7 @@ int list_records(const zorv::TableSchema& table, const ListOptions& options) {
   std::string out;
   const auto writer = format.make_writer({table.fields, output_style(options)}, &out);
   const bool to_terminal = isatty(STDOUT_FILENO) == 1;
-  Pager pager(wants_pager(options));
+  Pager pager(wants_pager(options.no_pager));
   bool printed = true;
   QueryEvents events;
   events.on_record = [&](const void* record) {
@@ -89,8 +78,8 @@ std::string list_footer(const zorv::TableSchema& table) {
       "  zorvctl {2} list {3}=alice {3}=bob -j\n"
       "  zorvctl {2} list '{3}~^al' '{4}>=-1h' -o wide\n"
       "  zorvctl {2} list --sort {4} -r -n 10",
-      wrapped("Fields: " + field_names(table) + "."), table.plural, table.noun, "user",
-      typed_name(*table.time), "2026-11-21");
+      fields_sentence(table.fields), table.plural, table.noun, "user", typed_name(*table.time),
+      "2026-11-21");
 }
 
 }  // namespace
@@ -117,10 +106,7 @@ void add_list_verb(CLI::App& noun, const zorv::TableSchema& stored, Run* run) {
         ->type_name("FILTER");
   }
   if (table.time != nullptr) {
-    verb->add_option("-S,--since", given(options->since), "Only from this time on")
-        ->type_name("TIME");
-    verb->add_option("-U,--until", given(options->until), "Only up to this time")
-        ->type_name("TIME");
+    add_window_options(*verb, &options->window);
   }
   verb->footer(list_footer(table));
   // Events have no ids; of blocks, rows change and stay.

@@ -14,7 +14,10 @@
 #include "last_messages.h"
 #include "list_options.h"
 #include "output_options.h"
+#include "pager.h"
 #include "rooted.h"
+#include "window_options.h"
+#include "word_option.h"
 
 namespace zorvctl {
 namespace {
@@ -26,10 +29,10 @@ struct LogOptions {
   bool follow = false;
   std::optional<unsigned long long> limit;
   LogLevel level = LogLevel::debug;
-  std::optional<std::string> since;
-  std::optional<std::string> until;
+  WindowOptions window;
   std::optional<std::string> file;
   ColorMode color = ColorMode::automatic;
+  bool no_pager = false;
 };
 
 std::string_view color_of(std::string_view level) {
@@ -47,23 +50,18 @@ std::string line_of(const LogMessage& message, bool is_colored) {
 
 int read_filter(const LogOptions& options, MessageFilter* ret) {
   ret->level = options.level;
-  for (const auto& [option, text, written] : {std::tuple("--since", &options.since, &ret->since),
-                                              std::tuple("--until", &options.until, &ret->until)}) {
-    std::optional<unsigned long long> time;
-    if (const int status = read_time(option, *text, Zone::local, &time); status != kDone) {
-      return status;
-    }
-    if (time) {
-      *written = time_text(*time, Zone::local);  // texts of times are in the times' order
-    }
-  }
-  return kDone;
+  Window window;
+  const int status = read_window(options.window, Zone::local, &window);
+  // Texts of times are in the times' order.
+  ret->since = window.since ? time_text(*window.since, Zone::local) : "";
+  ret->until = window.until ? time_text(*window.until, Zone::local) : "";
+  return status;
 }
 
 off_t first_offset(const FileTail& log, const LogOptions& options, const MessageFilter& filter) {
-  const unsigned long long usual = options.since    ? 0
-                                   : options.follow ? kLinesBeforeFollowing
-                                                    : kDefaultLimit;
+  const unsigned long long usual = options.window.since ? 0
+                                   : options.follow     ? kLinesBeforeFollowing
+                                                        : kDefaultLimit;
   if (options.follow && options.limit == 0ULL) {
     return log.size();
   }
@@ -92,6 +90,7 @@ int show_log(const LogOptions& options) {
   }
   log.seek(start);
   const bool in_color = is_colored(options.color);
+  const Pager pager(!options.follow && wants_pager(options.no_pager));
   bool printed = true;
   MessageSplitter splitter([&](const LogMessage& message) {
     printed = printed && (!filter.wants(message) || print(line_of(message, in_color)));
@@ -102,7 +101,7 @@ int show_log(const LogOptions& options) {
   }
   do {
     std::string block;
-    while (printed && log.read(&block) != 0) {
+    while (printed && !output_unwanted && log.read(&block) != 0) {
       splitter.add(block);
       block.clear();
     }
@@ -125,28 +124,6 @@ std::optional<LogLevel> level_of(std::string_view word) {
   return std::nullopt;
 }
 
-std::optional<ColorMode> color_mode_of(std::string_view word) {
-  return word == "auto"     ? std::optional(ColorMode::automatic)
-         : word == "always" ? std::optional(ColorMode::always)
-         : word == "never"  ? std::optional(ColorMode::never)
-                            : std::nullopt;
-}
-
-// Keeps what `read` makes of an option's word; `words` are those that it knows.
-template <class Value>
-CLI::callback_t one_of(Value& target, std::optional<Value> (*read)(std::string_view),
-                       const char* option, const char* words) {
-  return [&target, read, option, words](const CLI::results_t& given_words) {
-    const auto value = read(CLI::detail::to_lower(given_words.front()));
-    if (!value) {
-      throw CLI::ValidationError(option,
-                                 fmt::format("'{}' is none of {}", given_words.front(), words));
-    }
-    target = *value;
-    return true;
-  };
-}
-
 }  // namespace
 
 void add_log_noun(CLI::App& program, Run* run) {
@@ -165,17 +142,12 @@ void add_log_noun(CLI::App& program, Run* run) {
   noun->add_option("-p,--priority", one_of(options->level, level_of, "--priority", kLevelWords),
                    fmt::format("Only messages of this level and above: {}", kLevelWords))
       ->type_name("LEVEL");
-  noun->add_option("-S,--since", given(options->since), "Only from this time on")
-      ->type_name("TIME");
-  noun->add_option("-U,--until", given(options->until), "Only up to this time")->type_name("TIME");
+  add_window_options(*noun, &options->window);
   noun->add_option("--file", given(options->file),
                    fmt::format("Another file than {}", kDefaultLogFile))
       ->type_name("FILE");
-  constexpr const char* kColorWords = "auto, always, never";
-  noun->add_option(
-          "--color", one_of(options->color, color_mode_of, "--color", kColorWords),
-          fmt::format("Levels in colour: {}; auto, on a terminal, if not given", kColorWords))
-      ->type_name("WHEN");
+  add_color_option(*noun, &options->color, "Levels");
+  add_pager_option(*noun, &options->no_pager);
   noun->footer(
       "Control characters are shown as \\n, \\x1b. With -f the log is followed through rotation,\n"
       "until Ctrl-C, which ends with 0.\n\n"

@@ -7,13 +7,14 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 
 #include "display_text.h"
 #include "exit_status.h"
+#include "pager.h"
 #include "value_text.h"
 #include "whole_number.h"
+#include "word_option.h"
 
 namespace zorvctl {
 namespace {
@@ -39,6 +40,19 @@ CLI::Validator output_format() {
                        : fmt::format("'{}' is none of {}", text, format_names(false));
           },
           ""};
+}
+
+// Broken between words, for a screen of 80 columns.
+std::string wrapped(const std::string& text) {
+  constexpr size_t kWidth = 80;
+  std::string result;
+  size_t line = 0;
+  while (text.size() - line > kWidth) {
+    const size_t blank = text.rfind(' ', line + kWidth);
+    result += text.substr(line, blank - line) + "\n";
+    line = blank + 1;
+  }
+  return result + text.substr(line);
 }
 
 // Once the whole line was read.
@@ -67,16 +81,6 @@ CLI::Validator column_names(std::span<const zorv::Field> fields) {
             return "";
           },
           ""};
-}
-
-bool wants_color(const OutputOptions& options) {
-  if (options.color != "auto") {
-    return options.color == "always";
-  }
-  const char* const no_color = std::getenv("NO_COLOR");
-  const char* const terminal = std::getenv("TERM");
-  return isatty(STDOUT_FILENO) == 1 && (no_color == nullptr || *no_color == '\0') &&
-         terminal != nullptr && std::strcmp(terminal, "dumb") != 0;
 }
 
 // As a shell that was told of it says, or the terminal itself.
@@ -111,12 +115,14 @@ void add_output_options(CLI::App& verb, OutputOptions* options,
   }
   verb.add_flag("--readable", options->readable, "csv for people: words, local times, units");
   verb.add_flag("--utc", options->utc, "Times, shown and given, are in UTC");
-  verb.add_option("--color", options->color, "auto (on a terminal), always or never")
-      ->check(CLI::IsMember({"auto", "always", "never"}))
-      ->type_name("WHEN");
-  verb.add_flag("--no-pager", options->no_pager, "Not through a pager, which a terminal has");
+  add_color_option(verb, &options->color, "Failures and blocks");
+  add_pager_option(verb, &options->no_pager);
   verb.add_flag("-q,--quiet", options->quiet, "No heading, and no word about further records");
   verb.parse_complete_callback([options] { complain_of_pairs(*options); });
+}
+
+std::string fields_sentence(std::span<const zorv::Field> fields) {
+  return wrapped("Fields: " + field_names(fields) + ".");
 }
 
 Style output_style(const OutputOptions& options) {
@@ -126,14 +132,30 @@ Style output_style(const OutputOptions& options) {
   style.terminal = isatty(STDOUT_FILENO) == 1;
   style.columns = style.terminal ? terminal_columns() : 0;
   style.utf8 = is_utf8_locale();
-  style.color = wants_color(options);
+  style.color = is_colored(options.color);
   style.readable = options.readable;
   style.chosen = options.columns;
   return style;
 }
 
-bool wants_pager(const OutputOptions& options) {
-  return !options.no_pager && isatty(STDOUT_FILENO) == 1;
+void add_color_option(CLI::App& verb, ColorMode* mode, const char* what) {
+  verb.add_option(
+          "--color", one_of(*mode, color_mode_of, "--color", kColorWords),
+          fmt::format("{} in colour: {}; auto, on a terminal, if not given", what, kColorWords))
+      ->type_name("WHEN");
+}
+
+void add_pager_option(CLI::App& verb, bool* no_pager) {
+  verb.add_flag("--no-pager", *no_pager, "Not through a pager, which a terminal has");
+}
+
+bool wants_pager(bool no_pager) {
+  return !no_pager && isatty(STDOUT_FILENO) == 1;
+}
+
+int print_paged(const std::string& text, bool no_pager) {
+  const Pager pager(wants_pager(no_pager));
+  return print(text) && flush_output() ? kDone : kFailed;
 }
 
 // Keeps an option's text, also an empty one, which is a wrong value and not a missing option.

@@ -16,11 +16,21 @@ namespace zorvctl {
 void add_output_options(CLI::App& verb, OutputOptions* options,
                         std::span<const zorv::Field> fields = {});
 
+// For a verb's --help: "Fields: time, user, ...", in lines.
+std::string fields_sentence(std::span<const zorv::Field> fields);
+
+// --color. `what` is coloured.
+void add_color_option(CLI::App& verb, ColorMode* mode, const char* what);
+
 // For the standard output, a terminal or not. Asked before a pager takes its place.
 Style output_style(const OutputOptions& options);
 
-// Whether a pager would show it: on a terminal, unless told not to.
-bool wants_pager(const OutputOptions& options);
+// --no-pager, and whether a pager would show it: on a terminal, unless told not to.
+void add_pager_option(CLI::App& verb, bool* no_pager);
+bool wants_pager(bool no_pager);
+
+// The whole output, through a pager where one is wanted. An exit status.
+int print_paged(const std::string& text, bool no_pager);
 
 // Keeps an option's text, also an empty one, which is a wrong value and not a missing option.
 CLI::callback_t given(std::optional<std::string>& target);

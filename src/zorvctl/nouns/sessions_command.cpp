@@ -13,9 +13,9 @@
 #include "follow_wait.h"
 #include "new_rows.h"
 #include "output_options.h"
-#include "pager.h"
 #include "record_query.h"
 #include "sessions.h"
+#include "window_options.h"
 
 namespace zorvctl {
 namespace {
@@ -72,6 +72,7 @@ SessionRow row_of(const Session& session, uint64_t now) {
 struct SessionOptions : OutputOptions {
   unsigned long long limit = 0;
   bool open = false;
+  WindowOptions window;
   std::optional<std::string> at;
   std::string user;
   bool follow = false;
@@ -102,6 +103,10 @@ int show_sessions(const SessionOptions& options) {
   if (const int status = read_time("--at", options.at, options.zone(), &at); status != kDone) {
     return status;
   }
+  Window window;
+  if (const int status = read_window(options.window, options.zone(), &window); status != kDone) {
+    return status;
+  }
   SessionJoiner joiner;
   if (const int status = read_sessions(&joiner); status != kDone) {
     return status;
@@ -109,11 +114,10 @@ int show_sessions(const SessionOptions& options) {
   std::string out;
   const auto writer =
       find_format(options.output)->make_writer({kFields, output_style(options)}, &out);
-  Pager pager(wants_pager(options));
   const auto now = static_cast<uint64_t>(std::time(nullptr));
   unsigned long long shown = 0;
   for (const Session& session : joiner.newest_first()) {
-    if (options.wants(session) && (!at || session.covers(*at)) &&
+    if (options.wants(session) && window.meets(session) && (!at || session.covers(*at)) &&
         (options.limit == 0 || shown < options.limit)) {
       const SessionRow row = row_of(session, now);
       writer->add(&row);
@@ -121,7 +125,7 @@ int show_sessions(const SessionOptions& options) {
     }
   }
   writer->end_page();
-  return print(out) && flush_output() ? kDone : kFailed;
+  return print_paged(out, options.no_pager);
 }
 
 // The last sessions, and then each that begins or ends.
@@ -178,15 +182,18 @@ void add_sessions_noun(CLI::App& program, Run* run) {
   CLI::Option* at =
       noun->add_option("--at", given(options->at), "Only those that were connected then")
           ->type_name("TIME");
+  add_window_options(*noun, &options->window);
   noun->add_flag("-f,--follow", options->follow,
                  "The last ones, oldest first, and then each that begins or ends")
-      ->excludes(at);
+      ->excludes(at, noun->get_option("--since"), noun->get_option("--until"));
   const CLI::Option* limit =
       noun->add_option("-n,--limit", options->limit, "At most N sessions (0, all, if not given)")
           ->transform(decimal())
           ->type_name("N");
   add_output_options(*noun, options.get(), kFields);
   noun->footer(
+      fields_sentence(kFields) +
+      "\n\n"
       "A session without a logout is still connected, or broken off where a later login has its\n"
       "address in the tunnel or its interface. One whose login is not in the log any more, or\n"
       "never was, shows when it must have begun.\n\n"

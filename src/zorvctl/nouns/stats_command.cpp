@@ -12,6 +12,7 @@
 #include "exit_status.h"
 #include "output_options.h"
 #include "statistics.h"
+#include "value_text.h"
 #include "window_options.h"
 
 namespace zorvctl {
@@ -41,7 +42,7 @@ constexpr auto with_key(const Field& key) {
                     zorv::field<&GroupRow::tx_total>("tx_total", "SENT", Meaning::bytes),
                     zorv::field<&GroupRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
                     zorv::field<&GroupRow::failures>("failures", "FAILURES", Meaning::number),
-                    zorv::field<&GroupRow::last_seen>("last_seen", "LAST SEEN", Meaning::time)};
+                    zorv::field<&GroupRow::last_seen>("last_seen", "LAST-SEEN", Meaning::time)};
 }
 
 constexpr auto kByUser = with_key(zorv::field<&GroupRow::name>("username", "USER", Meaning::text));
@@ -110,17 +111,13 @@ int read_order(const Grouping& grouping, const StatsOptions& options, const Fiel
   const Field* field = grouping.in_order_of_key ? nullptr : &grouping.fields[1];
   bool descending = field != nullptr;
   if (options.sort) {
-    const auto found = std::find_if(grouping.fields.begin(), grouping.fields.end(),
-                                    [&](const Field& one) { return one.name == *options.sort; });
-    if (found == grouping.fields.end()) {
-      std::string names;
-      for (const Field& one : grouping.fields) {
-        names += (names.empty() ? "" : ", ") + std::string(one.name);
-      }
-      complain("'{}' is not a field of these; they have: {}", display_text(*options.sort), names);
+    const Field* const found = field_called(grouping.fields, *options.sort);
+    if (found == nullptr) {
+      complain("'{}' is not a field of these; they have: {}", display_text(*options.sort),
+               field_names(grouping.fields));
       return kUsage;
     }
-    field = found != grouping.fields.begin() ? &*found : nullptr;
+    field = found != &grouping.fields.front() ? found : nullptr;
     descending = false;
   }
   *ret_field = field;
@@ -205,7 +202,7 @@ int show_statistics(const StatsOptions& options) {
     ++shown;
   }
   writer->end_page();
-  return print(out) && flush_output() ? kDone : kFailed;
+  return print_paged(out, options.no_pager);
 }
 
 }  // namespace
@@ -230,8 +227,8 @@ void add_stats_noun(CLI::App& program, Run* run) {
       ->type_name("N");
   add_output_options(*noun, options.get());
   noun->footer(
-      "Fields: username, source_ip, day, hour, vpn_type, sessions, uptime, tx_total, rx_total,\n"
-      "failures, last_seen.\n"
+      "Fields: user, source, day, hour, protocol, sessions, connected, sent, received, failures,\n"
+      "last-seen.\n"
       "Of the first five there is the one that --by asks for.\n"
       "Days and hours are in order, others with the most sessions first. A session counts once "
       "and\n"

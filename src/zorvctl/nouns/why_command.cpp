@@ -99,21 +99,20 @@ std::string state_text(const zorv::BlockVerdict& verdict) {
   return "not blocked any more";
 }
 
-void print_verdict(const WhyOptions& options, const db_privilege_user_block_data& user,
-                   const zorv::PolicyReading& reading) {
+std::string verdict_text(const WhyOptions& options, const db_privilege_user_block_data& user,
+                         const zorv::PolicyReading& reading) {
   const bool is_read = reading.state == zorv::PolicyReading::State::read;
   const zorv::LoginPolicy& policy = reading.policy;
-  print(fmt::format(
-      "{}: {}\n", display_text(options.user),
+  std::string text = fmt::format(
+      "{}: {}\nfailed logins  {}, the last at {}\n", display_text(options.user),
       is_read ? state_text(block_verdict(policy, user.limit, user.timestamp, std::time(nullptr)))
-              : "unknown whether blocked"));
-  print(fmt::format("failed logins  {}, the last at {}\n", user.limit,
-                    time_text(user.timestamp & 0xffffffffU, options.zone())));
+              : "unknown whether blocked",
+      user.limit, time_text(user.timestamp & 0xffffffffU, options.zone()));
   if (is_read && policy.enabled) {
-    print(fmt::format("policy         {} block for {}\n", policy.limit,
-                      duration_text(zorv::block_seconds(policy.minutes))));
+    text += fmt::format("policy         {} block for {}\n", policy.limit,
+                        duration_text(zorv::block_seconds(policy.minutes)));
   }
-  print("\n");
+  return text + "\n";
 }
 
 int why(const WhyOptions& options) {
@@ -142,18 +141,15 @@ int why(const WhyOptions& options) {
     return status;
   }
   const zorv::PolicyReading policy = read_policy_or_complain();
-  if (is_told) {
-    print_verdict(options, user, policy);
-  }
-  std::string out;
+  std::string out = is_told ? verdict_text(options, user, policy) : "";
   const auto writer =
       find_format(options.output)->make_writer({kFields, output_style(options)}, &out);
   for (auto row = failures.rows.rbegin(); row != failures.rows.rend(); ++row) {
     writer->add(&*row);
   }
   writer->end_page();
-  if (!print(out) || !flush_output()) {
-    return kFailed;
+  if (const int status = print_paged(out, options.no_pager); status != kDone) {
+    return status;
   }
   if (failures.found > failures.rows.size() && !options.quiet) {
     complain("there are {} failed logins, the last {} are shown: -n 0 shows all", failures.found,
@@ -181,11 +177,16 @@ void add_why_verb(CLI::App& noun, Run* run) {
                    fmt::format("At most the last N ({} if not given, 0 for all)", kDefaultLimit))
       ->transform(decimal())
       ->type_name("N");
-  add_output_options(*verb, options.get());
+  add_output_options(*verb, options.get(), kFields);
   verb->footer(
+      fields_sentence(kFields) +
+      "\n\n"
       "They are found in the server log: this user's failed logins up to the last that was "
       "counted,\n"
-      "back to a login that worked. Nothing is changed, as a check would.");
+      "back to a login that worked. Nothing is changed, as a check would.\n\n"
+      "Examples:\n"
+      "  zorvctl block why alice\n"
+      "  zorvctl block why alice -n 0 -o csv --columns time,source");
   verb->callback([options, run] { *run = [options] { return why(*options); }; });
 }
 

@@ -1,24 +1,13 @@
-// The time window that statistics are asked for.
+// The time window that records are asked for.
 #pragma once
 
 #include <CLI/App.hpp>
 
-#include <optional>
-#include <string>
-
-#include "statistics.h"
+#include "list_options.h"
 
 namespace zorvctl {
 
-struct WindowOptions {
-  std::optional<std::string> since;
-  std::optional<std::string> until;
-};
-
 // -S and -U. `options` outlives the parser.
 void add_window_options(CLI::App& verb, WindowOptions* options);
-
-// kDone, or kUsage after a complaint that names the wrong word.
-int read_window(const WindowOptions& options, Zone zone, Window* ret_window);
 
 }  // namespace zorvctl

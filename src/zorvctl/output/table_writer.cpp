@@ -4,6 +4,7 @@
 #include <utility>
 #include <vector>
 
+#include "color.h"
 #include "column_fit.h"
 #include "display_text.h"
 #include "record_writer.h"
@@ -13,8 +14,6 @@ namespace zorvctl {
 namespace {
 
 constexpr unsigned kNarrowest = 8;  // a text is cut to no less
-constexpr std::string_view kRed = "\x1b[31m";
-constexpr std::string_view kPlain = "\x1b[0m";
 
 bool is_amount(Meaning meaning) {
   return meaning == Meaning::number || meaning == Meaning::bytes || meaning == Meaning::seconds;
@@ -160,8 +159,7 @@ class TableWriter : public RecordWriter {
       if (!text.empty()) {
         line.append(blanks + (columns_[index].right ? missing : 0), ' ');
         blanks = columns_[index].right ? 0 : missing;
-        line +=
-            style_.color && cell.is_failure ? std::string(kRed) + text + std::string(kPlain) : text;
+        line += style_.color && cell.is_failure ? colored(text, kRed) : text;
       } else {
         blanks += missing;
       }

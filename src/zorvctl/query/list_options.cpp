@@ -61,6 +61,22 @@ int read_time(const char* option, const std::optional<std::string>& text, Zone z
   return kDone;
 }
 
+int read_window(const WindowOptions& options, Zone zone, Window* ret_window) {
+  Window window;
+  int status = read_time("--since", options.since, zone, &window.since);
+  if (status == kDone) {
+    status = read_time("--until", options.until, zone, &window.until);
+  }
+  if (status == kDone && window.since && window.until && *window.since > *window.until) {
+    complain("--since is later than --until");
+    return kUsage;
+  }
+  if (status == kDone) {
+    *ret_window = window;
+  }
+  return status;
+}
+
 int read_query(const zorv::TableSchema& table, const ListOptions& options, RecordQuery* ret_query) {
   ret_query->limit = options.limit;
   ret_query->offset = options.offset;
@@ -89,11 +105,11 @@ int read_query(const zorv::TableSchema& table, const ListOptions& options, Recor
     }
     ret_query->filters.push_back(std::move(filter));
   }
-  int status = read_time("--since", options.since, options.zone(), &ret_query->since);
+  Window window;
+  const int status = read_window(options.window, options.zone(), &window);
   if (status == kDone) {
-    status = read_time("--until", options.until, options.zone(), &ret_query->until);
-  }
-  if (status == kDone) {
+    ret_query->since = window.since;
+    ret_query->until = window.until;
     make_windows(table, ret_query);
   }
   return status;

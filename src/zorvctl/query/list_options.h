@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "color.h"
 #include "record_query.h"
+#include "statistics.h"
 #include "time_argument.h"
 
 namespace zorvctl {
@@ -19,10 +21,15 @@ struct OutputOptions {
   bool quiet = false;
   bool readable = false;
   bool no_pager = false;
-  std::string color = "auto";
+  ColorMode color = ColorMode::automatic;
   std::vector<std::string> columns;  // fields by name; none: those of the format
 
   Zone zone() const { return utc ? Zone::utc : Zone::local; }
+};
+
+struct WindowOptions {
+  std::optional<std::string> since;
+  std::optional<std::string> until;
 };
 
 struct ListOptions : OutputOptions {
@@ -32,8 +39,7 @@ struct ListOptions : OutputOptions {
   bool reverse = false;
   std::optional<std::string> sort;
   std::vector<std::string> filters;
-  std::optional<std::string> since;
-  std::optional<std::string> until;
+  WindowOptions window;
 };
 
 // "id, username, ...".
@@ -44,7 +50,8 @@ std::string field_names(const zorv::TableSchema& table);
 int read_time(const char* option, const std::optional<std::string>& text, Zone zone,
               std::optional<unsigned long long>* ret);
 
-// kDone, or kUsage after a complaint that names the wrong word.
+// Both return kDone, or kUsage after a complaint that names the wrong word.
+int read_window(const WindowOptions& options, Zone zone, Window* ret_window);
 int read_query(const zorv::TableSchema& table, const ListOptions& options, RecordQuery* ret_query);
 
 }  // namespace zorvctl
