@@ -107,7 +107,7 @@ int list_waiting(const OutputOptions& options) {
     }
   }
   writer->end_page();
-  return print(out) && flush_output() ? kDone : kFailed;
+  return print_paged(out, options.no_pager);
 }
 
 using Clock = std::chrono::steady_clock;
