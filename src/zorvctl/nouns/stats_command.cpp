@@ -47,7 +47,7 @@ constexpr auto with_key(const Field& key) {
 
 constexpr auto kByUser = with_key(zorv::field<&GroupRow::name>("username", "USER", Meaning::text));
 constexpr auto kBySource =
-    with_key(zorv::field<&GroupRow::name>("source_ip", "SOURCE", Meaning::text));
+    with_key(zorv::field<&GroupRow::name>("source_ip", "SOURCE", Meaning::address));
 constexpr auto kByDay = with_key(zorv::field<&GroupRow::name>("day", "DAY", Meaning::text));
 constexpr auto kByHour = with_key(zorv::field<&GroupRow::hour>("hour", "HOUR", Meaning::number));
 constexpr auto kByProtocol =

@@ -29,7 +29,7 @@ struct CountedFailure {
 constexpr zorv::Field kFields[] = {
     zorv::field<&CountedFailure::time>("time", "TIME", zorv::Meaning::time),
     zorv::code<&CountedFailure::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols),
-    zorv::field<&CountedFailure::source_ip>("source_ip", "SOURCE", zorv::Meaning::text),
+    zorv::field<&CountedFailure::source_ip>("source_ip", "SOURCE", zorv::Meaning::address),
     zorv::field<&CountedFailure::device_info>("device_info", "DEVICE", zorv::Meaning::text),
 };
 
