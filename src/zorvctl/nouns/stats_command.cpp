@@ -36,22 +36,25 @@ struct GroupRow {
 };
 
 constexpr auto with_key(const Field& key) {
-  return std::array{key,
-                    zorv::field<&GroupRow::sessions>("sessions", "SESSIONS", Meaning::number),
-                    zorv::field<&GroupRow::uptime>("uptime", "CONNECTED", Meaning::seconds),
-                    zorv::field<&GroupRow::tx_total>("tx_total", "SENT", Meaning::bytes),
-                    zorv::field<&GroupRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes),
-                    zorv::field<&GroupRow::failures>("failures", "FAILURES", Meaning::number),
-                    zorv::field<&GroupRow::last_seen>("last_seen", "LAST-SEEN", Meaning::time)};
+  return std::array{
+      key,
+      zorv::field<&GroupRow::sessions>("sessions", "SESSIONS", Meaning::number, {2, 0}),
+      zorv::field<&GroupRow::uptime>("uptime", "CONNECTED", Meaning::seconds, {3, 2}),
+      zorv::field<&GroupRow::tx_total>("tx_total", "SENT", Meaning::bytes, {4, 3}),
+      zorv::field<&GroupRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes, {5, 4}),
+      zorv::field<&GroupRow::failures>("failures", "FAILURES", Meaning::number, {6, 0}),
+      zorv::field<&GroupRow::last_seen>("last_seen", "LAST-SEEN", Meaning::time, {7, 1})};
 }
 
-constexpr auto kByUser = with_key(zorv::field<&GroupRow::name>("username", "USER", Meaning::text));
+constexpr auto kByUser =
+    with_key(zorv::field<&GroupRow::name>("username", "USER", Meaning::text, {1, 0}));
 constexpr auto kBySource =
-    with_key(zorv::field<&GroupRow::name>("source_ip", "SOURCE", Meaning::address));
-constexpr auto kByDay = with_key(zorv::field<&GroupRow::name>("day", "DAY", Meaning::text));
-constexpr auto kByHour = with_key(zorv::field<&GroupRow::hour>("hour", "HOUR", Meaning::number));
-constexpr auto kByProtocol =
-    with_key(zorv::code<&GroupRow::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols));
+    with_key(zorv::field<&GroupRow::name>("source_ip", "SOURCE", Meaning::address, {1, 0}));
+constexpr auto kByDay = with_key(zorv::field<&GroupRow::name>("day", "DAY", Meaning::text, {1, 0}));
+constexpr auto kByHour =
+    with_key(zorv::field<&GroupRow::hour>("hour", "HOUR", Meaning::number, {1, 0}));
+constexpr auto kByProtocol = with_key(
+    zorv::code<&GroupRow::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols, {1, 0}));
 
 struct Grouping {
   const char* name;  // as --by has it
