@@ -19,7 +19,8 @@ static void check(const db_conn_server_log& record) {
   for (const zorvctl::Format* format : zorvctl::kFormats) {
     std::string out;
     const auto writer = format->make_writer(
-        {zorv::kServerLog.fields, nullptr, {zorvctl::Zone::utc, true, true, 80}}, &out);
+        {zorv::kServerLog.fields, {.zone = zorvctl::Zone::utc, .terminal = true, .columns = 80}},
+        &out);
     writer->add(&record);
     writer->end_page();
     for (const char byte : out) {  // none moves the cursor
