@@ -210,8 +210,8 @@ set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_DEPENDS
     "libc6 (>= 2.36), libgcc-s1 (>= 3.5), libstdc++6 (>= 12), libfmt9 (>= 9.1), libpq5 (>= 15)")
 set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_RECOMMENDS "zorvd, postgresql-client")
 set(CPACK_DEBIAN_ZORV-SHIP_DESCRIPTION "Ships a NAS's VPN connection logs to PostgreSQL
- Reads new rows of the logs that the VPN service's record daemon keeps and writes
- each once to a PostgreSQL database, which keeps those of many NASes.")
+Reads new rows of the logs that the VPN service's record daemon keeps and
+writes each once to a PostgreSQL database, which keeps those of many NASes.")
 set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_CONTROL_EXTRA
     "${package}/debian/zorv-ship/postinst;${package}/debian/zorv-ship/prerm")
 set(CPACK_DEBIAN_ZORV-SHIP_PACKAGE_CONTROL_STRICT_PERMISSION ON)
