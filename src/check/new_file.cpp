@@ -16,6 +16,7 @@
 #include "descriptor.h"
 #include "row_pages.h"
 #include "soundness.h"
+#include "whole_file.h"
 #include "zorvd_db_helper.h"
 
 namespace check {
@@ -148,11 +149,6 @@ class NewDatabase {
   int64_t rows_ = 0;
 };
 
-bool sync_folder() {
-  const os::Descriptor folder(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return folder.valid() && fsync(folder.get()) == 0;
-}
-
 // What other programs keep beside a database is for the damaged one only.
 bool move_companions(const std::string& from, const std::string& to) {
   for (const char* companion : kCompanions) {
@@ -264,7 +260,7 @@ bool Salvage::replace() {
   if (!link_aside()) {
     return complain(std::strerror(errno));
   }
-  if (!move_companions(file_, aside_) || !sync_folder() ||
+  if (!move_companions(file_, aside_) || !os::sync_folder_of(file_) ||
       rename(new_file_.c_str(), file_.c_str()) != 0) {
     const std::string reason = std::strerror(errno);
     move_companions(aside_, file_);
@@ -273,7 +269,7 @@ bool Salvage::replace() {
   }
   is_made_ = false;
   drop_oldest(file_, aside_);
-  return sync_folder() || complain(std::strerror(errno));
+  return os::sync_folder_of(file_) || complain(std::strerror(errno));
 }
 
 bool is_in_use(int descriptor) {

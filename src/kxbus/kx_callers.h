@@ -6,9 +6,9 @@
 
 namespace kxbus {
 
-// Root, this process's own user, and whom the service's allow list names: users, members of groups
-// (primary ones as far as the system enumerates its users), and whoever the service may run as.
-// What is wrong with the list is logged. One thread at a time; throws bad_alloc.
-std::set<unsigned> allowed_callers(std::string_view service);
+// Whom the service's allow list names: users, members of groups (primary ones as far as the system
+// enumerates its users), and whoever the service may run as. Root and the service's user need not
+// stand there. What is wrong with the list is logged. One thread at a time; throws bad_alloc.
+std::set<unsigned> listed_callers(std::string_view service);
 
 }  // namespace kxbus

@@ -13,6 +13,7 @@
 
 #include "json_ref.h"
 #include "rooted.h"
+#include "whole_file.h"
 
 namespace wireguard {
 namespace {
@@ -128,17 +129,6 @@ bool complain(const std::string& path) {
   return false;
 }
 
-bool write_all(int descriptor, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t count = write(descriptor, text.data(), text.size());
-    if (count < 0 && errno != EINTR) {
-      return false;
-    }
-    text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
-  }
-  return true;
-}
-
 }  // namespace
 
 std::string book_text(const Book& book) {
@@ -218,13 +208,11 @@ bool BookFile::write(const Book& book) const {
   const std::string next = path_ + ".new";
   os::Descriptor file(
       open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-  const std::string folder = path_.substr(0, path_.rfind('/'));
-  if (text.empty() || !file.valid() || !write_all(file.get(), text) || fsync(file.get()) != 0 ||
+  if (text.empty() || !file.valid() || !os::write_all(file.get(), text) || fsync(file.get()) != 0 ||
       rename(next.c_str(), path_.c_str()) != 0) {
     return false;
   }
-  const os::Descriptor place(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return place.valid() && fsync(place.get()) == 0;
+  return os::sync_folder_of(path_);
 }
 
 }  // namespace wireguard

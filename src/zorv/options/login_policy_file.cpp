@@ -17,6 +17,7 @@
 #include "json_ref.h"
 #include "login_policy.h"
 #include "rooted.h"
+#include "whole_file.h"
 
 namespace zorv {
 namespace {
@@ -85,18 +86,6 @@ bool apply(const PolicyChange& change, json_t* root) {
          (!change.minutes || json_object_set_new(policy, "time", number_of(*change.minutes)) == 0);
 }
 
-bool write_all(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = write(fd, text.data() + done, text.size() - done);
-    if (written < 0 && errno != EINTR) {
-      return false;
-    }
-    done += written > 0 ? static_cast<size_t>(written) : 0;
-  }
-  return true;
-}
-
 // As the file that it replaces.
 bool take_over(int fd, const std::optional<struct stat>& old) {
   if (!old) {
@@ -110,21 +99,19 @@ bool take_over(int fd, const std::optional<struct stat>& old) {
 }
 
 std::string replace_file(const PolicyFile& file, const std::string& text) {
-  const std::string folder = file.path.substr(0, file.path.rfind('/'));
   std::string fresh = file.path + ".XXXXXX";
   const os::Descriptor opened(mkostemp(fresh.data(), O_CLOEXEC));
   if (!opened.valid()) {
     return because("no file can be made beside it");
   }
-  if (!take_over(opened.get(), file.status) || !write_all(opened.get(), text) ||
+  if (!take_over(opened.get(), file.status) || !os::write_all(opened.get(), text) ||
       fsync(opened.get()) != 0 || rename(fresh.c_str(), file.path.c_str()) != 0) {
     const int error = errno;
     unlink(fresh.c_str());
     return because("it cannot be replaced", error);
   }
   // The name is there after a power cut, too; where a folder cannot be synced, sooner or later.
-  const os::Descriptor opened_folder(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  fsync(opened_folder.get());
+  os::sync_folder_of(file.path);
   return "";
 }
 

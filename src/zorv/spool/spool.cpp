@@ -15,6 +15,7 @@
 #include "rooted.h"
 #include "spool_file.h"
 #include "spool_names.h"
+#include "whole_file.h"
 
 namespace zorv::spool {
 namespace {
@@ -90,14 +91,7 @@ int write_whole(int folder, const std::string& name, std::string_view text) {
   if (!file.valid() || fchmod(file.get(), 0644) != 0) {
     return errno;
   }
-  while (!text.empty()) {
-    const ssize_t count = write(file.get(), text.data(), text.size());
-    if (count < 0 && errno != EINTR) {
-      return errno;
-    }
-    text.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
-  }
-  return fsync(file.get()) == 0 ? 0 : errno;
+  return os::write_all(file.get(), text) && fsync(file.get()) == 0 ? 0 : errno;
 }
 
 }  // namespace

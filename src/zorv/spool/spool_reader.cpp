@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <optional>
+#include <set>
 
 #include "kx_callers.h"
 #include "rooted.h"
@@ -27,6 +29,13 @@ std::optional<uid_t> user_of(const std::string& name) {
   const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), user);
   const bool is_number = error == std::errc() && end == name.data() + name.size();
   return is_number && std::to_string(user) == name ? std::optional(user) : std::nullopt;
+}
+
+// Root, this user and whom the daemon's list names.
+std::set<unsigned> allowed_callers() {
+  std::set<unsigned> users = kxbus::listed_callers("zorvd");
+  users.insert({0, geteuid()});
+  return users;
 }
 
 const char* fault_of(const struct stat& about, uid_t owner) {
@@ -85,7 +94,7 @@ void SpoolReader::make_folders() const {
   if (geteuid() != 0) {
     return;
   }
-  for (const uid_t user : kxbus::allowed_callers("zorvd")) {
+  for (const uid_t user : allowed_callers()) {
     const std::string name = std::to_string(user);
     if (mkdirat(folder_.get(), name.c_str(), 0700) == 0 || errno == EEXIST) {
       // Also where one that was killed in between has left it root's.
@@ -97,7 +106,7 @@ void SpoolReader::make_folders() const {
 }
 
 std::vector<Entry> SpoolReader::entries() {
-  const std::set<unsigned> callers = kxbus::allowed_callers("zorvd");
+  const std::set<unsigned> callers = allowed_callers();
   std::vector<Entry> entries;
   for_each_name(folder_.get(), [&](const std::string& name) {
     const std::optional<uid_t> owner = user_of(name);

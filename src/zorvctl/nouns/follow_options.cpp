@@ -36,11 +36,7 @@ bool is_wanted(const zorv::TableSchema& table, const RecordQuery& query, const v
       return false;
     }
   }
-  std::vector<const Filter*> filters;
-  for (const Filter& filter : query.filters) {
-    filters.push_back(&filter);
-  }
-  return match(filters, row);
+  return match(query.filters, row);
 }
 
 std::optional<unsigned long long> rows_before(const ListOptions& options,

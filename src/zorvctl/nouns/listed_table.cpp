@@ -79,15 +79,17 @@ int session_state(const db_server_list_data& session, record_uint64 now) {
   return session.expire_time == 0 ? kNeverExpires : kSessionStates[session.expire_time <= now].code;
 }
 
-void judge(const zorv::PolicyReading& reading, std::time_t now, ListedUser& row) {
+const void* make_user(const void* record, const zorv::PolicyReading& reading, ListedUser& row) {
+  row.record = *static_cast<const db_privilege_user_block_data*>(record);
   row.state = kUnknownState;
   if (reading.state == zorv::PolicyReading::State::read) {
     const zorv::BlockVerdict verdict =
-        block_verdict(reading.policy, row.record.limit, row.record.timestamp, now);
+        block_verdict(reading.policy, row.record.limit, row.record.timestamp, std::time(nullptr));
     row.limit = reading.policy.limit;
     row.state = code_of(verdict.state);
     row.seconds_left = verdict.seconds_left;
   }
+  return &row;
 }
 
 }  // namespace
@@ -105,21 +107,16 @@ RowMaker row_maker(const zorv::TableSchema& listed) {
     };
   }
   if (&listed == &kUsers) {
-    return [policy = read_policy_or_complain(),
-            row = ListedUser()](const void* record) mutable -> const void* {
-      row.record = *static_cast<const db_privilege_user_block_data*>(record);
-      judge(policy, std::time(nullptr), row);
-      return &row;
+    return [policy = read_policy_or_complain(), row = ListedUser()](const void* record) mutable {
+      return make_user(record, policy, row);
     };
   }
   return nullptr;
 }
 
 RowMaker user_row_maker(const zorv::PolicyReading& policy) {
-  return [&policy, row = ListedUser()](const void* record) mutable -> const void* {
-    row.record = *static_cast<const db_privilege_user_block_data*>(record);
-    judge(policy, std::time(nullptr), row);
-    return &row;
+  return [&policy, row = ListedUser()](const void* record) mutable {
+    return make_user(record, policy, row);
   };
 }
 

@@ -15,6 +15,7 @@
 #include "display_text.h"
 #include "exit_status.h"
 #include "value_text.h"
+#include "whole_file.h"
 #include "whole_number.h"
 
 namespace zorvctl {
@@ -62,18 +63,6 @@ bool read_place(std::string_view text, record_int64 last_id, Place* ret) {
     place.marks.push_back(mark);
   }
   return false;
-}
-
-// Writes all of the text and sees it on the disk.
-bool write_whole(int file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(file, text.data(), text.size());
-    if (written < 0 && errno != EINTR) {
-      return false;
-    }
-    text.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
-  }
-  return fsync(file) == 0;
 }
 
 }  // namespace
@@ -145,18 +134,14 @@ int write_cursor(const std::string& path, const zorv::TableSchema& table, const 
   if (!file.valid()) {
     return complain_file("write", path, std::strerror(errno));
   }
-  if (!write_whole(file.get(), text) || rename(temporary.c_str(), path.c_str()) != 0) {
+  if (!os::write_all(file.get(), text) || fsync(file.get()) != 0 ||
+      rename(temporary.c_str(), path.c_str()) != 0) {
     const int error = errno;
     unlink(temporary.c_str());
     return complain_file("write", path, std::strerror(error));
   }
   // The new name, too, is to outlive a power cut; where folders cannot be synced, the old may stay.
-  const size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  const os::Descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory.valid()) {
-    fsync(directory.get());
-  }
+  os::sync_folder_of(path);
   return kDone;
 }
 

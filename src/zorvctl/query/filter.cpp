@@ -322,13 +322,12 @@ std::string Filter::wire_text() const {
   return field->is_text() ? text : number_digits(number);
 }
 
-bool match(const std::vector<const Filter*>& filters, const void* record) {
-  return std::all_of(filters.begin(), filters.end(), [&](const Filter* filter) {
-    return filter->matches(record) ||
-           (filter->is_alternative() &&
-            std::any_of(filters.begin(), filters.end(), [&](const Filter* other) {
-              return other->field == filter->field && other->is_alternative() &&
-                     other->matches(record);
+bool match(std::span<const Filter> filters, const void* record) {
+  return std::all_of(filters.begin(), filters.end(), [&](const Filter& filter) {
+    return filter.matches(record) ||
+           (filter.is_alternative() &&
+            std::any_of(filters.begin(), filters.end(), [&](const Filter& other) {
+              return other.field == filter.field && other.is_alternative() && other.matches(record);
             }));
   });
 }

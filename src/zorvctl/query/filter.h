@@ -11,9 +11,9 @@
 #include <regex.h>
 
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "time_argument.h"
 #include "zorv_schema.h"
@@ -52,6 +52,6 @@ int read_filter(std::span<const zorv::Field> fields, std::string_view what, std:
                 time_t now, Zone zone, Filter* ret, std::string* ret_error);
 
 // Whether a record is as all of them together want it.
-bool match(const std::vector<const Filter*>& filters, const void* record);
+bool match(std::span<const Filter> filters, const void* record);
 
 }  // namespace zorvctl

@@ -21,7 +21,7 @@ class Reading {
         zorv::copy_text(cond_.field, filter.field->name);
         zorv::copy_text(cond_.value, value);
       } else {
-        local_filters_.push_back(&filter);
+        local_filters_.push_back(filter);
       }
     }
     has_window_ = table.time != nullptr && (query.since || query.until);
@@ -141,7 +141,7 @@ class Reading {
   const RecordQuery& query_;
   const QueryEvents& events_;
   db_query_cond cond_{};
-  std::vector<const Filter*> local_filters_;
+  std::vector<Filter> local_filters_;
   bool has_window_ = false;
   bool selects_here_ = false;
   bool newest_first_ = false;
