@@ -110,13 +110,18 @@ class Line {
   std::string spilled_;
 };
 
-// Anybody may have put something in the file's place: a link to a file that is to be made, a FIFO
-// to be waited for, a file of his own to be locked. Only a plain file of root's or of this user's
-// counts, under one name.
+// Anybody may have put something in the file's place: a link to a file that is to be made, or a
+// FIFO to be waited for.
 int open_lock_file() {
   static const std::string path = os::rooted(kLogLockFile);
-  const int fd =
-      open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK, 0777);
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK,
+              0777);
+}
+
+// A file of anybody else's would be locked by him for ever. Only a plain file of root's or of this
+// user's counts, under one name.
+int open_lock_file_to_hold() {
+  const int fd = open_lock_file();
   struct stat about {};
   if (fd >= 0 && (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode) || about.st_nlink != 1 ||
                   (about.st_uid != 0 && about.st_uid != geteuid()))) {
@@ -163,7 +168,7 @@ void write_to_file(const LogSite& site, const Line& line) {
   }
   append_to_log_file(line);
   if (lock_fd == -1) {
-    lock_fd = open_lock_file();
+    lock_fd = open_lock_file_to_hold();
     const int left_open = site.module._iot_lock_fd_.exchange(lock_fd);
     if (left_open != -1) {
       close(left_open);

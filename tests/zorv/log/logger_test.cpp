@@ -64,12 +64,6 @@ TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   fs::create_symlink(other, lock);
   ZORV_LOG(info, "a link\n");
   EXPECT_FALSE(fs::exists(other));
-  // One that was left open would make the next line wait for its lock.
-  std::ofstream(other).close();
-  fs::remove(lock);
-  fs::create_hard_link(other, lock);
-  ZORV_LOG(info, "a second name\n");
-  EXPECT_EQ(log_module._iot_lock_fd_, -1);
   fs::remove(lock);
   ASSERT_EQ(mkfifo(lock.c_str(), 0666), 0);
   errno = ENOTTY;
@@ -79,6 +73,35 @@ TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   fs::rename(lock, file);
   ZORV_LOG(info, "lost\n");
   EXPECT_EQ(descriptors(), before);
+}
+
+// The first open fails at a link and the second one finds a file, which the next line would wait
+// for.
+TEST(Logger, HoldsNoFileThatMayBeAnotherUsers) {
+  const std::string lock = harness::test_root() + kLogLockFile;
+  const std::string other = harness::test_root() + "/other";
+  const std::string link = harness::test_root() + "/link";
+  for (const bool has_second_name : {true, false}) {
+    fs::create_symlink("nowhere", link);
+    std::ofstream(lock).close();
+    if (has_second_name) {
+      fs::create_hard_link(lock, other);
+    }
+    harness::Child swapper([&] {
+      while (renameat2(AT_FDCWD, link.c_str(), AT_FDCWD, lock.c_str(), RENAME_EXCHANGE) == 0) {
+      }
+      return 0;
+    });
+    for (int i = 0; i < 20000 && log_module._iot_lock_fd_ == -1; ++i) {
+      ZORV_LOG(info, "%d\n", i);
+    }
+    EXPECT_EQ(log_module._iot_lock_fd_ == -1, has_second_name);
+    swapper.stop();
+    for (const std::string& path : {lock, link, other}) {
+      fs::remove(path);
+    }
+  }
+  close(log_module._iot_lock_fd_.exchange(-1));
 }
 
 TEST(Logger, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
