@@ -90,7 +90,8 @@ class Shipper {
       for (LogState& state : logs_) {
         NewRows rows;
         const int read = state.reader.read(state.place, &rows);
-        if (!finish_page()) {
+        const bool is_page = read == KX_SUCCESS && !rows.empty();
+        if ((is_page || read != KX_SUCCESS) && !finish_page()) {
           return server_failed();
         }
         if (read != KX_SUCCESS) {
@@ -98,7 +99,7 @@ class Shipper {
           return kUnreachable;
         }
         tell_doubt(&state, rows.in_doubt);
-        if (!rows.empty()) {
+        if (is_page) {
           is_new = true;
           if (!shipment_.send(state.log, rows, &state.place)) {
             return server_failed();
@@ -108,6 +109,9 @@ class Shipper {
           state.behind = rows.behind;
         }
       }
+    }
+    if (!finish_page()) {
+      return server_failed();
     }
     if (!say_alive()) {
       return server_failed();

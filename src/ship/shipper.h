@@ -11,7 +11,7 @@ struct ShipOptions {
   bool follow = false;
   bool take_over = false;
   unsigned interval = 10;  // seconds from one look to the next
-  unsigned page = 2000;    // rows: of the largest record 10 MB, twice in memory on the way
+  unsigned page = 10000;   // rows: of the largest record 52 MB while there is a backlog
 };
 
 // An exit status.
