@@ -65,6 +65,18 @@ wait "$platform"
 
 step "removing"
 dpkg --verify zorvd
+if [ -e /srv/old.deb ]; then
+  for package in old zorvd old zorvd; do
+    dpkg --force-confold --install "/srv/$package.deb"
+    zorvd &
+    daemon=$!
+    until zorvctl server-log add --username "$package" 2>/dev/null; do sleep 0.05; done
+    names=$(zorvctl server-log list -n 0 -j | sed 's/.*"username": "\([a-z]*\)".*/\1/' | sort | xargs)
+    kill $daemon
+    wait $daemon
+  done
+  [ "$names" = 'alice old old zorvd zorvd' ]
+fi
 dpkg --remove zorvd
 [ ! -e /usr/local/sbin/notify ]
 [ ! -e /usr/sbin/zorvd ]
