@@ -23,12 +23,14 @@ function bytes(value) {
   return `${Number(value.toFixed(1))} ${units[unit]}`;
 }
 
-// Ticks at whole numbers of a unit, of which there are 1024 in the next.
+// Ticks at whole numbers of a unit, or at halves of the next, which is 1024 of it.
+const byteSteps = [[1, 6], [2, 12], [5, 30], [10, 60], [20, 120], [50, 300], [100, 600], [200, 1000], [512, 3072]];
+
 function byteStep(most) {
   for (let unit = 1; ; unit *= 1024) {
-    const step = [1, 2, 5, 10, 20, 50, 100, 200, 500].find((count) => most <= 6 * count * unit);
-    if (step) {
-      return step * unit;
+    const fitting = byteSteps.find(([, upTo]) => most <= upTo * unit);
+    if (fitting) {
+      return fitting[0] * unit;
     }
   }
 }
