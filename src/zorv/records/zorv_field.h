@@ -17,7 +17,8 @@ namespace zorv {
 
 enum class Meaning {
   text,
-  address,  // a text: one of IPv4 or IPv6, or several with commas between them
+  address,    // a text: one of IPv4 or IPv6
+  addresses,  // a text: one or several of them, with commas between
   number,
   bytes,
   seconds,
@@ -115,7 +116,8 @@ consteval size_t text_size(Member Record::*) {
 template <auto Member>
 consteval Field field(const char* name, const char* heading, Meaning meaning, Place place = {}) {
   constexpr size_t kText = field_detail::text_size(Member);
-  const bool is_text = meaning == Meaning::text || meaning == Meaning::address;
+  const bool is_text =
+      meaning == Meaning::text || meaning == Meaning::address || meaning == Meaning::addresses;
   if ((kText != 0) != is_text || meaning == Meaning::code) {
     throw "an array of characters is a text, and only that";
   }

@@ -67,12 +67,16 @@ bool read_address(std::string_view text, Network* ret) {
   return read;
 }
 
+// An address alone is a network of one.
 bool read_network(std::string_view text, Network* ret) {
   const size_t slash = text.find('/');
   Network network;
-  int bits = 0;
-  if (!read_address(text.substr(0, slash), &network) ||
-      !whole_number(text.substr(slash + 1), &bits) || bits < 0 || bits > network.bits) {
+  if (!read_address(text.substr(0, slash), &network)) {
+    return false;
+  }
+  int bits = network.bits;
+  if (slash != std::string_view::npos &&
+      (!whole_number(text.substr(slash + 1), &bits) || bits < 0 || bits > network.bits)) {
     return false;
   }
   network.bits = kAddressBits - network.bits + bits;
@@ -180,7 +184,10 @@ int read_text(std::string_view value, Filter* filter, std::string* ret_error) {
 
 int read_address_value(std::string_view value, Filter* filter, std::string* ret_error) {
   if (value.find('/') == std::string_view::npos) {
-    return read_text(value, filter, ret_error);
+    const bool is_one_of_several =
+        filter->field->meaning == Meaning::addresses && read_network(value, &filter->network);
+    filter->kind = is_one_of_several ? Filter::Kind::network : filter->kind;
+    return is_one_of_several ? 0 : read_text(value, filter, ret_error);
   }
   filter->kind = Filter::Kind::network;
   if (!read_network(value, &filter->network)) {
@@ -229,6 +236,7 @@ int read_equal(std::string_view value, time_t now, Zone zone, Filter* filter,
     case Meaning::text:
       return read_text(value, filter, ret_error);
     case Meaning::address:
+    case Meaning::addresses:
       return read_address_value(value, filter, ret_error);
     case Meaning::code:
       return read_code(value, now, zone, filter, ret_error);

@@ -2,7 +2,8 @@
 // as they are applied.
 //
 //   =     equals; a text or a code may end with * for any rest, and \* stands for the star itself;
-//         an address may be a network, 192.0.2.0/24; a time may be a whole day
+//         an address may be a network, 192.0.2.0/24, and is found among several; a time may be
+//         a whole day
 //   !=    is not what = would find
 //   < <= > >=   of numbers, durations and times
 //   ~ !~  an extended regular expression finds something in a text, or in a code's word

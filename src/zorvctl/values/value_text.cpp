@@ -128,6 +128,7 @@ std::string shown_value(const Field& field, const FieldValue& value, Zone zone, 
   switch (field.meaning) {
     case Meaning::text:
     case Meaning::address:
+    case Meaning::addresses:
       return display_text(std::get<std::string_view>(value));
     case Meaning::bytes:
       return (is_compact ? short_bytes_text : bytes_text)(std::get<record_int64>(value));
@@ -220,6 +221,7 @@ std::string value_hint(const Field& field) {
   switch (field.meaning) {
     case Meaning::text:
     case Meaning::address:
+    case Meaning::addresses:
       return fmt::format("text of at most {} bytes", field.size - 1);
     case Meaning::number:
       return "a whole number";
