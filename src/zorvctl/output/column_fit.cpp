@@ -33,9 +33,11 @@ class Fitting {
  private:
   bool fits_somehow() { return fits(false, kReadable) || fits(true, kReadable) || fits(true, 0); }
 
+  bool is_wide(size_t index) const { return needs_[index].compact >= kReadable; }
+
   // A wide one that is left out makes room for narrow ones that were left out before it.
   void bring_back() {
-    if (order_.empty() || needs_[order_.back()].compact < kReadable) {
+    if (order_.empty() || !is_wide(order_.back())) {
       return;
     }
     for (order_.pop_back(); !order_.empty(); order_.pop_back()) {
@@ -44,7 +46,9 @@ class Fitting {
       if (!fits(false, kReadable) && !fits(true, kReadable)) {
         left_out_[order_.back()] = true;
         fit_ = std::move(before);
-        return;
+        if (!is_wide(order_.back())) {
+          return;
+        }
       }
     }
   }
