@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -61,27 +62,43 @@ bool forgets_failures(const db_conn_server_log& record) {
   return record.action == zorv::kLoginOk && record.vpn_type != zorv::WIREGUARD_SERVER_TYPE;
 }
 
+// The oldest row within the grace may be the last failure that was counted, and those behind it
+// attempts that were refused because of the block: as many of them as the count can spare.
+void leave_refused_out(unsigned long long at_most, unsigned long long counted,
+                       unsigned long long shown, Failures& failures) {
+  const auto refused = std::min(at_most, failures.found - std::min(failures.found, counted));
+  failures.found = std::min(failures.found - refused, counted);
+  auto& rows = failures.rows;
+  rows.erase(rows.begin(), rows.begin() + static_cast<std::ptrdiff_t>(refused));
+  rows.resize(static_cast<size_t>(std::min<unsigned long long>(rows.size(), shown)));
+}
+
 int find_failures(const WhyOptions& options, const db_privilege_user_block_data& user,
-                  Failures& ret) {
-  const uint64_t last = (user.timestamp & 0xffffffffU) + kGrace;
-  const auto counted = static_cast<unsigned>(user.limit);
+                  bool is_limit_reached, Failures& ret) {
+  const uint64_t last = user.timestamp & 0xffffffffU;
+  const unsigned long long counted = static_cast<unsigned>(user.limit);
+  const auto shown = options.limit == 0 ? counted : std::min(options.limit, counted);
+  unsigned long long within_grace = 0;
+  const auto spare = [&] { return std::max(within_grace, 1ULL) - 1; };
   Progress progress;
   QueryEvents events;
   events.on_wait = std::ref(progress);
   events.on_record = [&](const void* record) {
     const auto& row = *static_cast<const db_conn_server_log*>(record);
-    // What came after the last that was counted was refused because of the block.
-    if (row.action == zorv::kLoginFail && row.time <= last) {
+    // What came later was refused because of the block.
+    if (row.action == zorv::kLoginFail && row.time <= last + kGrace) {
       ++ret.found;
-      if (options.limit == 0 || ret.found <= options.limit) {
+      within_grace += is_limit_reached && row.time >= last ? 1 : 0;
+      if (ret.rows.size() < shown + spare()) {
         ret.rows.push_back(row_of(row));
       }
     }
-    return !forgets_failures(row) && ret.found < counted;
+    return !forgets_failures(row) && ret.found < counted + spare();
   };
   const int status = run_query(zorv::kServerLog,
                                where(*zorv::kServerLog.find("username"), options.user, {}), events);
   progress.clear();
+  leave_refused_out(spare(), counted, shown, ret);
   return report_status(status, "list the failed logins");
 }
 
@@ -136,11 +153,14 @@ int why(const WhyOptions& options) {
   }
   db_privilege_user_block_data user{};
   std::memcpy(&user, look.row.data(), sizeof user);
+  const zorv::PolicyReading policy = read_policy_or_complain();
+  const bool is_limit_reached =
+      policy.state == zorv::PolicyReading::State::read && user.limit >= policy.policy.limit;
   Failures failures;
-  if (const int status = find_failures(options, user, failures); status != kDone) {
+  if (const int status = find_failures(options, user, is_limit_reached, failures);
+      status != kDone) {
     return status;
   }
-  const zorv::PolicyReading policy = read_policy_or_complain();
   std::string out = is_told ? verdict_text(options, user, policy) : "";
   const auto writer =
       find_format(options.output)->make_writer({kFields, output_style(options)}, &out);
