@@ -41,16 +41,30 @@ constexpr zorv::CodeWord kStates[] = {{kConnected, "still connected"},
                                       {kBrokenOff, "broken off"},
                                       {kNoLogin, "login not recorded"}};
 
+// A logout tells when a session ended and what it carried; nobody tells of one that is broken off.
+bool is_logged_out(const void* row) {
+  const int state = static_cast<const SessionRow*>(row)->state;
+  return state == kEnded || state == kNoLogin;
+}
+bool has_duration(const void* row) {
+  return static_cast<const SessionRow*>(row)->state != kBrokenOff;
+}
+
 constexpr zorv::Field kFields[] = {
     zorv::field<&SessionRow::username>("username", "USER", Meaning::text, {1, 0}),
     zorv::code<&SessionRow::vpn_type>("vpn_type", "PROTOCOL", zorv::kServerProtocols, {2, 5}),
     zorv::field<&SessionRow::source_ip>("source_ip", "SOURCE", Meaning::address, {3, 2}),
-    zorv::field<&SessionRow::vpn_ip>("vpn_ip", "VPN-IP", Meaning::address, {4, 4}),
+    zorv::field<&SessionRow::vpn_ip>("vpn_ip", "VPN-IP", Meaning::addresses, {4, 4}),
     zorv::field<&SessionRow::start>("start", "START", Meaning::time, {5, 0}),
-    zorv::field<&SessionRow::uptime>("uptime", "DURATION", Meaning::seconds, {6, 6}),
-    zorv::field<&SessionRow::tx_total>("tx_total", "SENT", Meaning::bytes, {7, 7}),
-    zorv::field<&SessionRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes, {8, 8}),
-    zorv::field<&SessionRow::end>("end", "END", Meaning::time, {9, 3}),
+    zorv::computed(zorv::field<&SessionRow::uptime>("uptime", "DURATION", Meaning::seconds, {6, 6}),
+                   has_duration),
+    zorv::computed(zorv::field<&SessionRow::tx_total>("tx_total", "SENT", Meaning::bytes, {7, 7}),
+                   is_logged_out),
+    zorv::computed(
+        zorv::field<&SessionRow::rx_total>("rx_total", "RECEIVED", Meaning::bytes, {8, 8}),
+        is_logged_out),
+    zorv::computed(zorv::field<&SessionRow::end>("end", "END", Meaning::time, {9, 3}),
+                   is_logged_out),
     zorv::code<&SessionRow::state>("state", "STATE", kStates, {10, 0}),
 };
 
@@ -74,12 +88,12 @@ struct SessionOptions : OutputOptions {
   bool open = false;
   WindowOptions window;
   std::optional<std::string> at;
-  std::string user;
+  std::optional<std::string> user;
   bool follow = false;
   bool limit_given = false;
 
   bool wants(const Session& session) const {
-    return (user.empty() || session.username == user) && (!open || session.state == kConnected);
+    return (!user || session.username == *user) && (!open || session.state == kConnected);
   }
 };
 
@@ -177,7 +191,7 @@ void add_sessions_noun(CLI::App& program, Run* run) {
   auto options = std::make_shared<SessionOptions>();
   CLI::App* noun = program.add_subcommand(
       "sessions", "Show who is connected and who was: logins and logouts joined");
-  noun->add_option("user", options->user, "Only this user's")->type_name("USER");
+  noun->add_option("user", given(options->user), "Only this user's")->type_name("USER");
   noun->add_flag("--open", options->open, "Only those that are still connected");
   CLI::Option* at =
       noun->add_option("--at", given(options->at), "Only those that were connected then")
@@ -196,7 +210,8 @@ void add_sessions_noun(CLI::App& program, Run* run) {
       "\n\n"
       "A session without a logout is still connected, or broken off where a later login has its\n"
       "address in the tunnel or its interface. One whose login is not in the log any more, or\n"
-      "never was, shows when it must have begun.\n\n"
+      "never was, shows when it must have begun. What only a logout tells, the end and the\n"
+      "bytes, has no value without one, nor has the duration of one that is broken off.\n\n"
       "Examples:\n"
       "  zorvctl sessions --open\n"
       "  zorvctl sessions --at \"2026-11-21 04:10\"\n"
