@@ -8,6 +8,7 @@ const charts = {
   sources: { table: "sources", columns: [1], colors: ["--bad"], lying: true },
 };
 const longestLabel = 24;
+const longestOnPhone = 18;
 
 function color(name) {
   return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
@@ -35,10 +36,10 @@ function byteStep(most) {
   }
 }
 
-function shortened(text) {
+function shortened(text, longest) {
   const characters = Array.from(text);
-  return characters.length > longestLabel
-    ? characters.slice(0, longestLabel - 1).join("") + "\u2026"
+  return characters.length > longest
+    ? characters.slice(0, longest - 1).join("") + "\u2026"
     : text;
 }
 
@@ -66,12 +67,19 @@ function configuration(spec, table) {
   const names = {
     stacked: true,
     grid: { display: false },
-    ticks: { color: color("--faint"), autoSkip: !spec.lying, maxRotation: 60 },
+    ticks: {
+      color: color("--faint"),
+      autoSkip: !spec.lying,
+      maxRotation: 60,
+      callback(index) {
+        return shortened(this.getLabelForValue(index), this.chart.width < 480 ? longestOnPhone : longestLabel);
+      },
+    },
   };
   return {
     type: "bar",
     data: {
-      labels: rows.map((row) => shortened(row.cells[0].textContent)),
+      labels: rows.map((row) => shortened(row.cells[0].textContent, longestLabel)),
       datasets: spec.columns.map((column, index) => ({
         label: table.tHead.rows[0].cells[column].textContent,
         data: rows.map((row) => value(row, column)),
