@@ -182,7 +182,7 @@ TEST(OpenVpn, AnyEnvironmentBecomesARecord) {
       {{"time_duration=11", "bytes_sent=-1", "bytes_received=12x"}, "||||77 11|77|0|0"},
       {{"time_duration=9223372036854775807", "time_unix=1"}, "||||1 9223372036854775807|77|0|0"},
       {{"bytes_sent=9223372036854775808"}, "||||77 0|77|9223372036854775807|0"},
-      {{"time_duration=1", "time_unix=18446744073709551615"}, "||||9223372036854775807 1|77|0|0"},
+      {{"time_duration=1", "time_unix=18446744073709551616"}, "||||9223372036854775807 1|77|0|0"},
   };
   for (const auto& one : cases) {
     const auto environment = zorvctl::environment_of(one.variables);

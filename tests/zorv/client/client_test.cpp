@@ -135,6 +135,7 @@ TEST(Client, AnswersAreReadWithCare) {
   using enum zorv_api::BlockAnswer;
   for (const auto& [reply, expected] : {std::pair{"1\0x"s, blocked},
                                         {"0"s, not_blocked},
+                                        {"10"s, unknown},
                                         {std::string(35, 'u'), unknown},
                                         {std::string(36, 'u'), unknown}}) {
     next_reply = reply;

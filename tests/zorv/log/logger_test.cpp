@@ -22,6 +22,10 @@ std::string log_content() {
   return harness::read_file(kDefaultLogFile);
 }
 
+auto descriptors() {
+  return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+}
+
 TEST(Logger, LinesCarryTheirPlaceAndJoinWhereNoNewlineEndsThem) {
   umask(0);
   const int line = __LINE__ + 1;
@@ -50,9 +54,6 @@ TEST(Logger, ThresholdDropsLowerLevelsWithoutEvaluatingThem) {
 TEST(Logger, WritesWhereItIsToldAndSurvivesWhatItFindsThere) {
   const std::string lock = harness::test_root() + kLogLockFile;
   const std::string file = harness::test_root() + kDefaultLogFile;
-  const auto descriptors = [] {
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-  };
   const auto before = descriptors();
   alarm(30);  // where a FIFO is waited for
   testing::internal::CaptureStdout();
@@ -81,6 +82,7 @@ TEST(Logger, HoldsNoFileThatMayBeAnotherUsers) {
   const std::string lock = harness::test_root() + kLogLockFile;
   const std::string other = harness::test_root() + "/other";
   const std::string link = harness::test_root() + "/link";
+  const auto before = descriptors();
   for (const bool has_second_name : {true, false}) {
     fs::create_symlink("nowhere", link);
     std::ofstream(lock).close();
@@ -102,6 +104,7 @@ TEST(Logger, HoldsNoFileThatMayBeAnotherUsers) {
     }
   }
   close(log_module._iot_lock_fd_.exchange(-1));
+  EXPECT_EQ(descriptors(), before);
 }
 
 TEST(Logger, ADescriptorLeftOpenMakesTheNextLineWaitForTheLock) {
