@@ -1,8 +1,9 @@
 #include <cstring>
 #include <ctime>
-#include <memory>
+#include <new>
 #include <optional>
 
+#include "detached_work.h"
 #include "login_policy.h"
 #include "nc_msg_db.h"
 #include "zorvd_tables.h"
@@ -20,10 +21,6 @@ using zorv::LoginPolicy;
 constexpr const zorv::nc_msg_struct* kBlocked = zorv::nc_msg("C001", "0020");
 constexpr const zorv::nc_msg_struct* kUnblocked = zorv::nc_msg("C001", "0021");
 
-struct FreeRecords {
-  void operator()(Record* records) const { std::free(records); }
-};
-
 std::string or_empty(const char* username) {
   return username != nullptr ? username : "";
 }
@@ -32,8 +29,8 @@ record_uint64 now() {
   return static_cast<record_uint64>(time(nullptr));
 }
 
-void notify(const zorv::nc_msg_struct* message, const std::string& username) {
-  zorv::nclog::notify_send(message, username.c_str(), nullptr);
+void notify(const zorv::nc_msg_struct* message, const char* username) {
+  zorv::nclog::notify_send(message, username, nullptr);
 }
 
 std::optional<LoginPolicy> policy_that_is_on() {
@@ -54,7 +51,8 @@ std::string_view name_of(int text_count, char** texts) {
   constexpr int kColumn = 1;
   static_assert(&zorv::kBlockFields[kColumn] == zorv::named_field(zorv::kBlockFields, "username"));
   const char* const name = text_count > kColumn ? texts[kColumn] : nullptr;
-  return name != nullptr ? std::string_view(name, strnlen(name, sizeof Record::username - 1)) : "";
+  return name != nullptr ? std::string_view(name, strnlen(name, sizeof Record::username - 1))
+                         : "NULL";
 }
 
 int search_callback(void* user, int text_count, char** texts, char** /*names*/) {
@@ -74,6 +72,57 @@ std::optional<Record> find_user(const std::string& username) {
   record_uint64 total = 0;
   select_page(table, every_row, search_callback, &search, total);
   return search.found;
+}
+
+struct NamesAt {
+  int limit;
+  std::string names;  // each with its terminator
+};
+
+int names_callback(void* user, int text_count, char** texts, char** /*names*/) {
+  auto& at = *static_cast<NamesAt*>(user);
+  Record row{};
+  read_row(table.schema, text_count, texts, &row);
+  if (row.limit == at.limit) {
+    try {
+      at.names.append(row.username, std::strlen(row.username) + 1);
+    } catch (const std::bad_alloc&) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// Of the users with just that many failed logins, in the select's order.
+std::string names_at(int limit) {
+  db_query_cond every_row{};
+  every_row.count = -1;
+  NamesAt at{limit, ""};
+  record_uint64 total = 0;
+  select_page(table, every_row, names_callback, &at, total);
+  return std::move(at.names);
+}
+
+// Tells of the users whose names these are. A caller waits for the first of them; after a guessing
+// attack there are more than anybody can wait for.
+void notify_of_end(const std::string& names) {
+  constexpr int kAwaited = 100;
+  size_t next = 0;
+  const auto tell = [&names, &next] {
+    const char* const name = names.c_str() + next;
+    notify(kUnblocked, name);
+    next += std::strlen(name) + 1;
+  };
+  for (int told = 0; next < names.size() && told < kAwaited; ++told) {
+    tell();
+  }
+  if (next < names.size()) {
+    os::work_detached([&] {
+      while (next < names.size()) {
+        tell();
+      }
+    });
+  }
 }
 
 void update_count(const Record& row, const std::string& username, record_int64 count) {
@@ -101,7 +150,7 @@ int insert_privilege_user_block(const char* username) {
   }
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == count) {
-    notify(kBlocked, name);
+    notify(kBlocked, name.c_str());
   }
   return 0;
 }
@@ -133,7 +182,7 @@ int check_privilege_user_block(const char* username) {
       break;
   }
   delete_row(table, row->id);
-  notify(kUnblocked, name);
+  notify(kUnblocked, name.c_str());
   return 0;
 }
 
@@ -147,7 +196,7 @@ int delete_privilege_user_block(const char* username) {
   delete_row(table, row->id);
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   if (policy && policy->limit == row->limit) {
-    notify(kUnblocked, name);
+    notify(kUnblocked, name.c_str());
   }
   return 0;
 }
@@ -156,17 +205,7 @@ int clean_privilege_user_block() {
   const std::optional<LoginPolicy> policy = policy_that_is_on();
   const Operation request;
   if (policy) {
-    // Collected first: nothing that can throw runs inside SQLite's callback.
-    db_privilege_user_block_query rows{};
-    db_privilege_user_block_query* out = &rows;
-    const db_query_cond every_row{0, -1, 0, 0, "", ""};
-    select_privilege_user_block(&every_row, &out);
-    const std::unique_ptr<Record, FreeRecords> owned(rows.data);
-    for (record_uint64 i = 0; i < rows.count; ++i) {
-      if (rows.data[i].limit == policy->limit) {
-        notify(kUnblocked, rows.data[i].username);
-      }
-    }
+    notify_of_end(names_at(policy->limit));
   }
   clean(table);
   return optimize_privilege_user_block_db();

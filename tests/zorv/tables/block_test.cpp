@@ -80,6 +80,13 @@ TEST(Block, IsCountedToldAndLiftedByThePolicy) {
     EXPECT_EQ(harness::sql("SELECT username, limit_count FROM privilege_user_block"), left);
     expected.insert(expected.end(), told.begin(), told.end());
   }
+  for (int i = 100; i < 250; ++i) {  // more than a caller waits for
+    harness::sql("INSERT INTO privilege_user_block VALUES (" + std::to_string(i) + ", 'm" +
+                 std::to_string(i) + "', 2, 0)");
+    expected.push_back("0021 m" + std::to_string(i));
+  }
+  policy_reply = R"({"error": 0, "data": {"global": )"s + kOn + "}}\0"s;
+  EXPECT_EQ(store::clean_privilege_user_block(), 0);
   EXPECT_TRUE(harness::log_holds("check_privilege_user_block: kx failed. kxh vpncaas.read_json"));
   Texts messages;  // each with its user
   for (const std::string& line : harness::notifications(expected.size())) {
