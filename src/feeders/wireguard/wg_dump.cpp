@@ -30,9 +30,12 @@ std::vector<std::string_view> split(std::string_view text, char separator) {
   return parts;
 }
 
+// As far as the state's file and the records can hold it.
 bool read_number(std::string_view text, uint64_t* ret) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *ret);
-  return error == std::errc() && end == text.data() + text.size();
+  int64_t number = -1;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  *ret = static_cast<uint64_t>(number);
+  return error == std::errc() && number >= 0 && end == text.data() + text.size();
 }
 
 // "192.0.2.7:51820", "[2001:db8::7]:51820" or "(none)".
@@ -67,7 +70,7 @@ std::string tunnel_addresses(std::string_view allowed_ips) {
 }  // namespace
 
 std::optional<std::vector<Peer>> read_dump(std::string_view text) {
-  if (!text.ends_with('\n')) {
+  if (!text.ends_with('\n') || text.find('\0') != std::string_view::npos) {
     return std::nullopt;
   }
   const std::vector<std::string_view> lines = split(text.substr(0, text.size() - 1), '\n');

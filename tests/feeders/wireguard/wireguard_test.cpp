@@ -163,8 +163,12 @@ TEST(WireguardDump, EndpointsAndAddresses) {
                           peer.handshake, peer.received, peer.sent),
               fmt::format("key {} {} 5 6 7", source_ip, vpn_ip));
   }
-  for (const char* text : {"", "\n", "p\tk\t1\toff", "p\tk\t1\n", "p\tk\t1\toff\nkey\n",
-                           "p\tk\t1\toff\nkey\t-\te:1\tr\t5\t6x\t7\toff\n"}) {
+  using namespace std::string_view_literals;
+  for (const std::string_view text :
+       {""sv, "\n"sv, "p\tk\t1\toff"sv, "p\tk\t1\n"sv, "p\tk\t1\toff\nkey\n"sv,
+        "p\tk\t1\toff\nkey\t-\te:1\tr\t5\t6x\t7\toff\n"sv,
+        "p\tk\t1\toff\nkey\t-\te:1\tr\t5\t9223372036854775808\t7\toff\n"sv,
+        "p\tk\t1\toff\nk\0y\t-\te:1\tr\t5\t6\t7\toff\n"sv}) {
     EXPECT_FALSE(read_dump(text)) << text;
   }
 }
