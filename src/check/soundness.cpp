@@ -1,15 +1,19 @@
 #include "soundness.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "descriptor.h"
+#include "memory_room.h"
 #include "zorvd_db_helper.h"
 
 namespace check {
@@ -89,6 +93,24 @@ Finding look_here(const std::string& file, bool may_write) {
   return finding;
 }
 
+// A disk gives a file in its order sooner than in the order of its trees. Not where it would push
+// its own beginning out of the memory again.
+void read_ahead(const std::string& file) {
+  constexpr off_t kStep = 1 << 20;
+  constexpr uint64_t kPartOfMemory = 4;
+  const os::Descriptor opened(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  const uint64_t memory =
+      static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES)) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+  struct stat status {};
+  if (opened.valid() && fstat(opened.get(), &status) == 0 &&
+      static_cast<uint64_t>(status.st_size) <
+          std::min(memory, os::memory_room().limit) / kPartOfMemory) {
+    for (off_t at = 0; at < status.st_size && !is_cancelled(); at += kStep) {
+      posix_fadvise(opened.get(), at, kStep, POSIX_FADV_WILLNEED);
+    }
+  }
+}
+
 }  // namespace
 
 bool is_cancelled() {
@@ -120,6 +142,7 @@ Finding look(const std::string& file, bool may_write) {
     _exit(write(writing.get(), told.data(), told.size()) == std::ssize(told) ? 0 : 1);
   }
   writing.reset();
+  read_ahead(file);
   char told[1024];
   ssize_t length = 0;
   do {
