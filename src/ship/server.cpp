@@ -1,12 +1,18 @@
 #include "server.h"
 
 #include <cstdlib>
-#include <utility>
 
 namespace ship {
 namespace {
 
-// The first line, without what a terminal would take for more than text.
+// A server notices as soon as its caller that the other side is gone, and lets go of its locks.
+constexpr const char* kSession =
+    "SET client_min_messages = warning; SET tcp_keepalives_idle = 30;"
+    "SET tcp_keepalives_interval = 10; SET tcp_keepalives_count = 3;"
+    "SET lock_timeout = '10s'; SET datestyle = 'ISO'; SET timezone = 'UTC'";
+
+}  // namespace
+
 std::string one_line(std::string_view text) {
   std::string line(text.substr(0, text.find('\n')));
   for (char& byte : line) {
@@ -16,14 +22,6 @@ std::string one_line(std::string_view text) {
   }
   return line;
 }
-
-// A server notices as soon as its caller that the other side is gone, and lets go of its locks.
-constexpr const char* kSession =
-    "SET client_min_messages = warning; SET tcp_keepalives_idle = 30;"
-    "SET tcp_keepalives_interval = 10; SET tcp_keepalives_count = 3;"
-    "SET lock_timeout = '10s'; SET datestyle = 'ISO'; SET timezone = 'UTC'";
-
-}  // namespace
 
 bool Server::connect(const std::string& to) {
   setenv("PGCONNECT_TIMEOUT", "10", 0);
@@ -45,12 +43,12 @@ bool Server::fail(const PGresult* result) {
   const char* const text = result != nullptr && *PQresultErrorMessage(result) != '\0'
                                ? PQresultErrorMessage(result)
                                : PQerrorMessage(connection_.get());
-  fail(one_line(text));
+  fail(std::string(text));
   return false;
 }
 
-void Server::fail(std::string error) {
-  error_ = error.empty() ? "the connection broke" : std::move(error);
+void Server::fail(const std::string& error) {
+  error_ = error.empty() ? "the connection broke" : one_line(error);
   close();
 }
 

@@ -22,6 +22,9 @@ inline std::string_view value_of(const Result& result, int row, int column) {
           static_cast<size_t>(PQgetlength(result.get(), row, column))};
 }
 
+// The first line of a server's text, without what a terminal would take for more than text.
+std::string one_line(std::string_view text);
+
 class Server {
  public:
   // `to` is a connection string of libpq's, or "" for what its environment says. Where it leaves
@@ -45,7 +48,7 @@ class Server {
   std::string literal(std::string_view text) const;
   // One line: why the last call failed.
   const std::string& error() const { return error_; }
-  void fail(std::string error);
+  void fail(const std::string& error);
 
  private:
   struct End {

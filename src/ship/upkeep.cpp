@@ -46,7 +46,8 @@ int print_status(const std::string& to, const std::string& name) {
   std::string text = fmt::format(fmt::runtime(kLine), "NAS", "LOG", "GENERATION", "LAST ID",
                                  "SHIPPED", "LOST", "BEHIND", "LAST ROW", "SEEN");
   for (int row = 0; row < PQntuples(rows.get()); ++row) {
-    const auto value = [&rows, row](int column) { return value_of(rows, row, column); };
+    // Other machines have named themselves.
+    const auto value = [&rows, row](int column) { return one_line(value_of(rows, row, column)); };
     text += fmt::format(fmt::runtime(kLine), value(0), value(1), value(2), value(3), value(4),
                         value(5), ids_behind(value(1), value(8), value(3)), value(6), value(7));
   }
@@ -69,10 +70,10 @@ int prune(const std::string& to, const std::string& keep) {
     return failed(server);
   }
   for (int row = 0; row < PQntuples(made.get()); ++row) {
-    fmt::print("made {}\n", value_of(made, row, 0));
+    fmt::print("made {}\n", one_line(value_of(made, row, 0)));
   }
   for (int row = 0; row < PQntuples(dropped.get()); ++row) {
-    fmt::print("dropped {}\n", value_of(dropped, row, 0));
+    fmt::print("dropped {}\n", one_line(value_of(dropped, row, 0)));
   }
   return std::fflush(stdout) == 0 ? kDone : kFailed;
 }

@@ -246,6 +246,8 @@ class ShipTest(Shipping):
                         "SELECT zorv.prune('1 day')", "SELECT zorv.make_months()", "CREATE TABLE zorv.mine ()"):
             self.assertRegex(cluster.sql(attempt, "thief", check=False), "permission denied|row-level security", attempt)
         self.assertEqual(cluster.sql("UPDATE zorv.place SET last_id = 0 RETURNING nas; SELECT nas FROM zorv.place", "thief"), [])
+        cluster.sql(f"INSERT INTO zorv.place (nas, log, origin) VALUES ('{self.name}', E'\\x1b[2J', '')", self.name)
+        self.assertIn(" ?[2J ", run(*self.words("--status"), env=self.nas.environment).stdout.decode())
         cluster.sql("CREATE ROLE report LOGIN IN ROLE zorv_reader")
         self.assertEqual(cluster.sql(f"SELECT count(*) FROM zorv.server_log_words WHERE nas = '{self.name}' "
                                      "AND vpn_type = 'OpenVPN' AND action IN ('Login OK', 'Logout')", "report"), [["2"]])
