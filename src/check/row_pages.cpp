@@ -211,7 +211,7 @@ void Reader::leave_free_pages_out() {
   const uint32_t count = big_endian(header, 36, 4);
   std::vector<uint32_t> free;
   for (uint32_t trunk = big_endian(header, 32, 4); trunk != 0;) {
-    if (!is_new(trunk) || free.size() > count) {
+    if (!is_new(trunk) || free.size() > std::min(count, pages_.count())) {
       return;
     }
     const std::vector<uint8_t> page = read_page(trunk);

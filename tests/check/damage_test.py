@@ -34,6 +34,9 @@ def damages(image):
     yield bytes(2048) + image[2048:]
     yield b"no database at all\n" * 500
     yield random.randbytes(len(image))
+    page = half // 2048
+    itself = (page + 1).to_bytes(4, "big")  # a list of free pages that has no end
+    yield image[:32] + itself + b"\xff" * 4 + image[40:page * 2048] + itself + bytes(4) + image[page * 2048 + 8:]
     for size in (1, 100, 512, 5000):
         for fill in (bytes, random.randbytes):
             damaged = bytearray(image)
