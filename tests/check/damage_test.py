@@ -8,7 +8,7 @@ import sqlite3
 
 from repairs import Root, expect_repaired
 
-ROWS = {f"user{i:06}": "".join(f"<{i:06}.{k:03}>" for k in range(i % 90)) or f"<{i:06}.x>" for i in range(1, 600)}
+ROWS = {f"user{i:06}": "".join(f"<{i:06}.{k:03}>" for k in range(i % 90 * (i % 5))) or f"<{i:06}.x>" for i in range(1, 600)}
 NOBODY = 65534
 
 
@@ -36,7 +36,9 @@ def damages(image):
     yield random.randbytes(len(image))
     page = half // 2048
     itself = (page + 1).to_bytes(4, "big")  # a list of free pages that has no end
-    yield image[:32] + itself + b"\xff" * 4 + image[40:page * 2048] + itself + bytes(4) + image[page * 2048 + 8:]
+    stale = next(image[at:at + 2048] for at in range((page + 1) * 2048, len(image), 2048) if image[at] == 13)
+    yield image[:32] + itself + b"\xff" * 4 + image[40:page * 2048] + itself + bytes(4) + image[page * 2048 + 8:] + \
+        stale.replace(b"<", b"[")
     for size in (1, 100, 512, 5000):
         for fill in (bytes, random.randbytes):
             damaged = bytearray(image)

@@ -1,13 +1,16 @@
 // The spool against kills, floods and hostile files, with the real command and the real daemon.
 #include "spool.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
+#include "descriptor.h"
 #include "harness/daemon.h"
 #include "spool_file.h"
 #include "spool_names.h"
@@ -157,6 +160,10 @@ TEST_F(Spool, LeavesAloneWhatDoesNotCount) {
     plant(folder / name(number), "");
   }
   EXPECT_EQ(harness::lines_of(zorvctl({"spool", "list"}).err).size(), 10U);
+  os::Descriptor other(open(folder.parent_path().c_str(), O_RDONLY));
+  ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+  EXPECT_NE(zorvctl({"spool", "deliver"}).err.find("somebody else is"), std::string::npos);
+  other.reset();
   fs::permissions(folder.parent_path(), fs::perms(0777));
   EXPECT_EQ(zorvctl({"spool", "deliver"}).status, 1);
 }
@@ -198,6 +205,8 @@ TEST_F(Spool, BelongsToWhomTheAllowListNames) {
   EXPECT_NE(zorvctl({"spool", "deliver"}).err.find("4711 is left where it is: the user may not"),
             std::string::npos);
   EXPECT_EQ(delivered(), Lines{});
+  ASSERT_EQ(chown(folder_of(0).c_str(), 4711, 0), 0);
+  EXPECT_EQ(keep_as(0), EPERM);
 }
 
 }  // namespace
