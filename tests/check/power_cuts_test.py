@@ -105,7 +105,7 @@ def cuts(disk, events, choices):
                 cut = Disk(synced.files, synced.journal)
                 for one in chosen(pending):
                     cut.apply(one)
-                yield event.position - 1, cut.images()
+                yield event.position - 1, cut.images
             for one in pending:
                 if one.file == event.file:
                     synced.apply(one)
@@ -113,7 +113,7 @@ def cuts(disk, events, choices):
             continue
         disk.apply(event)
         pending.append(event)
-        yield event.position, disk.images()
+        yield event.position, disk.images
 
 
 def known_after(before, steps, position):
@@ -131,7 +131,7 @@ def known_after(before, steps, position):
     return known, maybe, gone
 
 
-def look_at_cuts(name, steps, choices, before=()):
+def look_at_cuts(name, steps, choices, before=(), every=1):
     with Root() as root, Root() as other:
         root.start()
         root.end()
@@ -141,11 +141,15 @@ def look_at_cuts(name, steps, choices, before=()):
         held = root.rows()
         disk = Disk({0: open(root.database, "rb").read()})
         events, done = record(root, steps)
+        end = open(root.database, "rb").read()
+        assert int.from_bytes(end[28:32], "big") * 2048 == len(end), "more than its pages"
         totals = collections.Counter()
-        for position, (image, journal) in cuts(disk, events, choices):
+        for position, images in itertools.islice(cuts(disk, events, choices), 0, None, every):
+            image, journal = images()
             expect_repaired(other, *known_after(held, done, position), image, image, totals, journal)
         print(f"{name}: {dict(totals)}", flush=True)
         assert totals["cuts"] and not totals["rows gone"]
+        assert every == 1 or not totals["repaired"], "a part was not taken back"
 
 
 def steps_of(count):
@@ -168,6 +172,16 @@ def recycling():
     old = [(f"old{i:06}", f"<{i:06}.o>") for i in range(1, 101_999)]
     steps = [add(0, 200), add(1, 200, {key for key, _ in old[:2000]}), add(2, 200)]
     return steps, 10, [("INSERT INTO conn_server_log (username, device_info) VALUES (?, ?)", old)]
+
+
+def large_clean():
+    """More pages than the daemon holds at a time, between those of another table."""
+    insert = "INSERT INTO {} (username, {}) VALUES (?, ?)"
+    others = [(f"old{i:06}", f"<{i:06}.o>") for i in range(400)]
+    failed = [(f"fail{i:06}" + "x" * 1000, 1) for i in range(14000)]
+    log = insert.format("conn_server_log", "device_info")
+    steps = [Step(0, ["block", "clean", "--all"], None, None, {key for key, _ in failed})]
+    return steps, 1, [(log, others[:200]), (insert.format("privilege_user_block", "limit_count"), failed), (log, others[200:])]
 
 
 def insert_until_refused(root, name, acknowledged):
@@ -213,6 +227,7 @@ def look_at_kills(count):
 
 random.seed(int(os.environ.get("SEED", "1")))
 look_at_cuts("all kinds", list(steps_of(250 if full else 24)), 3 if full else 4)
+look_at_cuts("a large clean", *large_clean(), every=100 if full else 1500)
 if full:
     look_at_cuts("recycling", *recycling())
     look_at_kills(1000)

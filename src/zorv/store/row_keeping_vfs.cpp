@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <set>
 #include <utility>
 
 #include "undo_journal.h"
@@ -13,12 +14,14 @@ namespace store {
 namespace {
 
 constexpr const char* kName = "zorv";
+constexpr size_t kMostHeld = 4096;  // pages
 
 // What was written since the file was locked for it, and not yet handed on.
 struct Transaction {
   sqlite3_int64 size_before;
   sqlite3_int64 size;
   PagesByOffset pages{};
+  std::set<sqlite3_int64> journaled{};  // offsets of pages that the undo journal has
 };
 
 // SQLite reserves the memory: the file that does the work lies behind this one.
@@ -80,6 +83,9 @@ int read_before(sqlite3_file* file, const Transaction& transaction, PagesByOffse
     if (offset >= transaction.size_before) {
       break;
     }
+    if (transaction.journaled.contains(offset)) {
+      continue;
+    }
     Page& before = ret_before[offset];
     before.resize(page.size());
     const int result = call<&sqlite3_io_methods::xRead>(file, before.data(),
@@ -113,17 +119,32 @@ int write_pages(sqlite3_file* file, const PagesByOffset& pages) {
   return result;
 }
 
-// Hands on what was held; the sync is still to come.
-int commit(sqlite3_file* file) {
+// Hands on what is held, all of it or a part: the sync is still to come.
+enum class Part : bool { last, more_follow };
+int hand_on(sqlite3_file* file, Part part) {
   Transaction& transaction = *ours(file)->transaction;
   PagesByOffset before;
   // A page that cannot be read has nothing to keep.
   const bool is_known = read_before(file, transaction, before) == SQLITE_OK;
-  const bool is_kept =
-      is_known && !before.empty() && moves_rows(transaction, before) && may_keep_journal(file) &&
-      write_undo_journal(real_vfs, ours(file)->name, transaction.size_before, before);
-  int result = write_pages(file, transaction.pages);
-  if (is_kept && result == SQLITE_OK) {
+  const size_t known = transaction.journaled.size();
+  const bool is_due =
+      known != 0 ||
+      ((part == Part::more_follow || moves_rows(transaction, before)) && may_keep_journal(file));
+  if (is_known && !before.empty() && is_due &&
+      write_undo_journal(real_vfs, ours(file)->name, transaction.size_before, before, known)) {
+    for (const auto& [offset, page] : before) {
+      transaction.journaled.insert(offset);
+    }
+  }
+  const int result = write_pages(file, transaction.pages);
+  transaction.pages.clear();
+  return result;
+}
+
+int commit(sqlite3_file* file) {
+  Transaction& transaction = *ours(file)->transaction;
+  int result = hand_on(file, Part::last);
+  if (!transaction.journaled.empty() && result == SQLITE_OK) {
     result = call<&sqlite3_io_methods::xSync>(file, SQLITE_SYNC_NORMAL);
     if (result == SQLITE_OK) {
       result = drop_undo_journal(real_vfs, ours(file)->name);
@@ -133,7 +154,7 @@ int commit(sqlite3_file* file) {
   if (result == SQLITE_OK && transaction.size < transaction.size_before) {
     result = call<&sqlite3_io_methods::xTruncate>(file, transaction.size);
   }
-  transaction.pages.clear();
+  transaction.journaled.clear();
   transaction.size_before = transaction.size;
   return result;
 }
@@ -155,7 +176,8 @@ int lock(sqlite3_file* file, int level) {
   return result;
 }
 
-// What was not synced until here belongs to a transaction that failed.
+// What was not synced until here belongs to a transaction that failed. Where a part of it is in the
+// file, whoever locks that next takes it back with the journal.
 int unlock(sqlite3_file* file, int level) {
   delete std::exchange(ours(file)->transaction, nullptr);
   return call<&sqlite3_io_methods::xUnlock>(file, level);
@@ -169,11 +191,11 @@ int write(sqlite3_file* file, const void* bytes, int size, sqlite3_int64 offset)
   try {
     const auto* const first = static_cast<const uint8_t*>(bytes);
     transaction->pages[offset].assign(first, first + size);
+    transaction->size = std::max(transaction->size, offset + size);
+    return transaction->pages.size() < kMostHeld ? SQLITE_OK : hand_on(file, Part::more_follow);
   } catch (const std::bad_alloc&) {
     return SQLITE_IOERR_NOMEM;
   }
-  transaction->size = std::max(transaction->size, offset + size);
-  return SQLITE_OK;
 }
 
 int read(sqlite3_file* file, void* bytes, int size, sqlite3_int64 offset) {
@@ -193,8 +215,13 @@ int read(sqlite3_file* file, void* bytes, int size, sqlite3_int64 offset) {
 
 int truncate(sqlite3_file* file, sqlite3_int64 size) {
   Transaction* const transaction = ours(file)->transaction;
-  if (transaction == nullptr) {
-    return call<&sqlite3_io_methods::xTruncate>(file, size);
+  // SQLite gives the end of a file back once the transaction holds.
+  if (transaction == nullptr || (transaction->pages.empty() && transaction->journaled.empty())) {
+    const int result = call<&sqlite3_io_methods::xTruncate>(file, size);
+    if (transaction != nullptr && result == SQLITE_OK) {
+      transaction->size = transaction->size_before = size;
+    }
+    return result;
   }
   transaction->pages.erase(transaction->pages.lower_bound(size), transaction->pages.end());
   transaction->size = size;

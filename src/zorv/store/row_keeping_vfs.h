@@ -6,7 +6,9 @@
 // where a table outgrows its first page, a row is deleted or counts on, or old rows fall away, rows
 // move between pages that are written over. So what a transaction writes is held until its sync;
 // where rows move, an undo journal (undo_journal.h) is on the disk before the first page is.
-// Where none can be written, as on a full disk, the pages are written all the same.
+// Where none can be written, as on a full disk, the pages are written all the same. Of a
+// transaction that writes more than 8 MB, as a clean of a large table does, a part is in the file
+// before the sync, and all that it wrote over is in the journal.
 #pragma once
 
 namespace store {

@@ -76,10 +76,13 @@ Page header(size_t page_count, sqlite3_int64 size, size_t page_size) {
   return bytes;
 }
 
-int write_and_sync(JournalFile& journal, sqlite3_int64 size, const PagesByOffset& before) {
+int write_and_sync(JournalFile& journal, sqlite3_int64 size, const PagesByOffset& before,
+                   size_t known) {
   const size_t page_size = before.begin()->second.size();
-  sqlite3_int64 at = kHeaderSize;
-  journal.empty();
+  sqlite3_int64 at = kHeaderSize + static_cast<sqlite3_int64>(known * (page_size + 8));
+  if (known == 0) {
+    journal.empty();
+  }
   for (const auto& [offset, page] : before) {
     Page record;
     record.reserve(page_size + 8);
@@ -91,7 +94,7 @@ int write_and_sync(JournalFile& journal, sqlite3_int64 size, const PagesByOffset
   }
   // Without its header it is none, and the header may only say what is on the disk.
   journal.sync();
-  journal.write(header(before.size(), size, page_size), 0);
+  journal.write(header(known + before.size(), size, page_size), 0);
   journal.sync();
   return journal.result();
 }
@@ -99,14 +102,14 @@ int write_and_sync(JournalFile& journal, sqlite3_int64 size, const PagesByOffset
 }  // namespace
 
 bool write_undo_journal(sqlite3_vfs* vfs, const char* database, sqlite3_int64 size,
-                        const PagesByOffset& before) {
+                        const PagesByOffset& before, size_t known) {
   int result = SQLITE_OK;
   {
     JournalFile journal(vfs, database, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-    result =
-        journal.result() == SQLITE_OK ? write_and_sync(journal, size, before) : journal.result();
+    result = journal.result() == SQLITE_OK ? write_and_sync(journal, size, before, known)
+                                           : journal.result();
   }
-  if (result != SQLITE_OK) {
+  if (result != SQLITE_OK && known == 0) {
     drop_undo_journal(vfs, database);
   }
   return result == SQLITE_OK;

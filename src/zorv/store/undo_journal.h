@@ -5,6 +5,7 @@
 
 #include <sqlite3.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <vector>
@@ -15,9 +16,10 @@ using Page = std::vector<uint8_t>;
 using PagesByOffset = std::map<sqlite3_int64, Page>;  // of one size
 
 // Of the database that `vfs` was asked to open as `database`, which is `size` bytes long. True once
-// the journal is on the disk; false where it cannot be written, and then there is none.
+// the journal is on the disk; false where it cannot be written, and then there is none. Pages that
+// follow in the same transaction are added behind the `known` ones, which stay whatever happens.
 bool write_undo_journal(sqlite3_vfs* vfs, const char* database, sqlite3_int64 size,
-                        const PagesByOffset& before);
+                        const PagesByOffset& before, size_t known);
 // The transaction holds. SQLite's result, after which the disk has no journal.
 int drop_undo_journal(sqlite3_vfs* vfs, const char* database);
 
