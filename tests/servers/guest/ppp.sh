@@ -87,16 +87,27 @@ start_daemon() {
 }
 stop_daemon() { kill "$daemon" && wait "$daemon" || true; }
 
+# are_in MACHINE PATTERN [SIGNAL]: processes whose name is like that; they are sent the signal.
+are_in() {
+  local process name any=1
+  for process in $(ip netns pids "$1"); do
+    read -r name <"/proc/$process/comm" || continue
+    # shellcheck disable=SC2053 # a pattern
+    [[ $name != $2 ]] || { any=0 && kill "-${3:-0}" "$process" || true; }
+  done 2>/dev/null
+  return $any
+}
+are_gone() { ! are_in "$@"; }
+
+# pppd first, which says good-bye through a tunnel that still stands.
 hang_up() {
+  are_in "$1" pppd TERM || true
+  within 5 are_gone "$1" pppd || true
   kill "${client[$1]}" 2>/dev/null || true
   wait "${client[$1]}" 2>/dev/null || true
 }
 kill_client() {
-  local process name
-  for process in $(ip netns pids "$1"); do
-    read -r name <"/proc/$process/comm" || continue
-    [[ $name != @(pppd|pptp|xl2tpd)* ]] || kill -9 "$process" 2>/dev/null || true
-  done
+  are_in "$1" '@(pppd|pptp|xl2tpd)*' KILL || true
   wait "${client[$1]}" 2>/dev/null || true
 }
 
